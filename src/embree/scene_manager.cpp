@@ -1,0 +1,377 @@
+// Building the two-level Embree structure and tracing rays through it.
+#include "embree/scene_manager.h"
+
+#include <cfloat>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+
+#include "embree/scene_handles.h"
+
+namespace vesk::embree {
+namespace {
+
+void on_embree_error(void* user, RTCError code, const char* text) {
+  auto* last = static_cast<std::string*>(user);
+  *last = std::string(rtc::error_text(code)) + (text ? std::string(": ") + text : std::string());
+}
+
+void check(RTCDevice device, const std::string& last_error, const char* step) {
+  if (rtcGetDeviceError(device) != RTC_ERROR_NONE)
+    throw std::runtime_error(std::string("Embree error during ") + step + ": " + last_error);
+}
+
+// Row-major 3x4 to Embree's column-major 4x4 (last row 0 0 0 1).
+void to_column_major(const float* m, float out[16]) {
+  const float cm[16] = {m[0], m[4], m[8],  0.0f, m[1], m[5], m[9],  0.0f,
+                        m[2], m[6], m[10], 0.0f, m[3], m[7], m[11], 1.0f};
+  std::memcpy(out, cm, sizeof(cm));
+}
+
+}  // namespace
+
+std::string EmbreeHit::to_string() const {
+  std::ostringstream s;
+  s << "EmbreeHit(hit=" << hit << ", t=" << t << ", position=(" << position.x << ", "
+    << position.y << ", " << position.z << "), instance_id=" << instance_id
+    << ", primitive_id=" << primitive_id << ", material_id=" << material_id
+    << ", back_face=" << back_face << ")";
+  return s.str();
+}
+
+EmbreeSceneManager::EmbreeSceneManager() : rtc_(std::make_unique<Handles>()) {
+  rtc_->device = rtcNewDevice(nullptr);
+  if (!rtc_->device) throw std::runtime_error("Failed to create Embree device");
+  rtcSetDeviceErrorFunction(rtc_->device, on_embree_error, &rtc_->last_error);
+}
+
+EmbreeSceneManager::~EmbreeSceneManager() {
+  release_embree_scenes_();
+  if (rtc_->device) rtcReleaseDevice(rtc_->device);
+}
+
+void EmbreeSceneManager::release_embree_scenes_() {
+  for (RTCScene& s : rtc_->mesh_scenes) {
+    if (s) rtcReleaseScene(s);
+    s = nullptr;
+  }
+  if (rtc_->top) rtcReleaseScene(rtc_->top);
+  rtc_->top = nullptr;
+}
+
+int32_t EmbreeSceneManager::add_mesh(std::vector<float3> vertices, std::vector<float3> normals,
+                                     std::vector<int3> indices, int32_t material_id) {
+  if (vertices.empty()) throw std::invalid_argument("mesh must contain at least one vertex");
+  if (indices.empty()) throw std::invalid_argument("mesh must contain at least one triangle");
+  if (!normals.empty() && normals.size() != vertices.size())
+    throw std::invalid_argument("mesh normals must be empty or have one entry per vertex");
+  const int64_t n = int64_t(vertices.size());
+  for (size_t i = 0; i < indices.size(); ++i) {
+    const int3& t = indices[i];
+    if (t.x < 0 || t.y < 0 || t.z < 0 || t.x >= n || t.y >= n || t.z >= n)
+      throw std::invalid_argument("mesh triangle " + std::to_string(i) +
+                                  " references a vertex outside the vertex buffer");
+  }
+  meshes_.push_back(
+      EmbreeMesh{std::move(vertices), std::move(normals), std::move(indices), material_id});
+  return int32_t(meshes_.size() - 1);
+}
+
+int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, const float* transform) {
+  backend::validate_instance_mesh_id(mesh_id, meshes_.size());
+  if (!transform) throw std::invalid_argument("instance transform must not be null");
+  EmbreeInstance inst;
+  inst.mesh_id = mesh_id;
+  std::memcpy(inst.transform, transform, sizeof(inst.transform));
+  instances_.push_back(inst);
+  return int32_t(instances_.size() - 1);
+}
+
+int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, float x, float y, float z, float scale) {
+  float m[12];
+  scaled_translation(x, y, z, scale, m);
+  return add_instance(mesh_id, m);
+}
+
+int32_t EmbreeSceneManager::add_instances_xform(int32_t mesh_id, const float* transforms,
+                                                size_t count) {
+  if (count == 0) return int32_t(instances_.size());
+  backend::validate_instance_mesh_id(mesh_id, meshes_.size());
+  if (!transforms) throw std::invalid_argument("instance transforms must not be null");
+  const int32_t first = int32_t(instances_.size());
+  instances_.reserve(instances_.size() + count);
+  for (size_t i = 0; i < count; ++i) {
+    EmbreeInstance inst;
+    inst.mesh_id = mesh_id;
+    std::memcpy(inst.transform, transforms + 12 * i, sizeof(inst.transform));
+    instances_.push_back(inst);
+  }
+  return first;
+}
+
+void EmbreeSceneManager::update_instance_transform(int32_t id, const float* transform) {
+  if (id < 0 || size_t(id) >= instances_.size())
+    throw std::out_of_range("update_instance_transform: id out of range");
+  EmbreeInstance& inst = instances_[size_t(id)];
+  // The stored transform changes first: a rebuild picks it up even if Embree refuses.
+  std::memcpy(inst.transform, transform, sizeof(inst.transform));
+  if (!built_ || inst.geometry_id < 0 || !rtc_->top) return;
+  RTCGeometry g = rtcGetGeometry(rtc_->top, unsigned(inst.geometry_id));
+  if (!g) throw std::runtime_error("update_instance_transform: rtcGetGeometry returned null");
+  float cm[16];
+  to_column_major(inst.transform, cm);
+  rtcSetGeometryTransform(g, 0, RTC_FORMAT_FLOAT4X4_COLUMN_MAJOR, cm);
+  rtcCommitGeometry(g);
+}
+
+void EmbreeSceneManager::refit_ias() {
+  if (!built_) throw std::runtime_error("refit_ias: scene not built. Call build() first.");
+  rtcCommitScene(rtc_->top);
+  check(rtc_->device, rtc_->last_error, "refit_ias");
+  compute_aabb_();
+  ++geometry_build_revision_;
+}
+
+void EmbreeSceneManager::build() {
+  build_scene();
+  compute_aabb_();
+  ++geometry_build_revision_;
+}
+
+void EmbreeSceneManager::build_scene() {
+  RTCDevice device = rtc_->device;
+  built_ = false;
+  release_embree_scenes_();
+  rtc_->top = rtcNewScene(device);
+  instance_info_.clear();
+  rtc_->mesh_scenes.assign(meshes_.size(), nullptr);
+
+  for (size_t m = 0; m < meshes_.size(); ++m) {
+    const EmbreeMesh& mesh = meshes_[m];
+    RTCScene scene = rtcNewScene(device);
+    rtc_->mesh_scenes[m] = scene;
+    RTCGeometry geom = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
+    void* vb = rtcSetNewGeometryBuffer(geom, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
+                                       sizeof(float3), mesh.vertices.size());
+    void* ib = rtcSetNewGeometryBuffer(geom, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3,
+                                       sizeof(int3), mesh.indices.size());
+    if (!vb || !ib) {
+      rtcReleaseGeometry(geom);
+      check(device, rtc_->last_error, "mesh buffer allocation");
+      throw std::runtime_error("Embree error during mesh buffer allocation");
+    }
+    std::memcpy(vb, mesh.vertices.data(), mesh.vertices.size() * sizeof(float3));
+    std::memcpy(ib, mesh.indices.data(), mesh.indices.size() * sizeof(int3));
+    rtcCommitGeometry(geom);
+    rtcAttachGeometry(scene, geom);
+    rtcReleaseGeometry(geom);
+    rtcCommitScene(scene);
+  }
+  check(device, rtc_->last_error, "mesh scene build");
+
+  int32_t primitive_offset = 0;
+  instance_info_.reserve(instances_.size());
+  for (EmbreeInstance& inst : instances_) {
+    const EmbreeMesh& mesh = meshes_.at(size_t(inst.mesh_id));
+    RTCGeometry geom = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_INSTANCE);
+    rtcSetGeometryInstancedScene(geom, rtc_->mesh_scenes[size_t(inst.mesh_id)]);
+    float cm[16];
+    to_column_major(inst.transform, cm);
+    rtcSetGeometryTransform(geom, 0, RTC_FORMAT_FLOAT4X4_COLUMN_MAJOR, cm);
+    rtcCommitGeometry(geom);
+    inst.geometry_id = int32_t(rtcAttachGeometry(rtc_->top, geom));
+    rtcReleaseGeometry(geom);
+    instance_info_.push_back({inst.mesh_id, mesh.material_id, primitive_offset});
+    primitive_offset += int32_t(mesh.indices.size());
+  }
+  rtcCommitScene(rtc_->top);
+  check(device, rtc_->last_error, "scene build");
+  built_ = true;
+}
+
+void EmbreeSceneManager::build_reuse_gas() { built_ = true; }
+void EmbreeSceneManager::build_reuse_geometry() { built_ = true; }
+
+void EmbreeSceneManager::clear_for_reuse() {
+  materials_.clear();
+  spectral_.clear();
+  sky_ = SkySelection{};
+  thermal_mode_ = false;
+  sif_only_mode_ = false;
+  emission_mode_ = EMISSION_OPTICAL;
+  emitter_ = Emitter{};
+  band_wavelengths_.clear();
+  num_bands_ = 0;
+  // The acceleration structure stays; build_reuse_gas() marks the scene usable again.
+  built_ = false;
+}
+
+void EmbreeSceneManager::compute_aabb_() {
+  max_height_ = -1e30f;
+  min_height_ = 1e30f;
+  x_min_ = y_min_ = 1e30f;
+  x_max_ = y_max_ = -1e30f;
+  std::vector<std::array<float3, 2>> mesh_box(meshes_.size());
+  for (size_t m = 0; m < meshes_.size(); ++m) {
+    float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
+    for (const float3& v : meshes_[m].vertices) {
+      lo = {std::min(lo.x, v.x), std::min(lo.y, v.y), std::min(lo.z, v.z)};
+      hi = {std::max(hi.x, v.x), std::max(hi.y, v.y), std::max(hi.z, v.z)};
+    }
+    mesh_box[m] = {lo, hi};
+  }
+  for (const EmbreeInstance& inst : instances_) {
+    const auto& box = mesh_box.at(size_t(inst.mesh_id));
+    for (int c = 0; c < 8; ++c) {
+      const float3 corner{(c & 1) ? box[1].x : box[0].x, (c & 2) ? box[1].y : box[0].y,
+                          (c & 4) ? box[1].z : box[0].z};
+      const float3 p = transform_point(inst.transform, corner);
+      x_min_ = std::min(x_min_, p.x);
+      x_max_ = std::max(x_max_, p.x);
+      y_min_ = std::min(y_min_, p.y);
+      y_max_ = std::max(y_max_, p.y);
+      min_height_ = std::min(min_height_, p.z);
+      max_height_ = std::max(max_height_, p.z);
+    }
+  }
+}
+
+std::pair<float3, float3> EmbreeSceneManager::aabb() const {
+  return {float3{x_min_, y_min_, min_height_}, float3{x_max_, y_max_, max_height_}};
+}
+
+EmbreeHit EmbreeSceneManager::trace_ray(const float3& origin, const float3& direction,
+                                        float t_min, float t_max) const {
+  EmbreeHit h;
+  RTCRayHit rh;
+  rh.ray.org_x = origin.x;
+  rh.ray.org_y = origin.y;
+  rh.ray.org_z = origin.z;
+  rh.ray.dir_x = direction.x;
+  rh.ray.dir_y = direction.y;
+  rh.ray.dir_z = direction.z;
+  rh.ray.tnear = t_min;
+  rh.ray.tfar = t_max;
+  rh.ray.time = 0.0f;
+  rh.ray.mask = 0xFFFFFFFFu;
+  rh.ray.id = 0;
+  rh.ray.flags = 0;
+  rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+  rh.hit.primID = RTC_INVALID_GEOMETRY_ID;
+  rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+  rtc::intersect1(rtc_->top, rh);
+
+  if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID) {
+    h.t = t_max;
+    return h;
+  }
+  h.hit = true;
+  h.t = rh.ray.tfar;
+  h.position = origin + h.t * direction;
+  const uint32_t inst_id = rh.hit.instID[0];
+  const int32_t prim = int32_t(rh.hit.primID);
+  h.local_primitive = prim;
+  h.instance_id = int32_t(inst_id);
+  const EmbreeInstance* inst = nullptr;
+  const EmbreeMesh* mesh = nullptr;
+  if (inst_id < instance_info_.size()) {
+    const InstanceInfo& info = instance_info_[inst_id];
+    h.material_id = info.material_id;
+    h.primitive_id = info.primitive_offset + prim;
+    inst = &instances_[inst_id];
+    mesh = &meshes_[size_t(info.mesh_id)];
+  }
+
+  // Embree reports Ng in instance space; the linear part M3 (not its inverse
+  // transpose) carries it to the world, so non-uniform scales skew normals.
+  float3 ng{rh.hit.Ng_x, rh.hit.Ng_y, rh.hit.Ng_z};
+  if (inst) ng = transform_vector(inst->transform, ng);
+  ng = normalize(ng);
+  float3 ns = ng;
+  if (mesh && !mesh->normals.empty() && prim >= 0 && size_t(prim) < mesh->indices.size()) {
+    const int3& tri = mesh->indices[size_t(prim)];
+    const float u = rh.hit.u, v = rh.hit.v;
+    const float3 n = (1.0f - u - v) * mesh->normals[size_t(tri.x)] +
+                     u * mesh->normals[size_t(tri.y)] + v * mesh->normals[size_t(tri.z)];
+    ns = normalize(transform_vector(inst->transform, n));
+  }
+  h.back_face = dot(direction, ng) > 0.0f;
+  if (h.back_face) ng = -ng;
+  if (dot(ng, ns) < 0.0f) ns = -ns;
+  h.geometric_normal = ng;
+  h.shading_normal = ns;
+  return h;
+}
+
+bool EmbreeSceneManager::trace_shadow(const float3& origin, const float3& direction,
+                                      float t_max) const {
+  RTCRay ray;
+  ray.org_x = origin.x;
+  ray.org_y = origin.y;
+  ray.org_z = origin.z;
+  ray.dir_x = direction.x;
+  ray.dir_y = direction.y;
+  ray.dir_z = direction.z;
+  ray.tnear = 1e-4f;
+  ray.tfar = t_max;
+  ray.time = 0.0f;
+  ray.mask = 0xFFFFFFFFu;
+  ray.id = 0;
+  ray.flags = 0;
+  rtc::occluded1(rtc_->top, ray);
+  return ray.tfar < 0.0f;
+}
+
+std::vector<EmbreeHit> EmbreeSceneManager::trace_closest(
+    const std::vector<backend::Ray>& rays) const {
+  if (!built_ || !rtc_->top)
+    throw std::runtime_error("trace_closest: scene not built. Call build() first.");
+  const std::vector<int32_t> offsets = instance_primitive_offsets();
+  std::vector<EmbreeHit> hits(rays.size());
+  for (size_t i = 0; i < rays.size(); ++i) {
+    const backend::Ray& r = rays[i];
+    EmbreeHit h = trace_ray(r.origin, r.direction, r.t_min, r.t_max);
+    if (!h.hit) {
+      h.t = FLT_MAX;
+    } else if (h.instance_id >= 0 && size_t(h.instance_id) < offsets.size()) {
+      h.primitive_id = offsets[size_t(h.instance_id)] + h.local_primitive;
+    }
+    hits[i] = h;
+  }
+  return hits;
+}
+
+bool EmbreeSceneManager::shadowed_repetitive(float3 origin, const float3& d) const {
+  constexpr float FAR = 1e16f;
+  if (trace_shadow(origin, d, FAR)) return true;
+  const Repetition& rep = repetition_;
+  if (rep.num_repetitions < 1 || !(rep.scene_x_size > 0.0f) || !(rep.scene_y_size > 0.0f))
+    return false;
+  float remaining = FAR;
+  for (int32_t step = 0; step < rep.num_repetitions; ++step) {
+    float best = FAR;
+    int axis = -1;
+    if (std::fabs(d.x) > 1e-8f) {
+      const float t0 = -origin.x / d.x, t1 = (rep.scene_x_size - origin.x) / d.x;
+      if (t0 > 1e-4f && t0 < best) best = t0, axis = 0;
+      if (t1 > 1e-4f && t1 < best) best = t1, axis = 0;
+    }
+    if (std::fabs(d.y) > 1e-8f) {
+      const float t0 = -origin.y / d.y, t1 = (rep.scene_y_size - origin.y) / d.y;
+      if (t0 > 1e-4f && t0 < best) best = t0, axis = 1;
+      if (t1 > 1e-4f && t1 < best) best = t1, axis = 1;
+    }
+    if (axis < 0) return false;
+    origin = origin + best * d;
+    if (axis == 0)
+      origin.x += d.x > 0.0f ? -rep.scene_x_size : rep.scene_x_size;
+    else
+      origin.y += d.y > 0.0f ? -rep.scene_y_size : rep.scene_y_size;
+    remaining -= best;
+    if (remaining <= 0.0f) return false;
+    if (trace_shadow(origin, d, FAR)) return true;
+  }
+  return false;
+}
+
+}  // namespace vesk::embree

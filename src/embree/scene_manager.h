@@ -1,0 +1,240 @@
+#pragma once
+// The CPU scene: meshes, instances, materials, spectra, settings and per-primitive
+// overrides, held in a two-level Embree structure that answers every CPU ray query.
+
+#include <array>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/types.h"
+
+namespace vesk::embree {
+
+struct EmbreeMesh {
+  std::vector<float3> vertices;
+  std::vector<float3> normals;  // empty, or one per vertex
+  std::vector<int3> indices;
+  int32_t material_id = 0;
+};
+
+struct EmbreeInstance {
+  int32_t mesh_id = -1;
+  float transform[12] = {};  // row-major 3x4
+  int32_t geometry_id = -1;  // Embree's id once built
+};
+
+struct EmbreeHit {
+  float t = 0.0f;  // t_max on a miss (FLT_MAX in trace_closest)
+  float3 position;
+  float3 shading_normal{0.0f, 0.0f, 1.0f};
+  float3 geometric_normal{0.0f, 0.0f, 1.0f};  // always faces the ray
+  int32_t material_id = -1;
+  int32_t local_primitive = -1;
+  int32_t primitive_id = -1;  // global: instance offset + local primitive
+  int32_t instance_id = -1;
+  bool hit = false;
+  bool back_face = false;
+  std::string to_string() const;
+};
+
+struct Emitter {
+  int32_t type = 0;
+  float3 direction;  // towards the sun
+  int32_t spectral_offset = 0;
+};
+
+// At most one sky is read, by priority: directional table, Hosek-Wilkie, uniform.
+struct SkySelection {
+  int32_t uniform_offset = -1;
+  int32_t directional_offset = -1;
+  int32_t hw_offset = -1;
+  float3 hw_sun_direction{0.0f, 0.0f, 1.0f};
+};
+
+struct Repetition {
+  int32_t num_repetitions = 0;
+  float scene_x_size = 0.0f, scene_y_size = 0.0f;
+  bool active() const { return num_repetitions > 0 && scene_x_size > 0.0f && scene_y_size > 0.0f; }
+};
+
+enum EmissionMode : uint8_t { EMISSION_OPTICAL = 0, EMISSION_THERMAL = 1, EMISSION_SIF_ONLY = 2 };
+
+// Conditional thermal state of TurbidBoundary instances, one entry per instance.
+struct InstanceTurbidThermalState {
+  std::vector<float> temperature_sunlit, temperature_shaded;  // K, 0 where absent
+  std::vector<float> sunlit_fraction, emissivity;             // 0..1
+};
+
+// Per-instance SIF source tables, band fastest: spatial [instance][cell][band],
+// orientation [instance][bin][band], joint and direct joint [instance][cell][bin][band].
+struct InstanceSifSourceFields {
+  std::vector<float> spatial_spectra, orientation_spectra, joint_spectra, direct_joint_spectra;
+  std::vector<float> bounds_min, bounds_max;  // 3 per instance
+  std::vector<int32_t> grid_dims;             // nx, ny, nz per instance
+  int32_t n_sif_bands = 0;
+  int32_t spatial_cell_stride = 0;
+  int32_t orientation_theta_bins = 0, orientation_phi_bins = 0;
+  bool empty() const { return grid_dims.empty(); }
+};
+
+class EmbreeSceneManager {
+ public:
+  // The lookup a hit goes through; one per instance, in attach order.
+  struct InstanceInfo {
+    int32_t mesh_id = -1;
+    int32_t material_id = -1;
+    int32_t primitive_offset = 0;
+  };
+
+  EmbreeSceneManager();
+  ~EmbreeSceneManager();
+  EmbreeSceneManager(const EmbreeSceneManager&) = delete;
+  EmbreeSceneManager& operator=(const EmbreeSceneManager&) = delete;
+
+  // ---- geometry ----
+  int32_t add_mesh(std::vector<float3> vertices, std::vector<float3> normals,
+                   std::vector<int3> indices, int32_t material_id);
+  int32_t add_instance(int32_t mesh_id, const float* transform);
+  int32_t add_instance(int32_t mesh_id, float x, float y, float z, float scale);
+  int32_t add_instances_xform(int32_t mesh_id, const float* transforms, size_t count);
+  void update_instance_transform(int32_t id, const float* transform);
+  void refit_ias();
+
+  void build();
+  void build_scene();
+  void build_reuse_gas();
+  void build_reuse_geometry();
+  void clear_for_reuse();
+
+  bool is_built() const { return built_; }
+  bool has_meshes() const { return !meshes_.empty(); }
+  uint64_t geometry_build_revision() const { return geometry_build_revision_; }
+  const std::vector<EmbreeMesh>& meshes() const { return meshes_; }
+  const std::vector<EmbreeInstance>& instances() const { return instances_; }
+  const std::vector<InstanceInfo>& instance_info() const { return instance_info_; }
+  int32_t num_instances() const { return int32_t(instances_.size()); }
+
+  // ---- materials and spectra ----
+  void set_num_bands(int32_t n) { num_bands_ = n; }
+  int32_t num_bands() const { return num_bands_; }
+  int32_t add_material(int32_t type, int32_t offset, const float* params, size_t count);
+  const std::vector<MaterialData>& materials() const { return materials_; }
+  void upload_spectral_params(std::vector<float> values) { spectral_ = std::move(values); }
+  // Overwrites values in place from `offset`; the caller guarantees the range.
+  void update_spectral_params(size_t offset, const float* values, size_t count);
+  const std::vector<float>& spectral_params() const { return spectral_; }
+
+  // ---- light, sensor, modes ----
+  void set_emitter(int32_t type, float3 direction, int32_t spectral_offset);
+  void update_emitter_direction(float3 direction) { emitter_.direction = direction; }
+  const Emitter& emitter() const { return emitter_; }
+  void set_sky(int32_t spectral_offset);
+  void set_directional_sky(int32_t spectral_offset);
+  void set_hw_sky(int32_t spectral_offset, float3 sun_direction);
+  const SkySelection& sky() const { return sky_; }
+  void set_sensor(const SensorData& sensor, bool terrain_following);
+  const SensorData& sensor() const { return sensor_; }
+  bool terrain_following() const { return terrain_following_; }
+  void set_repetitive(int32_t num_repetitions, float scene_x_size, float scene_y_size);
+  const Repetition& repetition() const { return repetition_; }
+  void set_thermal_mode(bool enabled, std::vector<float> wavelengths_nm);
+  bool thermal_mode() const { return thermal_mode_; }
+  void set_sif_only_mode(bool enabled);
+  bool sif_only_mode() const { return sif_only_mode_; }
+  EmissionMode emission_mode() const { return EmissionMode(emission_mode_); }
+  const std::vector<float>& band_wavelengths() const { return band_wavelengths_; }
+  void set_measurement_plane(float height) { measurement_plane_height_ = height; }
+  float measurement_plane_height() const { return measurement_plane_height_; }
+
+  // ---- bounds ----
+  float max_height() const { return max_height_; }
+  float min_height() const { return min_height_; }
+  std::pair<float3, float3> aabb() const;
+
+  // ---- per-primitive queries (global order: instance-major, triangle-minor) ----
+  size_t total_triangles() const;
+  size_t n_primitives() const { return total_triangles(); }
+  std::vector<int32_t> instance_triangle_counts() const;
+  std::vector<int32_t> instance_primitive_offsets() const;
+  backend::PrimitiveGeometry primitive_geometry() const;
+  std::vector<int32_t> primitive_material_ids() const;
+  std::vector<float> primitive_areas() const;
+  std::vector<float3> primitive_normals() const;
+  // Per-primitive data is materialised on demand on the CPU, so it is always "on".
+  bool is_populate_primitive_soa() const { return true; }
+  void set_populate_primitive_soa(bool) {}
+
+  // ---- overrides read by the thermal and SIF paths ----
+  void set_primitive_emissivities(std::vector<float> values);
+  void clear_primitive_emissivities() { primitive_emissivities_.clear(); }
+  const std::vector<float>& primitive_emissivities() const { return primitive_emissivities_; }
+  void set_primitive_temperatures(std::vector<float> values);
+  void clear_primitive_temperatures() { primitive_temperatures_.clear(); }
+  const std::vector<float>& primitive_temperatures() const { return primitive_temperatures_; }
+  void set_primitive_sif_spectra(std::vector<float> spectra, int32_t n_sif_bands);
+  void clear_primitive_sif_spectra();
+  const std::vector<float>& primitive_sif_spectra() const { return primitive_sif_spectra_; }
+  int32_t n_sif_bands() const { return n_sif_bands_; }
+
+  void set_instance_turbid_thermal_state(InstanceTurbidThermalState state);
+  void clear_instance_turbid_thermal_state() { instance_turbid_thermal_ = {}; }
+  const InstanceTurbidThermalState& instance_turbid_thermal_state() const {
+    return instance_turbid_thermal_;
+  }
+  void set_instance_sif_spectra(std::vector<float> spectra, int32_t n_sif_bands);
+  void clear_instance_sif_spectra();
+  const std::vector<float>& instance_sif_spectra() const { return instance_sif_spectra_; }
+  int32_t instance_n_sif_bands() const { return instance_n_sif_bands_; }
+  void set_instance_sif_source_fields(InstanceSifSourceFields fields);
+  void clear_instance_sif_source_fields() { instance_sif_source_fields_ = {}; }
+  const InstanceSifSourceFields& instance_sif_source_fields() const {
+    return instance_sif_source_fields_;
+  }
+
+  // ---- ray queries (const and re-entrant once built) ----
+  EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,
+                      float t_max) const;
+  bool trace_shadow(const float3& origin, const float3& direction, float t_max) const;
+  std::vector<EmbreeHit> trace_closest(const std::vector<backend::Ray>& rays) const;
+  // Sun visibility through the repeated tiles: the ray is followed across up to
+  // num_repetitions tile walls, wrapping into the tile each time.
+  bool shadowed_repetitive(float3 origin, const float3& direction) const;
+
+ private:
+  void compute_aabb_();
+  void release_embree_scenes_();
+
+  struct Handles;  // the Embree device and scenes, kept out of this header
+  std::unique_ptr<Handles> rtc_;
+
+  std::vector<EmbreeMesh> meshes_;
+  std::vector<EmbreeInstance> instances_;
+  std::vector<MaterialData> materials_;
+  std::vector<float> spectral_;
+  Emitter emitter_;
+  SensorData sensor_;
+  int32_t num_bands_ = 1;
+  SkySelection sky_;
+  Repetition repetition_;
+  bool built_ = false;
+  uint64_t geometry_build_revision_ = 0;
+  bool terrain_following_ = false;
+  bool thermal_mode_ = false;
+  bool sif_only_mode_ = false;
+  uint8_t emission_mode_ = EMISSION_OPTICAL;
+  float max_height_ = 0.0f, min_height_ = 0.0f;
+  float x_min_ = 0.0f, x_max_ = 0.0f, y_min_ = 0.0f, y_max_ = 0.0f;
+  float measurement_plane_height_ = 0.0f;
+  std::vector<float> band_wavelengths_;
+  std::vector<float> primitive_temperatures_, primitive_emissivities_, primitive_sif_spectra_;
+  int32_t n_sif_bands_ = 0;
+  InstanceTurbidThermalState instance_turbid_thermal_;
+  std::vector<float> instance_sif_spectra_;
+  int32_t instance_n_sif_bands_ = 0;
+  InstanceSifSourceFields instance_sif_source_fields_;
+  std::vector<InstanceInfo> instance_info_;
+};
+
+}  // namespace vesk::embree

@@ -1,0 +1,60 @@
+#pragma once
+// The binding layer's shared header: array conversion at the edge, result packaging,
+// the `_execution` dict and the progress bridge. Only src/module includes pybind11.
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <string>
+#include <vector>
+
+#include "core/execution.h"
+#include "core/progress.h"
+#include "core/types.h"
+
+namespace py = pybind11;
+
+namespace vesk::embree {
+class EmbreeSceneManager;
+}
+
+namespace vesk::module {
+
+// Any array-like converts; float64 narrows, non-contiguous input is copied.
+using FloatArray = py::array_t<float, py::array::c_style | py::array::forcecast>;
+using IntArray = py::array_t<int32_t, py::array::c_style | py::array::forcecast>;
+using SceneClass = py::class_<vesk::embree::EmbreeSceneManager>;
+
+// True when the array is 2-D with a last dimension of `cols`.
+bool has_rows_of(const py::array& a, py::ssize_t cols);
+std::vector<float3> to_float3_rows(const FloatArray& a);
+std::vector<int3> to_int3_rows(const IntArray& a);
+std::vector<float> to_vector(const FloatArray& a);
+std::vector<int32_t> to_vector(const IntArray& a);
+
+// Fresh NumPy arrays that own a copy; nothing aliases native memory.
+py::array_t<float> to_numpy(const std::vector<float>& v);
+py::array_t<float> to_numpy(const std::vector<float>& v, std::vector<py::ssize_t> shape);
+py::array_t<int32_t> to_numpy(const std::vector<int32_t>& v);
+py::array_t<float> to_numpy_rows(const std::vector<float3>& v);
+py::array_t<int32_t> to_numpy_rows(const std::vector<int3>& v);
+
+// {"backend", "workflow", "executor", "native"}; unknown identities raise ValueError.
+py::dict execution_dict(const ExecutionRecord& record);
+// {"payload": payload, "_execution": record}
+py::dict wrap_payload(py::object payload, const ExecutionRecord& record);
+
+// None stays an empty function, so tracers skip reporting. Otherwise every call takes
+// the interpreter lock and calls the host object with (done, total, elapsed_ms).
+ProgressFn progress_bridge(const py::object& progress);
+
+// {"vertices", "normals", "indices"} ready for add_mesh(**mesh).
+py::dict mesh_dict(const backend::MeshGeometry& mesh);
+
+void bind_generators(py::module_& m);
+void bind_scene(py::module_& m);
+void bind_scene_settings(SceneClass& cls);
+void bind_scene_overrides(SceneClass& cls);
+
+}  // namespace vesk::module

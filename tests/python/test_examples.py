@@ -1,0 +1,23 @@
+"""The examples run as smoke tests: they must finish and write what they promise."""
+import os
+import pathlib
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+
+def test_quickstart_writes_a_picture(tmp_path):
+    env = dict(os.environ)
+    env["PYTHONPATH"] = os.pathsep.join(p for p in (str(ROOT / "build" / "python"),
+                                                    env.get("PYTHONPATH")) if p)
+    out = subprocess.run([sys.executable, str(ROOT / "examples" / "quickstart.py")], cwd=tmp_path,
+                         env=env, capture_output=True, text=True, timeout=300)
+    assert out.returncode == 0, out.stderr
+    png = tmp_path / "out" / "quickstart.png"
+    assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+    from PIL import Image
+    import numpy as np
+    img = np.asarray(Image.open(png))
+    assert img.shape == (320, 480)
+    assert 0.2 < (img > 0).mean() < 0.95, "the scene should fill part of the frame, not all"

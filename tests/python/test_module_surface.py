@@ -1,0 +1,74 @@
+"""The module's attributes, entries, keyword names and the docstrings users rely on."""
+import inspect
+
+import numpy as np
+import pytest
+
+import vesk_gpu as vk
+
+
+def test_module_attributes_and_flags():
+    assert vk.__doc__ == "VESK - multi-backend 3D Radiative Transfer Model"
+    assert vk.__version__ == "3.0.0rc1"
+    assert vk.HAS_EMBREE is True
+    # No GPU backend in this build, and then none of their classes either.
+    assert vk.HAS_OPTIX is False and vk.HAS_VULKAN is False
+    for name in ("SceneManager", "OptiXContext", "Simulator", "VulkanSceneManager",
+                 "VulkanContext"):
+        assert not hasattr(vk, name), name
+
+
+def test_keywords_and_defaults_of_the_scene_surface(cube):
+    s = vk.EmbreeSceneManager()
+    m = s.add_mesh(vertices=cube["vertices"], normals=cube["normals"], indices=cube["indices"])
+    assert s.add_instance(mesh_id=m) == 0
+    assert s.add_instance_xform(mesh_id=m, xform=np.eye(3, 4, dtype=np.float32)) == 1
+    assert s.add_instances_xform(mesh_id=m, xforms=np.zeros((0, 12), np.float32)) == 2
+    s.set_sensor(type=0, width=4, height=2, ortho_w=1.0, ortho_h=1.0,
+                 cam_xform=np.eye(4, dtype=np.float32).ravel())
+    cfg = s.sensor_config()
+    # fov defaults to 60 degrees even for an orthographic sensor, stored in radians.
+    assert cfg["fov"] == pytest.approx(np.float32(60.0) * np.float32(3.1415927) / 180, rel=1e-7)
+    assert cfg["projection_type"] == 0
+    s.set_repetitive(num_repetitions=2, scene_x_size=5.0, scene_y_size=6.0)
+    assert s.repetitive_config() == (2, 5.0, 6.0)
+    s.set_hw_sky(spectral_offset=3, sun_x=0.0, sun_y=0.0, sun_z=1.0)
+    s.set_thermal_mode(enabled=True, wavelengths=[10000.0])
+    assert s.thermal_mode() and s.band_wavelengths() == [10000.0]
+    s.set_measurement_plane(height=2.0)
+    s.set_num_bands(3)  # positional only
+    with pytest.raises(TypeError):
+        s.set_num_bands(n=3)
+    g = vk.make_ground_plane()
+    assert g["vertices"][:, 0].max() == 50.0 and g["material_id"] == 0
+
+
+def test_docstrings_of_the_override_setters():
+    docs = {
+        "set_primitive_temperatures": "Upload per-primitive temperatures (K). Length must equal "
+        "n_primitives(). Closesthit thermal mode reads these in preference to mat.params[2..4] "
+        "when set.",
+        "clear_primitive_temperatures": "Clear the per-primitive temperature override (kernel "
+        "reverts to mat.params[2..4]).",
+        "get_primitive_temperatures": "Return host-side per-primitive temperatures (mostly for "
+        "testing).",
+        "set_primitive_sif_spectra": "Upload per-primitive SIF emission spectra. spectra: "
+        "float32[n_sif_bands * n_primitives] SoA (band-major). After upload, the backward kernel "
+        "emits SIF from each hit primitive.",
+        "set_sif_only_mode": "Enable/disable SIF-only mode. When true the backward kernel returns "
+        "pure SIF emission and suppresses optical reflectance (BSDF/NEE/sky).",
+        "set_instance_sif_spectra": "Upload per-instance TurbidBoundary SIF spectra in band-major "
+        "layout [n_sif_bands * num_instances].",
+        "set_instance_turbid_thermal_state": "Upload conditional TurbidBoundary thermal state by "
+        "instance.",
+        "add_instances_xform": "Batch-add N instances of one mesh from a (N, 12) row-major float32 "
+        "array. Returns the index of the FIRST added instance.",
+        "is_populate_primitive_soa": "Whether the per-primitive SoA will be (or has been) "
+        "populated on the next build (true if explicitly enabled or implied by thermal/SIF mode).",
+        "set_populate_primitive_soa": "Enable per-primitive SoA + per-instance lookup tables for "
+        "the next build(). Required by EB / SIF / RRT-based paths.",
+    }
+    for name, text in docs.items():
+        doc = inspect.getdoc(getattr(vk.EmbreeSceneManager, name))
+        # pybind11 puts the signature first; the text follows it unchanged.
+        assert doc.split("\n", 2)[-1].strip() == text, name
