@@ -12,10 +12,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "embree/ray_counters.h"
+
 namespace vesk::embree::rtc {
 
 // Closest hit along the ray, with no intersection arguments of our own.
 inline void intersect1(RTCScene scene, RTCRayHit& ray_hit) {
+  VESK_COUNT_RAY(closest);
+  VESK_RECORD_RAY(false, &ray_hit.ray.org_x, &ray_hit.ray.dir_x);
 #if VESK_EMBREE_MAJOR >= 4
   rtcIntersect1(scene, &ray_hit, nullptr);
 #else
@@ -27,6 +31,8 @@ inline void intersect1(RTCScene scene, RTCRayHit& ray_hit) {
 
 // Any hit; Embree sets tfar to -inf when the ray is occluded.
 inline void occluded1(RTCScene scene, RTCRay& ray) {
+  VESK_COUNT_RAY(occluded);
+  VESK_RECORD_RAY(true, &ray.org_x, &ray.dir_x);
 #if VESK_EMBREE_MAJOR >= 4
   rtcOccluded1(scene, &ray, nullptr);
 #else

@@ -1,6 +1,9 @@
 // Building the two-level Embree structure and tracing rays through it.
 #include "embree/scene_manager.h"
 
+#include <atomic>
+#include <memory>
+#include <mutex>
 #include <cfloat>
 #include <cstring>
 #include <sstream>
@@ -9,6 +12,59 @@
 #include "embree/scene_handles.h"
 
 namespace vesk::embree {
+
+#ifdef VESK_BENCH_COUNTERS
+namespace rtc {
+namespace {
+std::atomic<uint64_t> finished_closest{0}, finished_occluded{0};
+}
+thread_local RayCounters ray_counters;
+RayCounters::~RayCounters() {
+  finished_closest += closest;
+  finished_occluded += occluded;
+}
+void read_ray_counters(uint64_t& closest, uint64_t& occluded) {
+  closest = finished_closest.load() + ray_counters.closest;
+  occluded = finished_occluded.load() + ray_counters.occluded;
+}
+void reset_ray_counters() {
+  finished_closest = 0;
+  finished_occluded = 0;
+  ray_counters = RayCounters{};
+}
+
+bool ray_recording = false;
+namespace {
+struct RayLog {
+  std::vector<float> closest, occluded;
+};
+std::mutex ray_logs_mutex;
+std::vector<std::unique_ptr<RayLog>> ray_logs;  // one per thread that recorded
+thread_local RayLog* thread_ray_log = nullptr;
+}  // namespace
+void set_ray_recording(bool on) { ray_recording = on; }
+void record_ray(bool occluded, const float* org3, const float* dir3) {
+  if (!thread_ray_log) {
+    std::lock_guard<std::mutex> lock(ray_logs_mutex);
+    ray_logs.push_back(std::make_unique<RayLog>());
+    thread_ray_log = ray_logs.back().get();
+  }
+  std::vector<float>& v = occluded ? thread_ray_log->occluded : thread_ray_log->closest;
+  v.insert(v.end(), org3, org3 + 3);
+  v.insert(v.end(), dir3, dir3 + 3);
+}
+void take_recorded_rays(std::vector<float>& closest, std::vector<float>& occluded) {
+  std::lock_guard<std::mutex> lock(ray_logs_mutex);
+  for (auto& log : ray_logs) {
+    closest.insert(closest.end(), log->closest.begin(), log->closest.end());
+    occluded.insert(occluded.end(), log->occluded.begin(), log->occluded.end());
+    log->closest.clear();
+    log->occluded.clear();
+  }
+}
+}  // namespace rtc
+#endif
+
 namespace {
 
 void on_embree_error(void* user, RTCError code, const char* text) {

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/illumination.h"
 #include "core/types.h"
 
 namespace vesk::embree {
@@ -37,20 +38,6 @@ struct EmbreeHit {
   bool hit = false;
   bool back_face = false;
   std::string to_string() const;
-};
-
-struct Emitter {
-  int32_t type = 0;
-  float3 direction;  // towards the sun
-  int32_t spectral_offset = 0;
-};
-
-// At most one sky is read, by priority: directional table, Hosek-Wilkie, uniform.
-struct SkySelection {
-  int32_t uniform_offset = -1;
-  int32_t directional_offset = -1;
-  int32_t hw_offset = -1;
-  float3 hw_sun_direction{0.0f, 0.0f, 1.0f};
 };
 
 struct Repetition {

@@ -82,6 +82,28 @@ ProgressFn progress_bridge(const py::object& progress) {
   };
 }
 
+py::dict optical_product_dict(const backend::OpticalProductResult& r) {
+  const std::vector<py::ssize_t> image{r.height, r.width, r.bands};
+  const size_t plane = size_t(r.height) * size_t(r.width) * size_t(r.bands);
+  py::dict d;
+  d["payload"] = to_numpy(r.payload, image);
+  if (r.request.standard_error) d["standard_error"] = to_numpy(r.standard_error, image);
+  if (r.request.event_aov) {
+    py::dict aov;
+    const char* names[backend::EVENT_SLOTS] = {"surface", "medium", "environment", "emission"};
+    for (int k = 0; k < backend::EVENT_SLOTS; ++k)
+      aov[names[k]] = to_numpy(std::vector<float>(r.event_aov.begin() + k * plane,
+                                                  r.event_aov.begin() + (k + 1) * plane),
+                               image);
+    d["event_aov"] = aov;
+  }
+  if (r.request.scattering_order)
+    d["scattering_order"] =
+        to_numpy(r.scattering_order, {r.order_count, r.height, r.width, r.bands});
+  d["_execution"] = execution_dict(r.execution);
+  return d;
+}
+
 py::dict mesh_dict(const backend::MeshGeometry& mesh) {
   py::dict d;
   d["vertices"] = to_numpy_rows(mesh.vertices);

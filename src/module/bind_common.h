@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/execution.h"
+#include "core/optical_products.h"
 #include "core/progress.h"
 #include "core/types.h"
 
@@ -49,11 +50,16 @@ py::dict wrap_payload(py::object payload, const ExecutionRecord& record);
 // the interpreter lock and calls the host object with (done, total, elapsed_ms).
 ProgressFn progress_bridge(const py::object& progress);
 
+// The backward product dict: payload, the requested extras and "_execution".
+py::dict optical_product_dict(const backend::OpticalProductResult& result);
+
 // {"vertices", "normals", "indices"} ready for add_mesh(**mesh).
 py::dict mesh_dict(const backend::MeshGeometry& mesh);
 
 void bind_generators(py::module_& m);
 void bind_scene(py::module_& m);
+void bind_optical(py::module_& m);
+void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 void bind_scene_overrides(SceneClass& cls);
 

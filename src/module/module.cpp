@@ -10,4 +10,8 @@ PYBIND11_MODULE(vesk_gpu, m) {
   vesk::module::bind_generators(m);
   m.attr("HAS_EMBREE") = true;
   vesk::module::bind_scene(m);
+  vesk::module::bind_optical(m);
+#ifdef VESK_BENCH_COUNTERS
+  vesk::module::bind_bench(m);
+#endif
 }

@@ -1,0 +1,33 @@
+// Entries of the benchmark build only (VESK_BENCH_COUNTERS): ray counts and renders
+// with an explicit thread count, so benchmarks can relate tracer time to Embree rays.
+#include "embree/backward.h"
+#include "embree/ray_counters.h"
+#include "embree/scene_manager.h"
+#include "module/bind_common.h"
+
+namespace vesk::module {
+
+void bind_bench(py::module_& m) {
+  m.def("_bench_ray_counts", [] {
+    uint64_t closest = 0, occluded = 0;
+    embree::rtc::read_ray_counters(closest, occluded);
+    return py::make_tuple(closest, occluded);
+  });
+  m.def("_bench_reset_ray_counts", [] { embree::rtc::reset_ray_counters(); });
+  m.def("_bench_set_ray_recording", [](bool on) { embree::rtc::set_ray_recording(on); });
+  m.def("_bench_take_recorded_rays", [] {
+    std::vector<float> closest, occluded;
+    embree::rtc::take_recorded_rays(closest, occluded);
+    return py::make_tuple(to_numpy(closest, {py::ssize_t(closest.size() / 6), 6}),
+                          to_numpy(occluded, {py::ssize_t(occluded.size() / 6), 6}));
+  });
+  m.def(
+      "_bench_render_backward",
+      [](const embree::EmbreeSceneManager& scene, int spp, int max_depth, int threads) {
+        return optical_product_dict(embree::render_backward(scene, spp, max_depth, 3, threads, {},
+                                                            backend::OpticalProductRequest{}));
+      },
+      py::arg("scene"), py::arg("spp"), py::arg("max_depth"), py::arg("threads"));
+}
+
+}  // namespace vesk::module
