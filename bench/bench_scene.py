@@ -6,42 +6,13 @@ case for the build. Prints one JSON line per figure.
 Run:  make bench   (or PYTHONPATH=build/python /usr/bin/python3 bench/bench_scene.py)
 """
 import argparse
-import json
-import os
-import pathlib
-import subprocess
-import tempfile
 import time
 
 import numpy as np
 
+from bench_util import ROOT, emit, leaf_cluster, random_rotation, run_raw_embree
+
 import vesk_gpu as vk
-
-ROOT = pathlib.Path(__file__).resolve().parents[1]
-
-
-def emit(figure, value, unit, **extra):
-    print(json.dumps({"bench": "scene", "figure": figure, "value": value, "unit": unit, **extra}),
-          flush=True)
-
-
-def leaf_cluster(rng, n_tris):
-    """A crown-like soup of small triangles in the unit ball, each about 0.1 across."""
-    centres = rng.normal(size=(n_tris, 3))
-    centres *= (rng.uniform(size=(n_tris, 1)) ** (1 / 3)) / np.linalg.norm(centres, axis=1,
-                                                                           keepdims=True)
-    corners = centres[:, None, :] + 0.06 * rng.normal(size=(n_tris, 3, 3))
-    return corners.reshape(-1, 3).astype(np.float32), np.arange(3 * n_tris,
-                                                                dtype=np.int32).reshape(-1, 3)
-
-
-def random_rotation(rng):
-    q = rng.normal(size=4)
-    q /= np.linalg.norm(q)
-    w, x, y, z = q
-    return np.array([[1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)],
-                     [2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)],
-                     [2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)]])
 
 
 def main():
@@ -72,9 +43,9 @@ def main():
     t0 = time.perf_counter()
     scene.build()
     t_build = time.perf_counter() - t0
-    emit("build_time", round(t_build, 4), "s", triangles=scene.total_triangles(),
+    emit("scene", "build_time", round(t_build, 4), "s", triangles=scene.total_triangles(),
          instances=scene.num_instances(), target="< 2 s")
-    emit("add_time", round(t_add, 4), "s", note="add_mesh + add_instance_xform from Python")
+    emit("scene", "add_time", round(t_add, 4), "s", note="add_mesh + add_instance_xform")
 
     extent = side * 3.0
     origins = np.column_stack([rng.uniform(-2, extent, args.rays), rng.uniform(-2, extent, args.rays),
@@ -92,36 +63,19 @@ def main():
     rate = args.rays / t_trace
     n_hit = int(hits["hit"].sum())
     t_sum = float(hits["t"][hits["hit"]].astype(np.float64).sum())
-    emit("trace_closest_rate", round(rate, 1), "rays/s", hits=n_hit, threads=1,
+    emit("scene", "trace_closest_rate", round(rate, 1), "rays/s", hits=n_hit, threads=1,
          note="includes array conversion in and the result dict out")
 
-    helper = pathlib.Path(args.build) / "raw_embree_loop"
-    if not helper.exists():
-        emit("raw_embree_rate", None, "rays/s", error=f"{helper} missing: run `make bench`")
+    raw = run_raw_embree(args.build, meshes, list(zip(ids, xforms)), origins, dirs, args.repeat)
+    if raw is None:
+        emit("scene", "raw_embree_rate", None, "rays/s", error="raw_embree_loop missing: make bench")
         return
-    with tempfile.NamedTemporaryFile(suffix=".bin", delete=False) as f:
-        f.write(np.array([args.meshes, args.meshes, args.rays], np.int32).tobytes())
-        for v, idx in meshes:
-            f.write(np.array([len(v), len(idx)], np.int32).tobytes())
-            f.write(v.tobytes())
-            f.write(idx.tobytes())
-        for i, mid in enumerate(ids):
-            f.write(np.int32(mid).tobytes())
-            f.write(xforms[i].tobytes())
-        f.write(origins.tobytes())
-        f.write(dirs.tobytes())
-        path = f.name
-    try:
-        out = subprocess.run([str(helper), path, str(args.repeat)], capture_output=True, text=True, check=True)
-    finally:
-        os.unlink(path)
-    raw = {r["figure"]: r for r in map(json.loads, out.stdout.splitlines())}
     raw_rate = raw["closest_hit_rate"]["value"]
-    same = raw["closest_hit_rate"]["hits"] == n_hit
-    emit("raw_embree_build_time", raw["build_time"]["value"], "s")
-    emit("raw_embree_rate", raw_rate, "rays/s", hits=raw["closest_hit_rate"]["hits"],
-         same_hits=same, t_sum_rel_diff=abs(raw["closest_hit_rate"]["t_sum"] - t_sum) / t_sum)
-    emit("trace_closest_vs_raw", round(rate / raw_rate, 3), "ratio")
+    emit("scene", "raw_embree_build_time", raw["build_time"]["value"], "s")
+    emit("scene", "raw_embree_rate", raw_rate, "rays/s", hits=raw["closest_hit_rate"]["hits"],
+         same_hits=raw["closest_hit_rate"]["hits"] == n_hit,
+         t_sum_rel_diff=abs(raw["closest_hit_rate"]["t_sum"] - t_sum) / t_sum)
+    emit("scene", "trace_closest_vs_raw", round(rate / raw_rate, 3), "ratio")
 
 
 if __name__ == "__main__":
