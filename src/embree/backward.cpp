@@ -18,6 +18,7 @@
 #include "core/rng.h"
 #include "core/sensor.h"
 #include "core/workers.h"
+#include "embree/optical_scene.h"
 #include "embree/scene_manager.h"
 
 namespace vesk::embree {
@@ -286,80 +287,15 @@ bool trace_surface_path(const PathContext& c, BackwardThreadScratch& s, int32_t 
   return true;
 }
 
-int32_t env_max_depth(int32_t max_depth) {
-  const char* v = std::getenv("VESK_MAX_DEPTH");
-  if (!v) return max_depth;
-  const long d = std::strtol(v, nullptr, 10);
-  if (d <= 0 || d > 0x7fffffff) return max_depth;
-  std::printf("[CPU bwd] VESK_MAX_DEPTH=%d\n", int(d));
-  std::fflush(stdout);
-  return int32_t(d);
-}
-
-size_t material_blocks(MaterialType t) {
-  switch (t) {
-    case MaterialType::Diffuse: return 1;
-    case MaterialType::Rpv: return 4;
-    case MaterialType::DiffuseTransmitting: return 3;
-  }
-  return 0;
-}
-
-bool has_sun(const EmbreeSceneManager& scene) {
-  const Emitter& e = scene.emitter();
-  return e.spectral_offset >= 0 && dot(e.direction, e.direction) > 0.0f;
-}
-
-void require_block(int64_t offset, size_t size, size_t buffer, const std::string& what) {
-  if (offset < 0 || size_t(offset) + size > buffer)
-    throw std::invalid_argument(what + " lies outside the spectral buffer");
-}
-
 }  // namespace
-
-void validate_optical_scene(const EmbreeSceneManager& scene) {
-  if (!scene.is_built())
-    throw std::runtime_error("scene not built. Call build() first.");
-  const size_t nb = size_t(std::max(scene.num_bands(), 0));
-  const size_t size = scene.spectral_params().size();
-  const bool thermal = scene.emission_mode() == EMISSION_THERMAL;
-  const auto& mats = scene.materials();
-  std::vector<bool> used(mats.size(), false);
-  for (const auto& info : scene.instance_info()) {
-    if (info.material_id < 0 || size_t(info.material_id) >= mats.size())
-      throw std::invalid_argument("mesh " + std::to_string(info.mesh_id) + " uses material " +
-                                  std::to_string(info.material_id) + ", but the scene has " +
-                                  std::to_string(mats.size()) + " materials");
-    used[size_t(info.material_id)] = true;
-  }
-  for (size_t i = 0; i < mats.size(); ++i) {
-    if (!used[i]) continue;
-    // Thermal emission reads block 0 of every material, whatever its type.
-    const size_t blocks = std::max(material_blocks(mats[i].type), thermal ? size_t(1) : size_t(0));
-    if (blocks > 0)
-      require_block(mats[i].spectral_offset, blocks * nb, size,
-                    "the spectral block of material " + std::to_string(i));
-  }
-  if (has_sun(scene))
-    require_block(scene.emitter().spectral_offset, nb, size, "the sun spectrum");
-  const SkySelection& sky = scene.sky();
-  if (sky.directional_offset >= 0)
-    require_block(sky.directional_offset, nb * 512, size, "the directional sky table");
-  else if (sky.hw_offset >= 0)
-    require_block(sky.hw_offset, nb * 10, size, "the Hosek-Wilkie sky coefficients");
-  else if (sky.uniform_offset >= 0)
-    require_block(sky.uniform_offset, nb, size, "the uniform sky radiance");
-  if (thermal && scene.band_wavelengths().size() < nb)
-    throw std::invalid_argument("thermal mode needs one band wavelength per band");
-}
 
 backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, int spp,
                                               int max_depth, int rr_depth, int threads,
                                               const ProgressFn& progress,
                                               const OpticalProductRequest& request) {
   if (spp < 1) throw std::invalid_argument("spp must be positive");
-  validate_optical_scene(scene);
-  max_depth = env_max_depth(max_depth);
+  validate_optical_scene(scene, scene.num_bands());
+  max_depth = max_depth_from_env(max_depth, "[CPU bwd]");
   threads = resolve_thread_count(threads);
 
   const SensorData& sensor = scene.sensor();
@@ -386,7 +322,7 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                 (!sif.empty() && scene.n_sif_bands() == bands) ? sif.data() : nullptr,
                 n_prims,
                 scene.band_wavelengths().data(),
-                has_sun(scene),
+                scene_has_sun(scene),
                 request.event_aov,
                 request.scattering_order,
                 request.max_output_order + 1};

@@ -18,8 +18,4 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                                               const ProgressFn& progress,
                                               const backend::OpticalProductRequest& request);
 
-// Checks that every spectral block a path may read lies inside the spectral buffer and
-// that every instanced mesh names an existing material, so tracers can index freely.
-void validate_optical_scene(const EmbreeSceneManager& scene);
-
 }  // namespace vesk::embree

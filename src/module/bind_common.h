@@ -59,6 +59,7 @@ py::dict mesh_dict(const backend::MeshGeometry& mesh);
 void bind_generators(py::module_& m);
 void bind_scene(py::module_& m);
 void bind_optical(py::module_& m);
+void bind_forward(py::module_& m);
 void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 void bind_scene_overrides(SceneClass& cls);

@@ -11,6 +11,7 @@ PYBIND11_MODULE(vesk_gpu, m) {
   m.attr("HAS_EMBREE") = true;
   vesk::module::bind_scene(m);
   vesk::module::bind_optical(m);
+  vesk::module::bind_forward(m);
 #ifdef VESK_BENCH_COUNTERS
   vesk::module::bind_bench(m);
 #endif

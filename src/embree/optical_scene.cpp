@@ -1,0 +1,82 @@
+// Checks and settings shared by the optical tracers.
+#include "embree/optical_scene.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+#include "embree/scene_manager.h"
+
+namespace vesk::embree {
+
+int32_t max_depth_from_env(int32_t max_depth, const char* prefix) {
+  const char* v = std::getenv("VESK_MAX_DEPTH");
+  if (!v) return max_depth;
+  const long d = std::strtol(v, nullptr, 10);
+  if (d <= 0 || d > 0x7fffffff) return max_depth;
+  std::printf("%s VESK_MAX_DEPTH=%d\n", prefix, int(d));
+  std::fflush(stdout);
+  return int32_t(d);
+}
+
+namespace {
+
+size_t material_blocks(MaterialType t) {
+  switch (t) {
+    case MaterialType::Diffuse: return 1;
+    case MaterialType::Rpv: return 4;
+    case MaterialType::DiffuseTransmitting: return 3;
+  }
+  return 0;
+}
+
+void require_block(int64_t offset, size_t size, size_t buffer, const std::string& what) {
+  if (offset < 0 || size_t(offset) + size > buffer)
+    throw std::invalid_argument(what + " lies outside the spectral buffer");
+}
+
+}  // namespace
+
+bool scene_has_sun(const EmbreeSceneManager& scene) {
+  const Emitter& e = scene.emitter();
+  return e.spectral_offset >= 0 && dot(e.direction, e.direction) > 0.0f;
+}
+
+void validate_optical_scene(const EmbreeSceneManager& scene, int32_t n_bands) {
+  if (!scene.is_built())
+    throw std::runtime_error("scene not built. Call build() first.");
+  const size_t nb = size_t(std::max(n_bands, 0));
+  const size_t size = scene.spectral_params().size();
+  const bool thermal = scene.emission_mode() == EMISSION_THERMAL;
+  const auto& mats = scene.materials();
+  std::vector<bool> used(mats.size(), false);
+  for (const auto& info : scene.instance_info()) {
+    if (info.material_id < 0 || size_t(info.material_id) >= mats.size())
+      throw std::invalid_argument("mesh " + std::to_string(info.mesh_id) + " uses material " +
+                                  std::to_string(info.material_id) + ", but the scene has " +
+                                  std::to_string(mats.size()) + " materials");
+    used[size_t(info.material_id)] = true;
+  }
+  for (size_t i = 0; i < mats.size(); ++i) {
+    if (!used[i]) continue;
+    // Thermal emission reads block 0 of every material, whatever its type.
+    const size_t blocks = std::max(material_blocks(mats[i].type), thermal ? size_t(1) : size_t(0));
+    if (blocks > 0)
+      require_block(mats[i].spectral_offset, blocks * nb, size,
+                    "the spectral block of material " + std::to_string(i));
+  }
+  if (scene_has_sun(scene))
+    require_block(scene.emitter().spectral_offset, nb, size, "the sun spectrum");
+  const SkySelection& sky = scene.sky();
+  if (sky.directional_offset >= 0)
+    require_block(sky.directional_offset, nb * 512, size, "the directional sky table");
+  else if (sky.hw_offset >= 0)
+    require_block(sky.hw_offset, nb * 10, size, "the Hosek-Wilkie sky coefficients");
+  else if (sky.uniform_offset >= 0)
+    require_block(sky.uniform_offset, nb, size, "the uniform sky radiance");
+  if (thermal && scene.band_wavelengths().size() < nb)
+    throw std::invalid_argument("thermal mode needs one band wavelength per band");
+}
+
+}  // namespace vesk::embree

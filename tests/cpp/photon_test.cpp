@@ -1,0 +1,152 @@
+#include <cmath>
+#include <stdexcept>
+
+#include "core/mesh_generators.h"
+#include "embree/flux.h"
+#include "embree/forward.h"
+#include "embree/photon.h"
+#include "embree/scene_manager.h"
+#include "test_util.h"
+
+using namespace vesk;
+using namespace vesk::embree;
+
+namespace {
+
+int32_t add(EmbreeSceneManager& s, const backend::MeshGeometry& m) {
+  return s.add_mesh(m.vertices, m.normals, m.indices, m.material_id);
+}
+
+// A 10 x 10 repeated tile: ground of reflectance 0.3 / 0.6, a leaf crown, a sun
+// spectrum and (optionally) a uniform sky, all in two bands.
+void build_tile(EmbreeSceneManager& s, bool sky) {
+  s.set_num_bands(2);
+  s.upload_spectral_params({0.3f, 0.6f, 0.1f, 0.4f, 0.15f, 0.45f, 0.05f, 0.35f, 1000, 800, 20, 30});
+  s.add_material(0, 0, nullptr, 0);
+  const float leaf[2] = {0.25f, 0.2f};
+  s.add_material(13, 2, leaf, 2);
+  s.add_instance(add(s, make_ground_plane(5, 5, 0, 10)), 5, 5, 0, 1);
+  auto crown = make_sphere(1.5f, {0, 0, 0}, 2);
+  crown.material_id = 1;
+  const int32_t c = add(s, crown);
+  s.add_instance(c, 3, 4, 2.5f, 1);
+  s.add_instance(c, 9.5f, 8, 3.0f, 1);  // straddles the tile wall
+  s.set_emitter(0, normalize({0.5f, 0.2f, 0.7f}), 8);
+  if (sky) s.set_sky(10);
+  s.set_repetitive(6, 10, 10);
+  s.build();
+}
+
+}  // namespace
+
+TEST(Emission, HorizonSunProbSunAndThePlane) {
+  EmbreeSceneManager s;
+  build_tile(s, true);
+  s.set_measurement_plane(7.0f);
+  Photon p;
+  p.throughput.assign(2, 0.0);
+  int sun = 0, sky = 0;
+  for (uint64_t i = 0; i < 2000; ++i) {
+    RNG r = photon_rng(i);
+    EmissionContext e = EmissionContext::from_scene(s, 2, 0.7f, 1.0);
+    ASSERT_TRUE(emit_photon(e, r, p));
+    EXPECT_FLOAT_EQ(p.origin.z, 7.1f) << "repeated scenes start 0.1 above the plane";
+    EXPECT_TRUE(p.repetitive);
+    (p.is_sun ? sun : sky)++;
+    EXPECT_DOUBLE_EQ(p.weight, p.is_sun ? 1.0 / double(0.7f) : 1.0 / (1.0 - double(0.7f)));
+  }
+  EXPECT_NEAR(sun / 2000.0, 0.7, 0.04);
+  RNG r = photon_rng(1);
+  EmissionContext e = EmissionContext::from_scene(s, 2, 0.0f, 1.0);
+  ASSERT_TRUE(emit_photon(e, r, p));
+  EXPECT_FALSE(p.is_sun) << "prob_sun 0 gives sky photons only";
+  EXPECT_LT(p.direction.z, 0.0f);
+  EXPECT_NEAR(p.throughput[1], 30.0 * 3.1415927, 1e-3) << "uniform sky radiance times pi";
+  // Without a sky, prob_sun 0 emits nothing; with the sun at the horizon nothing at all.
+  s.set_sky(-1);
+  e = EmissionContext::from_scene(s, 2, 0.0f, 1.0);
+  EXPECT_FALSE(emit_photon(e, r, p));
+  s.set_sky(10);
+  s.update_emitter_direction(normalize({1.0f, 0.0f, 0.005f}));
+  e = EmissionContext::from_scene(s, 2, 0.5f, 1.0);
+  for (uint64_t i = 0; i < 50; ++i) {
+    RNG q = photon_rng(i);
+    EXPECT_FALSE(emit_photon(e, q, p));
+  }
+}
+
+TEST(Flux, ResultsDoNotDependOnTheThreadCount) {
+  EmbreeSceneManager s;
+  build_tile(s, true);
+  const auto one = render_flux(s, 5, 4, 60000, 2, 0.6f, 0, 12, 3, 1, {}, true);
+  const auto three = render_flux(s, 5, 4, 60000, 2, 0.6f, 0, 12, 3, 3, {}, true);
+  ASSERT_EQ(one.downwelling.size(), 40u);
+  for (size_t i = 0; i < one.downwelling.size(); ++i) {
+    EXPECT_NEAR(one.downwelling[i], three.downwelling[i], 1e-5f * one.downwelling[i]);
+    EXPECT_NEAR(one.upwelling[i], three.upwelling[i], 1e-5f * one.upwelling[i] + 1e-6f);
+    EXPECT_NEAR(one.downwelling_direct[i] + one.downwelling_diffuse[i], one.downwelling[i],
+                1e-5f * one.downwelling[i]);
+  }
+}
+
+TEST(Flux, CellsBouncesAndProgress) {
+  // A flat ground of reflectance 0.3 and one sun photon per index: each photon hits
+  // once, in one cell, then escapes from it.
+  EmbreeSceneManager s;
+  s.set_num_bands(1);
+  s.upload_spectral_params({0.3f, 500.0f});
+  s.add_material(0, 0, nullptr, 0);
+  s.add_instance(add(s, make_ground_plane(5, 5, 0, 10)), 5, 5, 0, 1);
+  s.set_emitter(0, {0, 0, 1}, 1);
+  s.set_repetitive(2, 10, 10);
+  s.build();
+  std::vector<long> calls;
+  const auto r = render_flux(s, 2, 2, 1000001, 1, 1.0f, 0, 8, 3, 2,
+                             [&](long done, long total, float) {
+                               calls.push_back(done);
+                               EXPECT_EQ(total, 1000001);
+                             },
+                             false);
+  EXPECT_EQ(calls, (std::vector<long>{1000000, 1000001})) << "one report per million";
+  double down = 0, up = 0;
+  for (float v : r.downwelling) down += v;
+  for (float v : r.upwelling) up += v;
+  EXPECT_NEAR(down, 500.0 * 100.0, 1e-3 * 500 * 100);
+  EXPECT_NEAR(up, 0.3 * down, 1e-3 * down) << "escapes after a bounce leave their cell";
+
+  expect_throw_text<std::invalid_argument>(
+      [&] { render_flux(s, 0, 2, 10, 1, 1, 0, 8, 3, 1, {}, false); },
+      "flux grid dimensions and band count must be positive");
+  EXPECT_THROW(render_flux(s, 65536, 65536, 10, 1, 1, 0, 8, 3, 1, {}, false), std::overflow_error);
+  expect_throw_text<std::invalid_argument>(
+      [&] { render_flux(s, 2, 2, 0, 1, 1, 0, 8, 3, 1, {}, false); },
+      "Embree flux photon count must be positive");
+  s.set_repetitive(0, 0, 0);  // falls back to the sensor footprint, which is empty
+  expect_throw_text<std::invalid_argument>(
+      [&] { render_flux(s, 2, 2, 10, 1, 1, 0, 8, 3, 1, {}, false); },
+      "flux scene extent must be at least the minimum normalized float");
+}
+
+TEST(Forward, ThreadCountOnlyChangesSummationOrder) {
+  EmbreeSceneManager s;
+  build_tile(s, true);
+  ForwardRequest q;
+  q.nx = 3, q.ny = 2, q.layer_heights = {0.0f, 2.0f, 4.5f}, q.num_photons = 40000;
+  q.num_bands = 2, q.per_leaf = true, q.prob_sun = 0.7f, q.terrain_instance_id = 0;
+  q.brf_directions = {{0, 0, 1}, {0.5f, 0.1f, 0.8f}};
+  q.threads = 1;
+  const auto a = render_forward(s, q, {});
+  q.threads = 3;
+  const auto b = render_forward(s, q, {});
+  auto close = [](const std::vector<float>& x, const std::vector<float>& y, const char* what) {
+    ASSERT_EQ(x.size(), y.size()) << what;
+    for (size_t i = 0; i < x.size(); ++i)
+      EXPECT_NEAR(x[i], y[i], 1e-4f * std::fabs(x[i]) + 1e-3f) << what << " " << i;
+  };
+  close(a.grid, b.grid, "grid");
+  close(a.leaf, b.leaf, "leaf");
+  close(a.terrain, b.terrain, "terrain");
+  close(a.brf, b.brf, "brf");
+  close(a.escaped, b.escaped, "escaped");
+  EXPECT_EQ(a.grid.size(), size_t(2 * 2 * 3 * 2));
+}
