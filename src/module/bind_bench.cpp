@@ -1,6 +1,8 @@
 // Entries of the benchmark build only (VESK_BENCH_COUNTERS): ray counts and renders
 // with an explicit thread count, so benchmarks can relate tracer time to Embree rays.
 #include "embree/backward.h"
+#include "embree/flux.h"
+#include "embree/forward.h"
 #include "embree/ray_counters.h"
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
@@ -28,6 +30,30 @@ void bind_bench(py::module_& m) {
                                                             backend::OpticalProductRequest{}));
       },
       py::arg("scene"), py::arg("spp"), py::arg("max_depth"), py::arg("threads"));
+  m.def(
+      "_bench_render_flux",
+      [](const embree::EmbreeSceneManager& scene, int32_t nx, int64_t photons, int32_t bands,
+         float prob_sun, int32_t threads) {
+        const embree::FluxResult r = embree::render_flux(scene, nx, nx, photons, bands, prob_sun, 0,
+                                                         16, 3, threads, {}, false);
+        return to_numpy(r.downwelling);
+      },
+      py::arg("scene"), py::arg("nx"), py::arg("photons"), py::arg("bands"), py::arg("prob_sun"),
+      py::arg("threads"));
+  m.def(
+      "_bench_render_brf",
+      [](const embree::EmbreeSceneManager& scene, const FloatArray& dirs, int64_t photons,
+         int32_t threads) {
+        embree::ForwardRequest q;
+        q.brf_entry = true;
+        q.num_photons = photons;
+        q.num_bands = scene.num_bands();
+        q.threads = threads;
+        for (py::ssize_t i = 0; i + 2 < dirs.size(); i += 3)
+          q.brf_directions.push_back({dirs.data()[i], dirs.data()[i + 1], dirs.data()[i + 2]});
+        return to_numpy(embree::render_forward(scene, q, {}).brf);
+      },
+      py::arg("scene"), py::arg("directions"), py::arg("photons"), py::arg("threads"));
 }
 
 }  // namespace vesk::module
