@@ -11,6 +11,11 @@
 #include "core/illumination.h"
 #include "core/types.h"
 
+namespace vesk::backend {
+struct PhysiologyRequestView;
+struct PhysiologyResult;
+}  // namespace vesk::backend
+
 namespace vesk::embree {
 
 struct EmbreeMesh {
@@ -179,6 +184,10 @@ class EmbreeSceneManager {
   const InstanceSifSourceFields& instance_sif_source_fields() const {
     return instance_sif_source_fields_;
   }
+
+  // ---- processes on the scene's elements ----
+  // The leaf physiology solver; it reads nothing from the scene.
+  backend::PhysiologyResult solve_physiology(const backend::PhysiologyRequestView& view) const;
 
   // ---- ray queries (const and re-entrant once built) ----
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,

@@ -1,5 +1,7 @@
 // Entries of the benchmark build only (VESK_BENCH_COUNTERS): ray counts and renders
 // with an explicit thread count, so benchmarks can relate tracer time to Embree rays.
+#include <omp.h>
+
 #include "embree/backward.h"
 #include "embree/flux.h"
 #include "embree/forward.h"
@@ -16,6 +18,7 @@ void bind_bench(py::module_& m) {
     return py::make_tuple(closest, occluded);
   });
   m.def("_bench_reset_ray_counts", [] { embree::rtc::reset_ray_counters(); });
+  m.def("_bench_set_omp_threads", [](int n) { omp_set_num_threads(n); });
   m.def("_bench_set_ray_recording", [](bool on) { embree::rtc::set_ray_recording(on); });
   m.def("_bench_take_recorded_rays", [] {
     std::vector<float> closest, occluded;

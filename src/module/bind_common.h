@@ -34,6 +34,16 @@ std::vector<int3> to_int3_rows(const IntArray& a);
 std::vector<float> to_vector(const FloatArray& a);
 std::vector<int32_t> to_vector(const IntArray& a);
 
+// Hands a result vector's buffer to a fresh NumPy array without copying: the array
+// owns it from then on, and nothing native keeps a reference.
+template <class T, class As = T>
+py::array_t<As> move_to_numpy(std::vector<T>&& v, std::vector<py::ssize_t> shape) {
+  static_assert(sizeof(T) == sizeof(As));
+  auto* owned = new std::vector<T>(std::move(v));
+  py::capsule free_when_done(owned, [](void* p) { delete static_cast<std::vector<T>*>(p); });
+  return py::array_t<As>(shape, reinterpret_cast<const As*>(owned->data()), free_when_done);
+}
+
 // Fresh NumPy arrays that own a copy; nothing aliases native memory.
 py::array_t<float> to_numpy(const std::vector<float>& v);
 py::array_t<float> to_numpy(const std::vector<float>& v, std::vector<py::ssize_t> shape);
@@ -60,6 +70,7 @@ void bind_generators(py::module_& m);
 void bind_scene(py::module_& m);
 void bind_optical(py::module_& m);
 void bind_forward(py::module_& m);
+void bind_processes(py::module_& m);
 void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 void bind_scene_overrides(SceneClass& cls);

@@ -1,0 +1,107 @@
+// Process entries on the CPU scene: solve_physiology_cpu.
+#include "embree/scene_manager.h"
+#include "module/bind_common.h"
+#include "physiology/leaf_solver.h"
+
+namespace vesk::module {
+
+using vesk::embree::EmbreeSceneManager;
+
+namespace {
+
+// Request arrays converted to float32 and kept alive for the call.
+struct RequestArrays {
+  std::vector<FloatArray> keep;
+  backend::FloatSpan take(const py::dict& request, const char* key) {
+    keep.push_back(py::cast<FloatArray>(request[key]));
+    return {keep.back().data(), size_t(keep.back().size())};
+  }
+};
+
+template <class T>
+T get(const py::dict& request, const char* key) {
+  return py::cast<T>(request[key]);
+}
+
+}  // namespace
+
+void bind_processes(py::module_& m) {
+  m.def(
+      "solve_physiology_cpu",
+      [](const EmbreeSceneManager& scene, const py::dict& request) {
+        RequestArrays arrays;
+        arrays.keep.reserve(24);
+        const FloatArray apar = py::cast<FloatArray>(request["apar"]);
+        const FloatArray temperature = py::cast<FloatArray>(request["temperature"]);
+        if (apar.ndim() != 2) throw std::runtime_error("apar must have shape [element, band]");
+        if (temperature.ndim() != 1 || temperature.shape(0) != apar.shape(0))
+          throw std::runtime_error("temperature must have shape [element] matching apar");
+        backend::PhysiologyRequestView v;
+        v.n_elements = int32_t(apar.shape(0));
+        v.n_bands = int32_t(apar.shape(1));
+        v.apar = {apar.data(), size_t(apar.size())};
+        v.temperature = {temperature.data(), size_t(temperature.size())};
+        v.co2 = arrays.take(request, "co2");
+        v.relative_humidity = arrays.take(request, "relative_humidity");
+        v.vpd = arrays.take(request, "vpd");
+        v.pressure = arrays.take(request, "pressure");
+        v.wind = arrays.take(request, "wind");
+        v.vcmax25 = arrays.take(request, "vcmax25");
+        v.jmax25 = arrays.take(request, "jmax25");
+        v.rd25 = arrays.take(request, "rd25");
+        v.ball_berry_slope = arrays.take(request, "ball_berry_slope");
+        v.ball_berry_intercept = arrays.take(request, "ball_berry_intercept");
+        v.quantum_yield = arrays.take(request, "quantum_yield");
+        v.max_iterations = get<int32_t>(request, "max_iterations");
+        v.tolerance = get<float>(request, "tolerance");
+        v.dynamic_energy_balance = request.contains("dynamic_energy_balance") &&
+                                   get<bool>(request, "dynamic_energy_balance");
+        v.solve_leaf_temperature = true;
+        v.read_back_outputs = true;
+        if (v.dynamic_energy_balance) {
+          v.absorbed_shortwave = arrays.take(request, "absorbed_shortwave");
+          v.absorbed_longwave = arrays.take(request, "absorbed_longwave");
+          v.air_temperature = arrays.take(request, "air_temperature");
+          v.vapor_pressure = arrays.take(request, "vapor_pressure");
+          v.emissivity = arrays.take(request, "emissivity");
+          v.sidedness = arrays.take(request, "sidedness");
+          v.leaf_width = arrays.take(request, "leaf_width");
+          v.stomata_sides = arrays.take(request, "stomata_sides");
+        }
+        backend::PhysiologyResult r = scene.solve_physiology(v);
+        const std::vector<py::ssize_t> shape{py::ssize_t(v.n_elements)};
+        py::dict d;
+        d["an"] = move_to_numpy(std::move(r.an), shape);
+        d["gs"] = move_to_numpy(std::move(r.gs), shape);
+        d["ci"] = move_to_numpy(std::move(r.ci), shape);
+        d["phi_f"] = move_to_numpy(std::move(r.phi_f), shape);
+        // One byte of 0 or 1 per element is exactly NumPy's bool.
+        d["converged"] = move_to_numpy<uint8_t, bool>(std::move(r.converged), shape);
+        if (v.dynamic_energy_balance) {
+          d["temperature"] = move_to_numpy(std::move(r.temperature), shape);
+          d["net_radiation"] = move_to_numpy(std::move(r.net_radiation), shape);
+          d["sensible_heat"] = move_to_numpy(std::move(r.sensible_heat), shape);
+          d["latent_heat"] = move_to_numpy(std::move(r.latent_heat), shape);
+        }
+        d["_execution"] = execution_dict(r.execution);
+        return d;
+      },
+      py::arg("scene"), py::arg("request"),
+      "Leaf physiology per element: Farquhar photosynthesis, Ball-Berry stomata, a\n"
+      "fluorescence yield and, with 'dynamic_energy_balance', the leaf temperature from a\n"
+      "one-leaf energy balance (Newton). request: dict of float32 arrays, one value per\n"
+      "element unless noted: 'apar' (elements, bands) absorbed PAR, umol m-2 s-1, summed\n"
+      "over bands; 'temperature' (elements,) K; 'co2' umol mol-1; 'relative_humidity' 0..1;\n"
+      "'vpd'; 'pressure' kPa; 'wind' m s-1; 'vcmax25', 'jmax25', 'rd25' umol m-2 s-1 at\n"
+      "25 C; 'ball_berry_slope'; 'ball_berry_intercept' mol m-2 s-1; 'quantum_yield' 0..1;\n"
+      "'max_iterations' int and 'tolerance' float shared by the ci and temperature\n"
+      "iterations; optional 'dynamic_energy_balance' bool, which needs\n"
+      "'absorbed_shortwave', 'absorbed_longwave' W m-2, 'air_temperature' K,\n"
+      "'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides'.\n"
+      "Returns float32 'an' umol m-2 s-1, 'gs' mol m-2 s-1, 'ci' umol mol-1, 'phi_f', bool\n"
+      "'converged' (non-convergence is reported here, never raised), with the energy\n"
+      "balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'\n"
+      "W m-2, and '_execution'.");
+}
+
+}  // namespace vesk::module
