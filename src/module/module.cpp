@@ -4,6 +4,7 @@
 PYBIND11_MODULE(vesk_gpu, m) {
   m.doc() = "VESK - multi-backend 3D Radiative Transfer Model";
   m.attr("__version__") = "3.0.0rc1";
+  vesk::module::bind_microwave(m);
   // This build has no Vulkan and no OptiX backend; their blocks are absent.
   m.attr("HAS_VULKAN") = false;
   m.attr("HAS_OPTIX") = false;
