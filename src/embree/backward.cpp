@@ -17,6 +17,7 @@
 #include "core/planck.h"
 #include "core/rng.h"
 #include "core/sensor.h"
+#include "core/tile.h"
 #include "core/workers.h"
 #include "embree/optical_scene.h"
 #include "embree/scene_manager.h"
@@ -71,24 +72,6 @@ inline void contribute(const PathContext& c, BackwardThreadScratch& s, int32_t s
   s.radiance[size_t(b)] += value;
   if (c.want_aov) s.aov[size_t(slot * c.bands + b)] += value;
   if (c.want_orders) s.orders[size_t(std::min(order, c.last_order) * c.bands + b)] += value;
-}
-
-// Distance to the tile wall the ray leaves through, and the axis (0 x, 1 y); -1 if none.
-inline int tile_exit(const Repetition& rep, const float3& o, const float3& d, float& t_exit) {
-  float best = 1e16f;
-  int axis = -1;
-  if (std::fabs(d.x) > 1e-8f) {
-    const float t0 = -o.x / d.x, t1 = (rep.scene_x_size - o.x) / d.x;
-    if (t0 > 1e-4f && t0 < best) best = t0, axis = 0;
-    if (t1 > 1e-4f && t1 < best) best = t1, axis = 0;
-  }
-  if (std::fabs(d.y) > 1e-8f) {
-    const float t0 = -o.y / d.y, t1 = (rep.scene_y_size - o.y) / d.y;
-    if (t0 > 1e-4f && t0 < best) best = t0, axis = 1;
-    if (t1 > 1e-4f && t1 < best) best = t1, axis = 1;
-  }
-  t_exit = best;
-  return axis;
 }
 
 // Moves a camera ray that starts outside the home tile into it: wrap by whole tiles,
@@ -225,14 +208,10 @@ bool cross_tile_wall(const PathContext& c, PathState& p) {
   if (p.crossings >= c.rep.num_repetitions || !(c.rep.scene_x_size > 0.0f) ||
       !(c.rep.scene_y_size > 0.0f))
     return false;
-  float t_exit;
-  const int axis = tile_exit(c.rep, p.origin, p.direction, t_exit);
+  float t;
+  const int axis = tile_exit(c.rep.scene_x_size, c.rep.scene_y_size, p.origin, p.direction, t);
   if (axis < 0) return false;
-  p.origin = p.origin + t_exit * p.direction;
-  if (axis == 0)
-    p.origin.x += p.direction.x > 0.0f ? -c.rep.scene_x_size : c.rep.scene_x_size;
-  else
-    p.origin.y += p.direction.y > 0.0f ? -c.rep.scene_y_size : c.rep.scene_y_size;
+  cross_tile(c.rep.scene_x_size, c.rep.scene_y_size, axis, t, p.direction, p.origin);
   ++p.crossings;
   return true;
 }
@@ -382,11 +361,7 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
           cv.wait(lock, [&] { return done[size_t(s)].load() == threads || cancel.load(); });
         }
         if (cancel.load()) return;
-        const double ms = std::chrono::duration<double, std::nano>(
-                              std::chrono::steady_clock::now() - start)
-                              .count() /
-                          1e6;
-        progress(long(s + 1), long(spp), float(ms));
+        progress(long(s + 1), long(spp), elapsed_ms(start));
       }
     };
   }

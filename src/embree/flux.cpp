@@ -122,11 +122,7 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
       },
       [&](int64_t done) {
         if (!progress) return;
-        const double ms = std::chrono::duration<double, std::nano>(
-                              std::chrono::steady_clock::now() - start)
-                              .count() /
-                          1e6;
-        progress(long(done), long(num_photons), float(ms));
+        progress(long(done), long(num_photons), elapsed_ms(start));
       });
 
   FluxResult r;

@@ -211,11 +211,7 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
       },
       [&](int64_t done) {
         if (!progress) return;
-        const double ms = std::chrono::duration<double, std::nano>(
-                              std::chrono::steady_clock::now() - start)
-                              .count() /
-                          1e6;
-        progress(long(done), long(req.num_photons), float(ms));
+        progress(long(done), long(req.num_photons), elapsed_ms(start));
       });
 
   auto merge = [&](std::vector<double> ForwardSums::*field) {

@@ -11,6 +11,7 @@
 #include "core/material.h"
 #include "core/offset_origin.h"
 #include "core/rng.h"
+#include "core/tile.h"
 #include "embree/scene_manager.h"
 
 namespace vesk::embree {
@@ -92,26 +93,11 @@ void walk_photon(const EmbreeSceneManager& scene, const MaterialData* materials,
     const EmbreeHit hit = scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
     if (!hit.hit) {
       if (p.repetitive && crossings < p.num_repetitions) {
-        float best = 1e16f;
-        int axis = -1;
-        const float3 o = p.origin, d = p.direction;
-        if (std::fabs(d.x) > 1e-8f) {
-          const float t0 = -o.x / d.x, t1 = (lim.tile_w - o.x) / d.x;
-          if (t0 > 1e-4f && t0 < best) best = t0, axis = 0;
-          if (t1 > 1e-4f && t1 < best) best = t1, axis = 0;
-        }
-        if (std::fabs(d.y) > 1e-8f) {
-          const float t0 = -o.y / d.y, t1 = (lim.tile_h - o.y) / d.y;
-          if (t0 > 1e-4f && t0 < best) best = t0, axis = 1;
-          if (t1 > 1e-4f && t1 < best) best = t1, axis = 1;
-        }
+        float t;
+        const int axis = tile_exit(lim.tile_w, lim.tile_h, p.origin, p.direction, t);
         if (axis >= 0) {
-          p.origin = o + best * d;
-          if (axis == 0)
-            p.origin.x += d.x > 0.0f ? -lim.tile_w : lim.tile_w;
-          else
-            p.origin.y += d.y > 0.0f ? -lim.tile_h : lim.tile_h;
-          into_tile(p.origin, d);
+          cross_tile(lim.tile_w, lim.tile_h, axis, t, p.direction, p.origin);
+          into_tile(p.origin, p.direction);
           ++crossings;
           continue;
         }

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "core/tile.h"
 #include "embree/scene_handles.h"
 
 namespace vesk::embree {
@@ -405,25 +406,11 @@ bool EmbreeSceneManager::shadowed_repetitive(float3 origin, const float3& d) con
     return false;
   float remaining = FAR;
   for (int32_t step = 0; step < rep.num_repetitions; ++step) {
-    float best = FAR;
-    int axis = -1;
-    if (std::fabs(d.x) > 1e-8f) {
-      const float t0 = -origin.x / d.x, t1 = (rep.scene_x_size - origin.x) / d.x;
-      if (t0 > 1e-4f && t0 < best) best = t0, axis = 0;
-      if (t1 > 1e-4f && t1 < best) best = t1, axis = 0;
-    }
-    if (std::fabs(d.y) > 1e-8f) {
-      const float t0 = -origin.y / d.y, t1 = (rep.scene_y_size - origin.y) / d.y;
-      if (t0 > 1e-4f && t0 < best) best = t0, axis = 1;
-      if (t1 > 1e-4f && t1 < best) best = t1, axis = 1;
-    }
+    float t;
+    const int axis = tile_exit(rep.scene_x_size, rep.scene_y_size, origin, d, t);
     if (axis < 0) return false;
-    origin = origin + best * d;
-    if (axis == 0)
-      origin.x += d.x > 0.0f ? -rep.scene_x_size : rep.scene_x_size;
-    else
-      origin.y += d.y > 0.0f ? -rep.scene_y_size : rep.scene_y_size;
-    remaining -= best;
+    cross_tile(rep.scene_x_size, rep.scene_y_size, axis, t, d, origin);
+    remaining -= t;
     if (remaining <= 0.0f) return false;
     if (trace_shadow(origin, d, FAR)) return true;
   }
