@@ -7,11 +7,10 @@ replay of the tracer's own recorded rays (the share of the render Embree itself 
 Uses the benchmark build of the module (build/bench_python, made by `make bench`).
 """
 import argparse
-import time
 
 import numpy as np
 
-from bench_util import (ROOT, build_canopy, compare_with_raw, count_and_record, emit,
+from bench_util import (ROOT, best_seconds, build_canopy, compare_with_raw, count_and_record, emit,
                         import_bench_module, random_rays)
 
 
@@ -35,7 +34,7 @@ def main():
     recorded = count_and_record(vk, lambda: run(1))
     times = {}
     for threads in (1, 2):
-        times[threads] = min(_timed(lambda: run(threads)) for _ in range(args.repeat))
+        times[threads] = best_seconds(lambda: run(threads), args.repeat)
         emit("backward", f"samples_per_s_{threads}t", round(samples / times[threads], 1),
              "samples/s", spp=args.spp, max_depth=args.max_depth,
              leaf_triangles=scene.total_triangles() - 32)
@@ -45,12 +44,6 @@ def main():
     for threads in (1, 2):
         compare_with_raw("backward", "path", times[threads], recorded, args.build, meshes,
                          instances, rays, threads, args.repeat)
-
-
-def _timed(fn):
-    t0 = time.perf_counter()
-    fn()
-    return time.perf_counter() - t0
 
 
 if __name__ == "__main__":

@@ -7,11 +7,10 @@ recorded rays.
 Uses the benchmark build of the module (build/bench_python, made by `make bench`).
 """
 import argparse
-import time
 
 import numpy as np
 
-from bench_util import (ROOT, build_canopy, compare_with_raw, count_and_record, emit,
+from bench_util import (ROOT, best_seconds, build_canopy, compare_with_raw, count_and_record, emit,
                         import_bench_module, random_rays)
 
 
@@ -39,7 +38,7 @@ def main():
         recorded = count_and_record(vk, lambda: run(1))
         times = {}
         for threads in (1, 2):
-            times[threads] = min(_timed(lambda: run(threads)) for _ in range(args.repeat))
+            times[threads] = best_seconds(lambda: run(threads), args.repeat)
             emit("forward", f"{name}_photons_per_s_{threads}t",
                  round(args.photons / times[threads], 1), "photons/s")
         emit("forward", f"{name}_thread_scaling_2t_over_1t", round(times[1] / times[2], 3),
@@ -47,12 +46,6 @@ def main():
         for threads in (1, 2):
             compare_with_raw("forward", name, times[threads], recorded, args.build, meshes,
                              instances, rays, threads, args.repeat)
-
-
-def _timed(fn):
-    t0 = time.perf_counter()
-    fn()
-    return time.perf_counter() - t0
 
 
 if __name__ == "__main__":

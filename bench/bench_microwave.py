@@ -3,11 +3,10 @@
 as the evaluators run on the calling thread. Prints one JSON line per figure.
 """
 import argparse
-import time
 
 import numpy as np
 
-from bench_util import emit
+from bench_util import best_seconds, emit
 
 import vesk_gpu as vk
 
@@ -15,12 +14,7 @@ F = np.float32
 
 
 def rate(fn, rows, repeat):
-    best = float("inf")
-    for _ in range(repeat):
-        t0 = time.perf_counter()
-        fn()
-        best = min(best, time.perf_counter() - t0)
-    return round(rows / best, 1)
+    return round(rows / best_seconds(fn, repeat), 1)
 
 
 def main():

@@ -10,7 +10,7 @@ import time
 
 import numpy as np
 
-from bench_util import ROOT, emit, import_bench_module
+from bench_util import ROOT, best_seconds, emit, import_bench_module
 
 F = np.float32
 
@@ -124,11 +124,8 @@ def main():
         emit("physiology", f"{mode}_numpy_elements_per_s", round(n / t_np, 1), "elements/s")
         for threads in (1, 2):
             vk._bench_set_omp_threads(threads)
-            best = float("inf")
-            for _ in range(args.repeat):
-                t0 = time.perf_counter()
-                out = vk.solve_physiology_cpu(scene, req)
-                best = min(best, time.perf_counter() - t0)
+            best = best_seconds(lambda: vk.solve_physiology_cpu(scene, req), args.repeat)
+            out = vk.solve_physiology_cpu(scene, req)
             emit("physiology", f"{mode}_elements_per_s_{threads}t", round(n / best, 1),
                  "elements/s")
             emit("physiology", f"{mode}_vs_numpy_{threads}t", round(t_np / best, 2), "ratio",

@@ -10,7 +10,7 @@ import time
 
 import numpy as np
 
-from bench_util import ROOT, emit, leaf_cluster, random_rotation, run_raw_embree
+from bench_util import ROOT, best_seconds, emit, leaf_cluster, random_rotation, run_raw_embree
 
 import vesk_gpu as vk
 
@@ -55,11 +55,8 @@ def main():
     dirs = (dirs / np.linalg.norm(dirs, axis=1, keepdims=True)).astype(np.float32)
 
     scene.trace_closest(origins[:1000], dirs[:1000])  # warm up
-    t_trace = float("inf")
-    for _ in range(args.repeat):
-        t0 = time.perf_counter()
-        hits = scene.trace_closest(origins, dirs)
-        t_trace = min(t_trace, time.perf_counter() - t0)
+    t_trace = best_seconds(lambda: scene.trace_closest(origins, dirs), args.repeat)
+    hits = scene.trace_closest(origins, dirs)
     rate = args.rays / t_trace
     n_hit = int(hits["hit"].sum())
     t_sum = float(hits["t"][hits["hit"]].astype(np.float64).sum())

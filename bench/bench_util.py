@@ -7,11 +7,23 @@ import pathlib
 import subprocess
 import sys
 import tempfile
+import time
 
 import numpy as np
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 F = np.float32
+
+
+def best_seconds(fn, repeat):
+    """The fastest of `repeat` runs of fn(): these machines are noisy, and the minimum is the
+    figure least disturbed by other load."""
+    best = float("inf")
+    for _ in range(repeat):
+        t0 = time.perf_counter()
+        fn()
+        best = min(best, time.perf_counter() - t0)
+    return best
 
 
 def emit(bench, figure, value, unit, **extra):
