@@ -92,11 +92,11 @@ def build_canopy(vk, rng, n_meshes=12, tris=2000, n_instances=120):
     s = vk.EmbreeSceneManager()
     bands = 3
     s.set_num_bands(bands)
-    spec = np.concatenate([[0.08, 0.15, 0.3],                       # ground
+    spectra = np.concatenate([[0.08, 0.15, 0.3],                       # ground
                            [0.05, 0.1, 0.45], [0.07, 0.12, 0.4],     # leaf front, back
                            [0.04, 0.09, 0.42],                       # leaf transmittance
                            [1200, 1500, 900], [30, 40, 25]]).astype(F)  # sun, sky
-    s.upload_spectral_params(spec)
+    s.upload_spectral_params(spectra)
     s.add_material(0, 0, [0.18, 0.0])
     s.add_material(13, 3, [0.2, 0.18])
     meshes = []

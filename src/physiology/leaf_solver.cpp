@@ -347,8 +347,8 @@ void validate_physiology_request(const PhysiologyRequestView& v) {
                                 {"sidedness", &v.sidedness},
                                 {"leaf_width", &v.leaf_width},
                                 {"stomata_sides", &v.stomata_sides}};
-  // A short dynamic array must be reported before any value failure, as the ordered
-  // checks would: their lengths are checked before the statics' values are read.
+  // The all-clear pass reads the energy-balance arrays too, so it runs only when their
+  // lengths are right; otherwise the ordered checks below report whatever comes first.
   bool dynamic_lengths_ok = true;
   if (v.dynamic_energy_balance)
     for (const NamedSpan& s : dynamics)

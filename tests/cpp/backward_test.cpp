@@ -21,15 +21,15 @@ int32_t add(EmbreeSceneManager& s, const backend::MeshGeometry& m) {
 void build_canopy(EmbreeSceneManager& s) {
   const int nb = 3;
   s.set_num_bands(nb);
-  std::vector<float> spec = {0.10f, 0.20f, 0.30f,                       // 0: ground
+  std::vector<float> spectra = {0.10f, 0.20f, 0.30f,                       // 0: ground
                              0.05f, 0.10f, 0.45f, 0.08f, 0.12f, 0.40f,  // 3: leaf front, back
                              0.04f, 0.09f, 0.42f,                       // 9: leaf transmittance
                              0.15f, 0.20f, 0.25f, 0.8f, 0.8f, 0.9f,     // 12: RPV rho0, k
                              -0.1f, -0.1f, 0.0f, 0.3f, 0.3f, 0.3f,      // 18: RPV theta, rho_c
                              1200.0f, 1500.0f, 900.0f};                 // 24: sun
   const float hw[10] = {-1.0f, -0.3f, 1.5f, -2.0f, 0.2f, 0.1f, -1.0f, 0.3f, 0.1f, 40.0f};
-  for (int b = 0; b < nb; ++b) spec.insert(spec.end(), hw, hw + 10);  // 27: sky
-  s.upload_spectral_params(spec);
+  for (int b = 0; b < nb; ++b) spectra.insert(spectra.end(), hw, hw + 10);  // 27: sky
+  s.upload_spectral_params(spectra);
   const int ground_mat = s.add_material(0, 0, nullptr, 0);
   const float leaf_params[2] = {0.2f, 0.18f};
   const int leaf_mat = s.add_material(13, 3, leaf_params, 2);
