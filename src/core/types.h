@@ -15,7 +15,6 @@ struct int3 {
   int32_t x = 0, y = 0, z = 0;
 };
 
-inline float3 make_float3(float x, float y, float z) { return float3{x, y, z}; }
 inline float3 operator+(float3 a, float3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
 inline float3 operator-(float3 a, float3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
 inline float3 operator-(float3 a) { return {-a.x, -a.y, -a.z}; }

@@ -9,9 +9,6 @@
 #endif
 
 #include <cstdint>
-#include <stdexcept>
-#include <string>
-
 #include "embree/ray_counters.h"
 
 namespace vesk::embree::rtc {
@@ -52,14 +49,6 @@ inline const char* error_text(RTCError code) {
     case RTC_ERROR_CANCELLED: return "cancelled";
     default: return "unknown error";
   }
-}
-
-// Embree reports errors through the device; building steps check it and throw, so a
-// failure inside Embree never passes silently.
-inline void check_device(RTCDevice device, const char* step) {
-  const RTCError code = rtcGetDeviceError(device);
-  if (code != RTC_ERROR_NONE)
-    throw std::runtime_error(std::string("Embree error during ") + step + ": " + error_text(code));
 }
 
 }  // namespace vesk::embree::rtc
