@@ -29,6 +29,9 @@ OpticalProductRequest parse_optical_outputs(const std::vector<std::string>& name
   }
   if (r.scattering_order && max_output_order < 0)
     throw std::invalid_argument("max_output_order must be non-negative");
+  if (r.scattering_order && max_output_order > MAX_OUTPUT_ORDER)
+    throw std::invalid_argument("max_output_order must not exceed " +
+                                std::to_string(MAX_OUTPUT_ORDER));
   return r;
 }
 

@@ -21,6 +21,8 @@ struct OpticalProductRequest {
 // Event slots of the event_aov split.
 enum EventSlot : int32_t { SLOT_SURFACE = 0, SLOT_MEDIUM = 1, SLOT_ENVIRONMENT = 2, SLOT_EMISSION = 3 };
 constexpr int32_t EVENT_SLOTS = 4;
+// Orders kept on their own at most; paths this deep do not occur in practice.
+constexpr int32_t MAX_OUTPUT_ORDER = 100000;
 
 // Names: "radiance", "standard_error", "event_aov", "scattering_order"; anything else
 // throws std::invalid_argument "unknown optical output name: <name>".

@@ -28,6 +28,13 @@ inline int tile_exit(float w, float h, const float3& o, const float3& d, float& 
   return axis;
 }
 
+// True when the ray has passed the scene's height range [lo, hi] for good: above it and
+// rising, or below it and falling. Nothing is left to hit in any tile, so walks stop
+// there rather than crossing the remaining walls; only the direction matters after it.
+inline bool beyond_heights(const float3& o, const float3& d, float lo, float hi) {
+  return (d.z > 0.0f && o.z > hi) || (d.z < 0.0f && o.z < lo);
+}
+
 // Moves o to the exit point at distance t and wraps the crossed axis into the next tile.
 inline void cross_tile(float w, float h, int axis, float t, const float3& d, float3& o) {
   o = o + t * d;

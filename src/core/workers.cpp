@@ -1,6 +1,11 @@
 #include "core/workers.h"
 
+#include <sched.h>
+
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -8,19 +13,51 @@
 
 namespace vesk {
 
+namespace {
+
+// A positive count at the start of the variable's value ("4", or "4,2" for OpenMP's
+// nested form); 0 when unset or unreadable.
+int count_from_env(const char* name) {
+  const char* v = std::getenv(name);
+  if (!v) return 0;
+  char* end = nullptr;
+  const long n = std::strtol(v, &end, 10);
+  if (end == v || n < 1) return 0;
+  return int(std::min<long>(n, 4096));
+}
+
+std::atomic<InterruptPoll> installed_poll{nullptr};
+
+}  // namespace
+
 int resolve_thread_count(int threads) {
   if (threads >= 1) return threads;
+  if (const int n = count_from_env("VESK_NUM_THREADS")) return n;
+  if (const int n = count_from_env("OMP_NUM_THREADS")) return n;
+  cpu_set_t mask;
+  if (sched_getaffinity(0, sizeof(mask), &mask) == 0) {
+    const int n = CPU_COUNT(&mask);
+    if (n >= 1) return n;
+  }
   const unsigned hw = std::thread::hardware_concurrency();
   return hw < 1 ? 1 : int(hw);
+}
+
+void set_interrupt_poll(InterruptPoll poll) { installed_poll.store(poll); }
+
+void poll_interrupt() {
+  if (const InterruptPoll p = installed_poll.load()) p();
 }
 
 void run_workers(int threads, const std::function<void(int)>& worker,
                  const std::function<void()>& caller, std::atomic<bool>& cancel) {
   std::exception_ptr first;
-  std::mutex first_mutex;
+  std::mutex mutex;  // guards `first` and `running`
+  std::condition_variable finished;
+  int running = threads;
   auto record = [&](std::exception_ptr e) {
     cancel.store(true);
-    std::lock_guard<std::mutex> lock(first_mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     if (!first) first = e;
   };
   std::vector<std::thread> pool;
@@ -33,9 +70,25 @@ void run_workers(int threads, const std::function<void(int)>& worker,
         } catch (...) {
           record(std::current_exception());
         }
+        {
+          std::lock_guard<std::mutex> lock(mutex);
+          --running;
+        }
+        finished.notify_one();
       });
     }
-    if (caller) caller();
+    if (caller) {
+      caller();
+    } else {
+      std::unique_lock<std::mutex> lock(mutex);
+      while (running > 0) {
+        finished.wait_for(lock, std::chrono::milliseconds(INTERRUPT_POLL_MS));
+        if (running == 0) break;
+        lock.unlock();
+        poll_interrupt();
+        lock.lock();
+      }
+    }
   } catch (...) {
     record(std::current_exception());
   }

@@ -1,6 +1,7 @@
 #pragma once
 // The tracers' way of using threads: plain worker threads over native memory, the
-// calling thread free to report progress, every worker joined before anything leaves.
+// calling thread free to report progress and to notice interrupts, every worker joined
+// before anything leaves.
 
 #include <atomic>
 #include <cstdint>
@@ -8,13 +9,26 @@
 
 namespace vesk {
 
-// threads < 1 means one per hardware thread (and 1 if that is unknown).
+// threads >= 1 is taken as given. Otherwise VESK_NUM_THREADS, else OMP_NUM_THREADS (its
+// first entry), else the CPUs this process may run on (its affinity mask), else 1.
 int resolve_thread_count(int threads);
 
+// The host's interrupt check, run on the calling thread while workers run: it throws
+// (the host's own exception) when the user asked to stop. Empty by default; the Python
+// module installs one that turns a pending Ctrl-C into KeyboardInterrupt.
+using InterruptPoll = void (*)();
+void set_interrupt_poll(InterruptPoll poll);
+// Runs the installed check, if any. Call it only on the thread that started the run.
+void poll_interrupt();
+// How often a waiting calling thread wakes up to run the check.
+constexpr int INTERRUPT_POLL_MS = 100;
+
 // Runs worker(t) for t = 0 .. threads - 1 on plain threads while the calling thread
-// runs `caller` (it may be empty). Every worker is joined before this returns; the
-// first exception of the caller or of any worker is rethrown after the join. `cancel`
-// is raised as soon as anything throws, so that long loops can stop early.
+// runs `caller`, or, when `caller` is empty, waits for the workers and polls for
+// interrupts every INTERRUPT_POLL_MS. A caller that waits itself must poll too. Every
+// worker is joined before this returns; the first exception of the caller or of any
+// worker is rethrown after the join. `cancel` is raised as soon as anything throws, so
+// that long loops can stop early.
 void run_workers(int threads, const std::function<void(int)>& worker,
                  const std::function<void()>& caller, std::atomic<bool>& cancel);
 

@@ -2,6 +2,7 @@
 // tiles, sky at escape, thermal and SIF emission, film in 64-bit sums.
 #include "embree/backward.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "core/illumination.h"
+#include "core/memory_limit.h"
 #include "core/material.h"
 #include "core/offset_origin.h"
 #include "core/planck.h"
@@ -47,7 +49,7 @@ struct PathContext {
   int32_t max_depth, rr_depth;
   EmissionMode mode;
   bool terrain_following;
-  float max_height;
+  float max_height, min_height;
   const float* primitive_temperatures;  // null unless one per primitive
   const float* primitive_sif;           // null unless usable
   size_t n_primitives;
@@ -71,7 +73,8 @@ inline void contribute(const PathContext& c, BackwardThreadScratch& s, int32_t s
                        int32_t b, double value) {
   s.radiance[size_t(b)] += value;
   if (c.want_aov) s.aov[size_t(slot * c.bands + b)] += value;
-  if (c.want_orders) s.orders[size_t(std::min(order, c.last_order) * c.bands + b)] += value;
+  if (c.want_orders)
+    s.orders[size_t(std::min(order, c.last_order)) * size_t(c.bands) + size_t(b)] += value;
 }
 
 // Moves a camera ray that starts outside the home tile into it: wrap by whole tiles,
@@ -206,7 +209,8 @@ bool bounce_until_escape(const PathContext& c, BackwardThreadScratch& s, RNG& rn
 // repetition, while crossings remain. False when the path has left the scene for good.
 bool cross_tile_wall(const PathContext& c, PathState& p) {
   if (p.crossings >= c.rep.num_repetitions || !(c.rep.scene_x_size > 0.0f) ||
-      !(c.rep.scene_y_size > 0.0f))
+      !(c.rep.scene_y_size > 0.0f) ||
+      beyond_heights(p.origin, p.direction, c.min_height, c.max_height))
     return false;
   float t;
   const int axis = tile_exit(c.rep.scene_x_size, c.rep.scene_y_size, p.origin, p.direction, t);
@@ -244,8 +248,10 @@ bool trace_surface_path(const PathContext& c, BackwardThreadScratch& s, int32_t 
   PathState p;
   if (!sensor::generate_primary_ray(c.sensor, x, y, dx, dy, p.origin, p.direction)) return false;
 
-  if (c.terrain_following && c.sensor.type == SENSOR_ORTHOGRAPHIC) {
-    // Re-aim the ray through the terrain under its z = 0 footprint, from far back.
+  // Re-aim the ray through the terrain under its z = 0 footprint, from far back (a level
+  // camera ray has no footprint and stays as it is).
+  if (c.terrain_following && c.sensor.type == SENSOR_ORTHOGRAPHIC &&
+      std::fabs(p.direction.z) > 1e-6f) {
     const float3 o = p.origin, d = p.direction;
     const float x0 = o.x - (o.z / d.z) * d.x, y0 = o.y - (o.z / d.z) * d.y;
     const EmbreeHit g = c.scene.trace_ray({x0, y0, o.z}, {0.0f, 0.0f, -1.0f}, 1e-4f, 1e30f);
@@ -274,12 +280,31 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                                               const OpticalProductRequest& request) {
   if (spp < 1) throw std::invalid_argument("spp must be positive");
   validate_optical_scene(scene, scene.num_bands());
+  validate_band_wavelengths(scene, scene.num_bands());
+  const SensorData& sensor = scene.sensor();
+  if (sensor.width < 1 || sensor.height < 1)
+    throw std::invalid_argument(
+        "the sensor has no pixels: call set_sensor() with a positive width and height first");
+  const EmbreeSceneManager::RunGuard read_only(scene);
   max_depth = max_depth_from_env(max_depth, "[CPU bwd]");
   threads = resolve_thread_count(threads);
 
-  const SensorData& sensor = scene.sensor();
-  const int32_t width = std::max(sensor.width, 0), height = std::max(sensor.height, 0);
-  const int32_t bands = std::max(scene.num_bands(), 0);
+  const int32_t width = sensor.width, height = sensor.height;
+  const int32_t bands = scene.num_bands();
+  {
+    // The 64-bit film and its float copy, per image plane, plus each worker's orders.
+    const double plane_bytes = double(width) * double(height) * double(bands) * 12.0;
+    const double planes = 1.0 + (request.standard_error ? 1.0 : 0.0) +
+                          (request.event_aov ? double(backend::EVENT_SLOTS) : 0.0) +
+                          (request.scattering_order ? double(request.max_output_order) + 2.0 : 0.0);
+    const double scratch = request.scattering_order
+                               ? double(threads) * (double(request.max_output_order) + 2.0) *
+                                     double(bands) * 8.0
+                               : 0.0;
+    check_request_memory("simulate_cpu: a " + std::to_string(width) + " x " +
+                             std::to_string(height) + " x " + std::to_string(bands) + " image",
+                         plane_bytes * planes + scratch);
+  }
   const size_t n_prims = scene.n_primitives();
   const auto& temps = scene.primitive_temperatures();
   const auto& sif = scene.primitive_sif_spectra();
@@ -297,6 +322,7 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                 scene.emission_mode(),
                 scene.terrain_following(),
                 scene.max_height(),
+                scene.min_height(),
                 temps.size() == n_prims && n_prims > 0 ? temps.data() : nullptr,
                 (!sif.empty() && scene.n_sif_bands() == bands) ? sif.data() : nullptr,
                 n_prims,
@@ -304,13 +330,13 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                 scene_has_sun(scene),
                 request.event_aov,
                 request.scattering_order,
-                request.max_output_order + 1};
+                request.scattering_order ? request.max_output_order + 1 : 0};
 
   OpticalFilm film(request, width, height, bands);
   const size_t plane = film.plane();
 
-  std::unique_ptr<std::atomic<int>[]> done(new std::atomic<int>[size_t(spp)]);
-  for (int s = 0; s < spp; ++s) done[size_t(s)].store(0);
+  // Samples each worker has finished: O(threads) whatever spp is.
+  std::vector<int> finished(size_t(threads), 0);
   std::mutex mutex;
   std::condition_variable cv;
   std::atomic<bool> cancel{false};
@@ -321,9 +347,11 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
     s.throughput.assign(size_t(bands), 1.0);
     s.radiance.assign(size_t(bands), 0.0);
     if (request.event_aov) s.aov.assign(size_t(backend::EVENT_SLOTS * bands), 0.0);
-    if (request.scattering_order) s.orders.assign(size_t(film.order_count * bands), 0.0);
-    for (int sample = 0; sample < spp && !cancel.load(std::memory_order_relaxed); ++sample) {
+    if (request.scattering_order)
+      s.orders.assign(size_t(film.order_count) * size_t(bands), 0.0);
+    for (int sample = 0; sample < spp; ++sample) {
       for (int32_t y = t; y < height; y += threads) {
+        if (cancel.load(std::memory_order_relaxed)) return;
         for (int32_t x = 0; x < width; ++x) {
           if (!trace_surface_path(c, s, x, y, sample)) continue;
           const size_t px = size_t(y) * size_t(width) + size_t(x);
@@ -341,26 +369,35 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
             for (int32_t k = 0; k < film.order_count; ++k)
               for (int32_t b = 0; b < bands; ++b)
                 film.orders[size_t(k) * plane + base + size_t(b)] +=
-                    s.orders[size_t(k * bands + b)];
+                    s.orders[size_t(k) * size_t(bands) + size_t(b)];
         }
       }
       if (progress) {
         // Counted under the mutex so the waiting caller cannot miss the last wake-up.
-        { std::lock_guard<std::mutex> lock(mutex); done[size_t(sample)].fetch_add(1); }
+        { std::lock_guard<std::mutex> lock(mutex); finished[size_t(t)] = sample + 1; }
         cv.notify_one();
       }
     }
   };
 
+  // The calling thread reports each sample pass once every worker has finished it, and
+  // wakes up regularly to notice a failed worker or an interrupt.
   std::function<void()> report;
   if (progress) {
     report = [&] {
       for (int s = 0; s < spp; ++s) {
-        {
-          std::unique_lock<std::mutex> lock(mutex);
-          cv.wait(lock, [&] { return done[size_t(s)].load() == threads || cancel.load(); });
+        while (true) {
+          {
+            std::unique_lock<std::mutex> lock(mutex);
+            const bool all = cv.wait_for(lock, std::chrono::milliseconds(INTERRUPT_POLL_MS), [&] {
+              return cancel.load() ||
+                     *std::min_element(finished.begin(), finished.end()) > s;
+            });
+            if (cancel.load()) return;
+            if (all) break;
+          }
+          poll_interrupt();
         }
-        if (cancel.load()) return;
         progress(long(s + 1), long(spp), elapsed_ms(start));
       }
     };

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "core/grid.h"
+#include "core/memory_limit.h"
 #include "core/workers.h"
 #include "embree/optical_scene.h"
 #include "embree/photon.h"
@@ -29,6 +30,7 @@ struct FluxRecorder {
   int32_t recorded = 0, last_cell = -1;
 
   void start() { recorded = 0, last_cell = -1; }
+  void entered(const Photon&) {}
 
   void add_positive(std::vector<double>& grid, int32_t cell, const Photon& p) {
     for (int32_t b = 0; b < bands; ++b) {
@@ -72,7 +74,10 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
   if (int64_t(nx) * ny > 2147483647 || int64_t(nx) * ny * num_bands > 2147483647)
     throw std::overflow_error("flux grid element count exceeds signed device index range");
   if (num_photons < 1) throw std::invalid_argument("Embree flux photon count must be positive");
+  if (!(prob_sun >= 0.0f && prob_sun <= 1.0f))
+    throw std::invalid_argument("prob_sun must lie in [0, 1]");
   validate_optical_scene(scene, num_bands);
+  const EmbreeSceneManager::RunGuard read_only(scene);
   max_depth = max_depth_from_env(max_depth, "[CPU flux]");
 
   const Repetition& rep = scene.repetition();
@@ -84,6 +89,9 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
   const float cell_w = W / float(nx), cell_h = H / float(ny);
   const double scale = (double(W) * double(H)) / double(num_photons);
   threads = resolve_thread_count(threads);
+  check_request_memory("simulate_flux_cpu: a " + std::to_string(nx) + " x " + std::to_string(ny) +
+                           " x " + std::to_string(num_bands) + " grid",
+                       double(nx) * ny * num_bands * 8.0 * (decompose ? 4.0 : 2.0) * (threads + 1));
   std::printf("Forward flux (CPU): %lld photons, grid %dx%d, %d bands, max_bounces_record=%d, "
               "%d threads\n",
               static_cast<long long>(num_photons), nx, ny, num_bands, max_bounces, threads);
@@ -102,7 +110,8 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
   for (Photon& p : photons) p.throughput.assign(size_t(num_bands), 0.0);
 
   const EmissionContext emission = EmissionContext::from_scene(scene, num_bands, prob_sun, scale);
-  WalkLimits lim{max_depth, rr_depth, num_bands, W, H};
+  const auto [box_lo, box_hi] = scene.aabb();
+  const WalkLimits lim{max_depth, rr_depth, num_bands, W, H, box_lo, box_hi};
   const float X = cell_w * float(nx), Y = cell_h * float(ny);
   const MaterialData* materials = scene.materials().data();
   const float* spectral = scene.spectral_params().data();

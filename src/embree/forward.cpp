@@ -9,6 +9,7 @@
 #include <string>
 
 #include "core/grid.h"
+#include "core/memory_limit.h"
 #include "core/workers.h"
 #include "embree/flux.h"
 #include "embree/optical_scene.h"
@@ -49,7 +50,7 @@ struct ForwardRecorder {
     return std::min(k, L.nz - 1);  // the top boundary belongs to the top layer
   }
 
-  void emitted(const Photon& p) {
+  void entered(const Photon& p) {
     for (int32_t b = 0; b < L.bands; ++b) s.incident[size_t(b)] += p.throughput[size_t(b)] * p.weight;
   }
 
@@ -148,10 +149,27 @@ void validate(const EmbreeSceneManager& scene, const ForwardRequest& r) {
 ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardRequest& req,
                              const ProgressFn& progress) {
   validate(scene, req);
+  const EmbreeSceneManager::RunGuard read_only(scene);
   const int32_t max_depth = max_depth_from_env(req.max_depth, "[CPU fwd]");
   const int32_t threads = resolve_thread_count(req.threads);
   const int32_t bands = req.num_bands;
   const int32_t nz = req.layer_heights.empty() ? 1 : int32_t(req.layer_heights.size()) - 1;
+  {
+    // Per worker: three 64-bit grids, the terrain cells, the per-primitive sums and the
+    // BRF sums; then the merged and narrowed copies.
+    const double grid = req.brf_entry ? 0.0 : double(req.nx) * req.ny * nz * bands;
+    const double cells = req.brf_entry || req.terrain_instance_id < 0
+                             ? 0.0 : double(req.nx) * req.ny * bands;
+    const double leaf = req.per_leaf ? double(scene.n_primitives()) * bands : 0.0;
+    const double brf = double(req.brf_directions.size()) * bands;
+    const double per_worker = 8.0 * (3.0 * grid + cells + leaf + brf);
+    check_request_memory(
+        req.brf_entry ? std::string("simulate_brf_cpu")
+                      : "simulate_forward_cpu: a " + std::to_string(req.nx) + " x " +
+                            std::to_string(req.ny) + " x " + std::to_string(nz) + " x " +
+                            std::to_string(bands) + " grid",
+        per_worker * (threads + 2));
+  }
   std::printf("Forward fPAR (CPU): %lld photons, grid %dx%dx%d, %d bands, %d threads\n",
               static_cast<long long>(req.num_photons), req.nx, req.ny, nz, bands, threads);
   std::fflush(stdout);
@@ -193,7 +211,7 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
   std::vector<Photon> photons(static_cast<size_t>(threads));
   for (Photon& p : photons) p.throughput.assign(size_t(bands), 0.0);
   std::vector<std::vector<double>> before(static_cast<size_t>(threads), std::vector<double>(size_t(bands)));
-  const WalkLimits lim{max_depth, req.rr_depth, bands, rep.scene_x_size, rep.scene_y_size};
+  const WalkLimits lim{max_depth, req.rr_depth, bands, rep.scene_x_size, rep.scene_y_size, lo, hi};
   const auto start = std::chrono::steady_clock::now();
 
   run_counted(
@@ -204,7 +222,6 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
         for (int64_t i = begin; i < end; ++i) {
           RNG rng = photon_rng(uint64_t(i));
           if (!emit_photon(emission, rng, p)) continue;
-          rec.emitted(p);
           walk_photon(scene, layout.materials, layout.spectral, lim, rng, p, before[size_t(t)],
                       rec);
         }

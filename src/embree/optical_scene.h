@@ -9,9 +9,13 @@ class EmbreeSceneManager;
 
 // Throws unless the scene is built, every instanced mesh names an existing material,
 // and every spectral block a path may read with n_bands bands (materials, sun, the
-// selected sky) lies inside the spectral buffer; in thermal mode, one wavelength per
-// band is needed too. After it, tracers index the buffer without checks.
+// selected sky) lies inside the spectral buffer and holds no negative reflectance or
+// radiance. After it, tracers index the buffer without checks.
 void validate_optical_scene(const EmbreeSceneManager& scene, int32_t n_bands);
+
+// Thermal emission reads one band centre per band: only the tracers that emit
+// (backward) call this; photon runs never read wavelengths.
+void validate_band_wavelengths(const EmbreeSceneManager& scene, int32_t n_bands);
 
 // Whether a sun is set: a spectrum offset and a non-zero direction.
 bool scene_has_sun(const EmbreeSceneManager& scene);

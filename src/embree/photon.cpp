@@ -97,7 +97,8 @@ bool emit_photon(const EmissionContext& e, RNG& rng, Photon& p) {
     return true;
   }
 
-  if (s.z <= 0.0f || e.prob_sun <= 0.0f) return false;
+  // A sun needs a spectrum: offset -1 means there is none to read.
+  if (s.z <= 0.0f || e.prob_sun <= 0.0f || e.sun.spectral_offset < 0) return false;
   p.direction = -s;
   const float r1 = rng.next_float(), r2 = rng.next_float();
   const float* sun_e = e.spectral + e.sun.spectral_offset;

@@ -3,6 +3,7 @@
 // repeated tile or through the faces of the scene box), and the walk from surface to
 // surface that both tracers share. What a walk records is the caller's Recorder.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -58,11 +59,29 @@ struct WalkLimits {
   int32_t rr_depth = 3;
   int32_t n_bands = 1;
   float tile_w = 0.0f, tile_h = 0.0f;  // wall positions for tile crossings
+  float3 box_lo, box_hi;               // the scene box
 };
+
+// Whether a photon that met nothing crossed the floor of the scene box on its way out
+// (and so passed through the scene) rather than a side or the top (and so passed by).
+inline bool crosses_floor(const float3& o, const float3& d, const float3& lo, const float3& hi) {
+  if (!(d.z < 0.0f)) return false;
+  const float t = (lo.z - o.z) / d.z;
+  const float x = o.x + t * d.x, y = o.y + t * d.y;
+  const float tol = 1e-4f * std::max(1.0f, std::max(hi.x - lo.x, hi.y - lo.y));
+  return t >= 0.0f && x >= lo.x - tol && x <= hi.x + tol && y >= lo.y - tol && y <= hi.y + tol;
+}
 
 // Walks an emitted photon through the scene: surface hits scatter it by the material's
 // sampling, Russian roulette (capped at 0.95) starts at rr_depth, misses cross tile
 // walls while crossings remain, and a final miss is an escape. The recorder sees:
+//   entered(p)                      once the photon is known to enter the scene: at
+//                                   emission over a tile; through the faces of a finite
+//                                   scene's box, at its first hit or when it leaves
+//                                   through the floor untouched. A photon that crosses
+//                                   the box and leaves by a side or the top without
+//                                   touching anything passes the scene by: it was never
+//                                   incident on it, and the recorder sees nothing of it;
 //   surface(p, hit, frame, wo)      at each hit, before scattering (p as it arrived);
 //   scattered(p, hit, before)       after the throughput update (before: as it arrived);
 //   escaped(p, depth)               when it leaves the scene;
@@ -88,11 +107,21 @@ void walk_photon(const EmbreeSceneManager& scene, const MaterialData* materials,
     settle(o.x, d.x, lim.tile_w);
     settle(o.y, d.y, lim.tile_h);
   };
-  if (p.repetitive) into_tile(p.origin, p.direction);
+  bool entered = p.repetitive;
+  if (p.repetitive) {
+    into_tile(p.origin, p.direction);
+    rec.entered(p);
+  }
   while (depth < lim.max_depth) {
     const EmbreeHit hit = scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
+    if (!entered) {
+      if (!hit.hit && !crosses_floor(p.origin, p.direction, lim.box_lo, lim.box_hi)) return;
+      rec.entered(p);
+      entered = true;
+    }
     if (!hit.hit) {
-      if (p.repetitive && crossings < p.num_repetitions) {
+      if (p.repetitive && crossings < p.num_repetitions &&
+          !beyond_heights(p.origin, p.direction, lim.box_lo.z, lim.box_hi.z)) {
         float t;
         const int axis = tile_exit(lim.tile_w, lim.tile_h, p.origin, p.direction, t);
         if (axis >= 0) {

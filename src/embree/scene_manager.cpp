@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "core/array_check.h"
 #include "core/tile.h"
 #include "embree/scene_handles.h"
 
@@ -116,8 +117,15 @@ void EmbreeSceneManager::release_embree_scenes_() {
   rtc_->top = nullptr;
 }
 
+void EmbreeSceneManager::require_idle_() const {
+  if (running_.load() > 0)
+    throw std::runtime_error(
+        "the scene cannot be changed while a simulation is running on it");
+}
+
 int32_t EmbreeSceneManager::add_mesh(std::vector<float3> vertices, std::vector<float3> normals,
                                      std::vector<int3> indices, int32_t material_id) {
+  require_idle_();
   if (vertices.empty()) throw std::invalid_argument("mesh must contain at least one vertex");
   if (indices.empty()) throw std::invalid_argument("mesh must contain at least one triangle");
   if (!normals.empty() && normals.size() != vertices.size())
@@ -129,14 +137,20 @@ int32_t EmbreeSceneManager::add_mesh(std::vector<float3> vertices, std::vector<f
       throw std::invalid_argument("mesh triangle " + std::to_string(i) +
                                   " references a vertex outside the vertex buffer");
   }
+  check_coordinates("vertices", &vertices[0].x, 3 * vertices.size());
+  if (!normals.empty()) check_finite("normals", &normals[0].x, 3 * normals.size());
   meshes_.push_back(
       EmbreeMesh{std::move(vertices), std::move(normals), std::move(indices), material_id});
   return int32_t(meshes_.size() - 1);
 }
 
 int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, const float* transform) {
+  require_idle_();
   backend::validate_instance_mesh_id(mesh_id, meshes_.size());
   if (!transform) throw std::invalid_argument("instance transform must not be null");
+  check_transform("xform", transform);
+  // A new instance is not in the acceleration structure until the next build().
+  built_ = structure_current_ = false;
   EmbreeInstance inst;
   inst.mesh_id = mesh_id;
   std::memcpy(inst.transform, transform, sizeof(inst.transform));
@@ -145,6 +159,11 @@ int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, const float* transform
 }
 
 int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, float x, float y, float z, float scale) {
+  check_coordinates("x", &x, 1);
+  check_coordinates("y", &y, 1);
+  check_coordinates("z", &z, 1);
+  check_coordinates("scale", &scale, 1);
+  if (!(std::fabs(scale) >= 1e-10f)) throw std::invalid_argument("scale must be nonzero");
   float m[12];
   scaled_translation(x, y, z, scale, m);
   return add_instance(mesh_id, m);
@@ -155,6 +174,9 @@ int32_t EmbreeSceneManager::add_instances_xform(int32_t mesh_id, const float* tr
   if (count == 0) return int32_t(instances_.size());
   backend::validate_instance_mesh_id(mesh_id, meshes_.size());
   if (!transforms) throw std::invalid_argument("instance transforms must not be null");
+  require_idle_();
+  for (size_t i = 0; i < count; ++i) check_transform("xforms", transforms + 12 * i);
+  built_ = structure_current_ = false;
   const int32_t first = int32_t(instances_.size());
   instances_.reserve(instances_.size() + count);
   for (size_t i = 0; i < count; ++i) {
@@ -169,10 +191,12 @@ int32_t EmbreeSceneManager::add_instances_xform(int32_t mesh_id, const float* tr
 void EmbreeSceneManager::update_instance_transform(int32_t id, const float* transform) {
   if (id < 0 || size_t(id) >= instances_.size())
     throw std::out_of_range("update_instance_transform: id out of range");
+  require_idle_();
+  check_transform("xform", transform);
   EmbreeInstance& inst = instances_[size_t(id)];
   // The stored transform changes first: a rebuild picks it up even if Embree refuses.
   std::memcpy(inst.transform, transform, sizeof(inst.transform));
-  if (!built_ || inst.geometry_id < 0 || !rtc_->top) return;
+  if (!structure_current_ || inst.geometry_id < 0 || !rtc_->top) return;
   RTCGeometry g = rtcGetGeometry(rtc_->top, unsigned(inst.geometry_id));
   if (!g) throw std::runtime_error("update_instance_transform: rtcGetGeometry returned null");
   float cm[16];
@@ -183,6 +207,8 @@ void EmbreeSceneManager::update_instance_transform(int32_t id, const float* tran
 
 void EmbreeSceneManager::refit_ias() {
   if (!built_) throw std::runtime_error("refit_ias: scene not built. Call build() first.");
+  require_idle_();
+  check_scene_box_();
   rtcCommitScene(rtc_->top);
   check(rtc_->device, rtc_->last_error, "refit_ias");
   compute_aabb_();
@@ -190,14 +216,17 @@ void EmbreeSceneManager::refit_ias() {
 }
 
 void EmbreeSceneManager::build() {
+  require_idle_();
+  check_scene_box_();
   build_scene();
   compute_aabb_();
   ++geometry_build_revision_;
 }
 
 void EmbreeSceneManager::build_scene() {
+  require_idle_();
   RTCDevice device = rtc_->device;
-  built_ = false;
+  built_ = structure_current_ = false;
   release_embree_scenes_();
   rtc_->top = rtcNewScene(device);
   instance_info_.clear();
@@ -243,13 +272,22 @@ void EmbreeSceneManager::build_scene() {
   }
   rtcCommitScene(rtc_->top);
   check(device, rtc_->last_error, "scene build");
+  built_ = structure_current_ = true;
+}
+
+void EmbreeSceneManager::build_reuse_gas() {
+  require_idle_();
+  if (!rtc_->top || !structure_current_)
+    throw std::runtime_error(
+        "build_reuse_gas: no acceleration structure of the current geometry to reuse. Call "
+        "build() first.");
   built_ = true;
 }
 
-void EmbreeSceneManager::build_reuse_gas() { built_ = true; }
-void EmbreeSceneManager::build_reuse_geometry() { built_ = true; }
+void EmbreeSceneManager::build_reuse_geometry() { build_reuse_gas(); }
 
 void EmbreeSceneManager::clear_for_reuse() {
+  require_idle_();
   materials_.clear();
   spectral_.clear();
   sky_ = SkySelection{};
@@ -263,11 +301,22 @@ void EmbreeSceneManager::clear_for_reuse() {
   built_ = false;
 }
 
+void EmbreeSceneManager::check_scene_box_() const {
+  const SceneBox b = scene_box_();
+  for (const float v : {b.lo.x, b.lo.y, b.lo.z, b.hi.x, b.hi.y, b.hi.z})
+    if (!(std::fabs(v) <= MAX_COORDINATE) && !instances_.empty())
+      throw std::invalid_argument(
+          "the scene reaches beyond 1e9 scene units from the origin; move or scale it closer");
+}
+
 void EmbreeSceneManager::compute_aabb_() {
-  max_height_ = -1e30f;
-  min_height_ = 1e30f;
-  x_min_ = y_min_ = 1e30f;
-  x_max_ = y_max_ = -1e30f;
+  const SceneBox b = scene_box_();
+  x_min_ = b.lo.x, y_min_ = b.lo.y, min_height_ = b.lo.z;
+  x_max_ = b.hi.x, y_max_ = b.hi.y, max_height_ = b.hi.z;
+}
+
+EmbreeSceneManager::SceneBox EmbreeSceneManager::scene_box_() const {
+  SceneBox b;
   std::vector<std::array<float3, 2>> mesh_box(meshes_.size());
   for (size_t m = 0; m < meshes_.size(); ++m) {
     float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
@@ -283,14 +332,11 @@ void EmbreeSceneManager::compute_aabb_() {
       const float3 corner{(c & 1) ? box[1].x : box[0].x, (c & 2) ? box[1].y : box[0].y,
                           (c & 4) ? box[1].z : box[0].z};
       const float3 p = transform_point(inst.transform, corner);
-      x_min_ = std::min(x_min_, p.x);
-      x_max_ = std::max(x_max_, p.x);
-      y_min_ = std::min(y_min_, p.y);
-      y_max_ = std::max(y_max_, p.y);
-      min_height_ = std::min(min_height_, p.z);
-      max_height_ = std::max(max_height_, p.z);
+      b.lo = {std::min(b.lo.x, p.x), std::min(b.lo.y, p.y), std::min(b.lo.z, p.z)};
+      b.hi = {std::max(b.hi.x, p.x), std::max(b.hi.y, p.y), std::max(b.hi.z, p.z)};
     }
   }
+  return b;
 }
 
 std::pair<float3, float3> EmbreeSceneManager::aabb() const {
@@ -383,6 +429,14 @@ std::vector<EmbreeHit> EmbreeSceneManager::trace_closest(
     const std::vector<backend::Ray>& rays) const {
   if (!built_ || !rtc_->top)
     throw std::runtime_error("trace_closest: scene not built. Call build() first.");
+  // Rays the ray tracer cannot take are refused before any is traced.
+  for (const backend::Ray& r : rays) {
+    check_coordinates("origins", &r.origin.x, 3);
+    check_coordinates("directions", &r.direction.x, 3);
+    if (!(r.t_min >= 0.0f) || !std::isfinite(r.t_min))
+      throw std::invalid_argument("t_min must be finite and non-negative");
+    if (std::isnan(r.t_max)) throw std::invalid_argument("t_max must not be NaN");
+  }
   const std::vector<int32_t> offsets = instance_primitive_offsets();
   std::vector<EmbreeHit> hits(rays.size());
   for (size_t i = 0; i < rays.size(); ++i) {
@@ -406,6 +460,7 @@ bool EmbreeSceneManager::shadowed_repetitive(float3 origin, const float3& d) con
     return false;
   float remaining = FAR;
   for (int32_t step = 0; step < rep.num_repetitions; ++step) {
+    if (beyond_heights(origin, d, min_height_, max_height_)) return false;
     float t;
     const int axis = tile_exit(rep.scene_x_size, rep.scene_y_size, origin, d, t);
     if (axis < 0) return false;

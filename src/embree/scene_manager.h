@@ -3,6 +3,7 @@
 // overrides, held in a two-level Embree structure that answers every CPU ray query.
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <string>
 #include <utility>
@@ -71,6 +72,12 @@ struct InstanceSifSourceFields {
   bool empty() const { return grid_dims.empty(); }
 };
 
+// Limits of the settings: tile walls a ray may cross, the smallest tile (the tile
+// walk steps 1e-3 inside walls), and bands (so per-band index products fit in int32).
+constexpr int32_t MAX_REPETITIONS = 100000;
+constexpr float MIN_TILE_SIZE = 0.01f;
+constexpr int32_t MAX_BANDS = 100000;
+
 class EmbreeSceneManager {
  public:
   // The lookup a hit goes through; one per instance, in attach order.
@@ -109,18 +116,18 @@ class EmbreeSceneManager {
   int32_t num_instances() const { return int32_t(instances_.size()); }
 
   // ---- materials and spectra ----
-  void set_num_bands(int32_t n) { num_bands_ = n; }
+  void set_num_bands(int32_t n);
   int32_t num_bands() const { return num_bands_; }
   int32_t add_material(int32_t type, int32_t offset, const float* params, size_t count);
   const std::vector<MaterialData>& materials() const { return materials_; }
-  void upload_spectral_params(std::vector<float> values) { spectral_ = std::move(values); }
+  void upload_spectral_params(std::vector<float> values);
   // Overwrites values in place from `offset`; the caller guarantees the range.
   void update_spectral_params(size_t offset, const float* values, size_t count);
   const std::vector<float>& spectral_params() const { return spectral_; }
 
   // ---- light, sensor, modes ----
   void set_emitter(int32_t type, float3 direction, int32_t spectral_offset);
-  void update_emitter_direction(float3 direction) { emitter_.direction = direction; }
+  void update_emitter_direction(float3 direction);
   const Emitter& emitter() const { return emitter_; }
   void set_sky(int32_t spectral_offset);
   void set_directional_sky(int32_t spectral_offset);
@@ -137,8 +144,12 @@ class EmbreeSceneManager {
   bool sif_only_mode() const { return sif_only_mode_; }
   EmissionMode emission_mode() const { return EmissionMode(emission_mode_); }
   const std::vector<float>& band_wavelengths() const { return band_wavelengths_; }
-  void set_measurement_plane(float height) { measurement_plane_height_ = height; }
-  float measurement_plane_height() const { return measurement_plane_height_; }
+  // Until set, the measurement plane is the top of the scene box as of the last build.
+  void set_measurement_plane(float height);
+  float measurement_plane_height() const {
+    return measurement_plane_set_ ? measurement_plane_height_ : max_height_;
+  }
+  bool measurement_plane_set() const { return measurement_plane_set_; }
 
   // ---- bounds ----
   float max_height() const { return max_height_; }
@@ -160,10 +171,10 @@ class EmbreeSceneManager {
 
   // ---- overrides read by the thermal and SIF paths ----
   void set_primitive_emissivities(std::vector<float> values);
-  void clear_primitive_emissivities() { primitive_emissivities_.clear(); }
+  void clear_primitive_emissivities();
   const std::vector<float>& primitive_emissivities() const { return primitive_emissivities_; }
   void set_primitive_temperatures(std::vector<float> values);
-  void clear_primitive_temperatures() { primitive_temperatures_.clear(); }
+  void clear_primitive_temperatures();
   const std::vector<float>& primitive_temperatures() const { return primitive_temperatures_; }
   void set_primitive_sif_spectra(std::vector<float> spectra, int32_t n_sif_bands);
   void clear_primitive_sif_spectra();
@@ -171,7 +182,7 @@ class EmbreeSceneManager {
   int32_t n_sif_bands() const { return n_sif_bands_; }
 
   void set_instance_turbid_thermal_state(InstanceTurbidThermalState state);
-  void clear_instance_turbid_thermal_state() { instance_turbid_thermal_ = {}; }
+  void clear_instance_turbid_thermal_state();
   const InstanceTurbidThermalState& instance_turbid_thermal_state() const {
     return instance_turbid_thermal_;
   }
@@ -180,10 +191,25 @@ class EmbreeSceneManager {
   const std::vector<float>& instance_sif_spectra() const { return instance_sif_spectra_; }
   int32_t instance_n_sif_bands() const { return instance_n_sif_bands_; }
   void set_instance_sif_source_fields(InstanceSifSourceFields fields);
-  void clear_instance_sif_source_fields() { instance_sif_source_fields_ = {}; }
+  void clear_instance_sif_source_fields();
   const InstanceSifSourceFields& instance_sif_source_fields() const {
     return instance_sif_source_fields_;
   }
+
+  // While a simulation runs the scene is read-only: a mutating call (from a progress
+  // callback, say) throws std::runtime_error and changes nothing, so the workers never
+  // read freed or half-changed memory. Tracers hold one of these for the whole run.
+  class RunGuard {
+   public:
+    explicit RunGuard(const EmbreeSceneManager& s) : s_(s) { ++s_.running_; }
+    ~RunGuard() { --s_.running_; }
+    RunGuard(const RunGuard&) = delete;
+    RunGuard& operator=(const RunGuard&) = delete;
+
+   private:
+    const EmbreeSceneManager& s_;
+  };
+  bool running() const { return running_.load() > 0; }
 
   // ---- processes on the scene's elements ----
   // The leaf physiology solver; it reads nothing from the scene.
@@ -199,7 +225,14 @@ class EmbreeSceneManager {
   bool shadowed_repetitive(float3 origin, const float3& direction) const;
 
  private:
+  // Bounds from the transformed corner boxes of every instance; empty: +-1e30.
+  struct SceneBox {
+    float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
+  };
+  SceneBox scene_box_() const;
+  void check_scene_box_() const;
   void compute_aabb_();
+  void require_idle_() const;
   void release_embree_scenes_();
 
   struct Handles;  // the Embree device and scenes, kept out of this header
@@ -215,6 +248,8 @@ class EmbreeSceneManager {
   SkySelection sky_;
   Repetition repetition_;
   bool built_ = false;
+  bool structure_current_ = false;  // the Embree structure matches meshes and instances
+  mutable std::atomic<int> running_{0};
   uint64_t geometry_build_revision_ = 0;
   bool terrain_following_ = false;
   bool thermal_mode_ = false;
@@ -223,6 +258,7 @@ class EmbreeSceneManager {
   float max_height_ = 0.0f, min_height_ = 0.0f;
   float x_min_ = 0.0f, x_max_ = 0.0f, y_min_ = 0.0f, y_max_ = 0.0f;
   float measurement_plane_height_ = 0.0f;
+  bool measurement_plane_set_ = false;
   std::vector<float> band_wavelengths_;
   std::vector<float> primitive_temperatures_, primitive_emissivities_, primitive_sif_spectra_;
   int32_t n_sif_bands_ = 0;

@@ -1,6 +1,8 @@
 // Per-primitive and per-instance overrides that the thermal and SIF paths read.
 // Every setter checks its whole input before it stores anything.
 #include <cmath>
+#include <cstdint>
+#include <initializer_list>
 #include <limits>
 #include <stdexcept>
 
@@ -10,33 +12,51 @@
 namespace vesk::embree {
 
 void EmbreeSceneManager::set_primitive_emissivities(std::vector<float> values) {
+  require_idle_();
   if (values.size() != n_primitives())
     throw std::invalid_argument("Embree primitive emissivity count must equal n_primitives()");
+  check_non_negative("emissivities", values.data(), values.size());
   primitive_emissivities_ = std::move(values);
 }
 
 void EmbreeSceneManager::set_primitive_temperatures(std::vector<float> values) {
+  require_idle_();
   if (values.size() != n_primitives())
     throw std::invalid_argument("Embree primitive temperature count must equal n_primitives()");
+  check_non_negative("temperatures", values.data(), values.size());
   primitive_temperatures_ = std::move(values);
 }
 
 void EmbreeSceneManager::set_primitive_sif_spectra(std::vector<float> spectra,
                                                    int32_t n_sif_bands) {
+  require_idle_();
   if (n_sif_bands < 1) throw std::invalid_argument("Embree SIF band count must be positive");
   if (spectra.size() != size_t(n_sif_bands) * n_primitives())
     throw std::invalid_argument(
         "Embree primitive SIF spectrum size must equal bands * n_primitives()");
+  check_finite("spectra", spectra.data(), spectra.size());
   primitive_sif_spectra_ = std::move(spectra);
   n_sif_bands_ = n_sif_bands;
 }
 
+void EmbreeSceneManager::clear_primitive_emissivities() {
+  require_idle_();
+  primitive_emissivities_.clear();
+}
+
+void EmbreeSceneManager::clear_primitive_temperatures() {
+  require_idle_();
+  primitive_temperatures_.clear();
+}
+
 void EmbreeSceneManager::clear_primitive_sif_spectra() {
+  require_idle_();
   primitive_sif_spectra_.clear();
   n_sif_bands_ = 0;
 }
 
 void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
+  require_idle_();
   const size_t n = instances_.size();
   check_length("temperature_sunlit", s.temperature_sunlit.size(), n);
   check_length("temperature_shaded", s.temperature_shaded.size(), n);
@@ -56,8 +76,14 @@ void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermal
   instance_turbid_thermal_ = std::move(s);
 }
 
+void EmbreeSceneManager::clear_instance_turbid_thermal_state() {
+  require_idle_();
+  instance_turbid_thermal_ = {};
+}
+
 void EmbreeSceneManager::set_instance_sif_spectra(std::vector<float> spectra,
                                                   int32_t n_sif_bands) {
+  require_idle_();
   if (n_sif_bands < 1) throw std::invalid_argument("Embree SIF band count must be positive");
   if (spectra.size() != size_t(n_sif_bands) * instances_.size())
     throw std::invalid_argument(
@@ -68,38 +94,57 @@ void EmbreeSceneManager::set_instance_sif_spectra(std::vector<float> spectra,
 }
 
 void EmbreeSceneManager::clear_instance_sif_spectra() {
+  require_idle_();
   instance_sif_spectra_.clear();
   instance_n_sif_bands_ = 0;
 }
 
 void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields f) {
+  require_idle_();
   if (f.n_sif_bands < 1 || f.spatial_cell_stride < 1 || f.orientation_theta_bins < 1 ||
       f.orientation_phi_bins < 1)
     throw std::invalid_argument("set_instance_sif_source_fields: dimensions must be positive");
+  // Table sizes as products that cannot wrap: a product past SIZE_MAX matches no array.
+  auto product = [](std::initializer_list<size_t> factors) {
+    size_t p = 1;
+    for (const size_t f : factors)
+      if (__builtin_mul_overflow(p, f, &p)) return SIZE_MAX;
+    return p;
+  };
   const size_t n = instances_.size();
   const size_t bands = size_t(f.n_sif_bands), cells = size_t(f.spatial_cell_stride);
-  const size_t bins = size_t(f.orientation_theta_bins) * size_t(f.orientation_phi_bins);
+  const size_t bins = product({size_t(f.orientation_theta_bins), size_t(f.orientation_phi_bins)});
+  const size_t joint = product({n, cells, bins, bands});
   if (f.grid_dims.size() != 3 * n || f.bounds_min.size() != 3 * n ||
-      f.bounds_max.size() != 3 * n || f.spatial_spectra.size() != n * cells * bands ||
-      f.orientation_spectra.size() != n * bins * bands ||
-      f.joint_spectra.size() != n * cells * bins * bands ||
-      f.direct_joint_spectra.size() != n * cells * bins * bands)
+      f.bounds_max.size() != 3 * n || f.spatial_spectra.size() != product({n, cells, bands}) ||
+      f.orientation_spectra.size() != product({n, bins, bands}) ||
+      f.joint_spectra.size() != joint || f.direct_joint_spectra.size() != joint)
     throw std::invalid_argument("set_instance_sif_source_fields: array length mismatch");
+  check_finite("spatial_spectra", f.spatial_spectra.data(), f.spatial_spectra.size());
+  check_finite("orientation_spectra", f.orientation_spectra.data(), f.orientation_spectra.size());
+  check_finite("joint_spectra", f.joint_spectra.data(), f.joint_spectra.size());
+  check_finite("direct_joint_spectra", f.direct_joint_spectra.data(),
+               f.direct_joint_spectra.size());
   constexpr float FMAX = std::numeric_limits<float>::max();
   for (size_t k = 0; k < n; ++k) {
-    int64_t product = 1;
+    size_t grid_cells = 1;
     bool bad = false;
     for (size_t a = 0; a < 3; ++a) {
       const int32_t dim = f.grid_dims[3 * k + a];
       const float e = f.bounds_max[3 * k + a] - f.bounds_min[3 * k + a];
       bad |= dim < 1 || !std::isfinite(f.bounds_min[3 * k + a]) ||
              !std::isfinite(f.bounds_max[3 * k + a]) || !(e > 0.0f) || e > FMAX;
-      product *= std::max<int32_t>(dim, 1);
+      grid_cells = product({grid_cells, size_t(std::max<int32_t>(dim, 1))});
     }
-    if (bad || product > int64_t(cells))
+    if (bad || grid_cells > cells)
       throw std::invalid_argument("set_instance_sif_source_fields: invalid instance grid");
   }
   instance_sif_source_fields_ = std::move(f);
+}
+
+void EmbreeSceneManager::clear_instance_sif_source_fields() {
+  require_idle_();
+  instance_sif_source_fields_ = {};
 }
 
 }  // namespace vesk::embree

@@ -1,6 +1,10 @@
 // Per-primitive queries and the plain settings of the CPU scene.
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
+#include <string>
+
+#include "core/array_check.h"
 
 #include "embree/scene_manager.h"
 
@@ -80,8 +84,44 @@ std::vector<float3> EmbreeSceneManager::primitive_normals() const {
   return primitive_geometry().normals;
 }
 
+namespace {
+
+// -1 (absent) or an index into the spectral buffer; whether the block fits is checked
+// when a simulation starts, since the buffer may be uploaded later.
+void check_offset(const char* name, int32_t offset) {
+  if (offset < -1)
+    throw std::invalid_argument(std::string(name) + " must be -1 (absent) or a buffer index");
+}
+
+// Towards the sun, made unit length (in double, so huge components do not overflow);
+// a zero vector stays zero and means no sun.
+float3 unit_direction(const char* name, float3 d) {
+  check_finite(name, &d.x, 3);
+  const double l = std::sqrt(double(d.x) * d.x + double(d.y) * d.y + double(d.z) * d.z);
+  if (!(l > 0.0)) return {};
+  return {float(d.x / l), float(d.y / l), float(d.z / l)};
+}
+
+void check_tile_size(const char* name, float size) {
+  check_finite(name, &size, 1);
+  if (size != 0.0f && !(size >= MIN_TILE_SIZE && size <= MAX_COORDINATE))
+    throw std::invalid_argument(std::string(name) + " must be 0 or lie in [0.01, 1e9]");
+}
+
+}  // namespace
+
+void EmbreeSceneManager::set_num_bands(int32_t n) {
+  require_idle_();
+  if (n < 1 || n > MAX_BANDS)
+    throw std::invalid_argument("num_bands must lie in [1, " + std::to_string(MAX_BANDS) + "]");
+  num_bands_ = n;
+}
+
 int32_t EmbreeSceneManager::add_material(int32_t type, int32_t offset, const float* params,
                                          size_t count) {
+  require_idle_();
+  check_offset("offset", offset);
+  check_finite("scalar_params", params, std::min<size_t>(count, 8));
   MaterialData m;
   m.type = MaterialType(type);
   m.spectral_offset = offset;
@@ -90,45 +130,90 @@ int32_t EmbreeSceneManager::add_material(int32_t type, int32_t offset, const flo
   return int32_t(materials_.size() - 1);
 }
 
+void EmbreeSceneManager::upload_spectral_params(std::vector<float> values) {
+  require_idle_();
+  check_finite("values", values.data(), values.size());
+  spectral_ = std::move(values);
+}
+
 void EmbreeSceneManager::update_spectral_params(size_t offset, const float* values, size_t count) {
+  require_idle_();
   for (size_t i = 0; i < count; ++i) spectral_[offset + i] = values[i];
 }
 
 void EmbreeSceneManager::set_emitter(int32_t type, float3 direction, int32_t spectral_offset) {
-  emitter_ = Emitter{type, direction, spectral_offset};
+  require_idle_();
+  check_offset("spectral_offset", spectral_offset);
+  emitter_ = Emitter{type, unit_direction("direction", direction), spectral_offset};
+}
+
+void EmbreeSceneManager::update_emitter_direction(float3 direction) {
+  require_idle_();
+  emitter_.direction = unit_direction("direction", direction);
 }
 
 void EmbreeSceneManager::set_sky(int32_t spectral_offset) {
+  require_idle_();
+  check_offset("spectral_offset", spectral_offset);
   sky_.uniform_offset = spectral_offset;
   sky_.directional_offset = -1;
   sky_.hw_offset = -1;
 }
 
 void EmbreeSceneManager::set_directional_sky(int32_t spectral_offset) {
+  require_idle_();
+  check_offset("spectral_offset", spectral_offset);
   sky_.directional_offset = spectral_offset;
   sky_.hw_offset = -1;
 }
 
 void EmbreeSceneManager::set_hw_sky(int32_t spectral_offset, float3 sun_direction) {
+  require_idle_();
+  check_offset("spectral_offset", spectral_offset);
+  const float3 sun = unit_direction("sun direction", sun_direction);
   sky_.hw_offset = spectral_offset;
-  sky_.hw_sun_direction = sun_direction;
+  sky_.hw_sun_direction = sun;
   sky_.uniform_offset = -1;
   sky_.directional_offset = -1;
 }
 
 void EmbreeSceneManager::set_sensor(const SensorData& sensor, bool terrain_following) {
+  require_idle_();
   if (sensor.width < 0 || sensor.height < 0)
     throw std::invalid_argument("sensor width and height must not be negative");
+  if (sensor.type != SENSOR_ORTHOGRAPHIC && sensor.type != SENSOR_PERSPECTIVE &&
+      sensor.type != SENSOR_PUSHBROOM && sensor.type != SENSOR_FISHEYE)
+    throw std::invalid_argument(
+        "sensor type must be 0 (orthographic), 1 (perspective), 3 (pushbroom) or 4 (fisheye)");
+  check_coordinates("ortho_w", &sensor.ortho_width, 1);
+  check_coordinates("ortho_h", &sensor.ortho_height, 1);
+  check_coordinates("cam_xform", sensor.camera_to_world, 16);
+  check_finite("fov", &sensor.fov, 1);
   sensor_ = sensor;
   terrain_following_ = terrain_following;
 }
 
 void EmbreeSceneManager::set_repetitive(int32_t num_repetitions, float scene_x_size,
                                         float scene_y_size) {
+  require_idle_();
+  if (num_repetitions < 0 || num_repetitions > MAX_REPETITIONS)
+    throw std::invalid_argument("num_repetitions must lie in [0, " +
+                                std::to_string(MAX_REPETITIONS) + "]");
+  check_tile_size("scene_x_size", scene_x_size);
+  check_tile_size("scene_y_size", scene_y_size);
   repetition_ = Repetition{num_repetitions, scene_x_size, scene_y_size};
 }
 
+void EmbreeSceneManager::set_measurement_plane(float height) {
+  require_idle_();
+  check_coordinates("height", &height, 1);
+  measurement_plane_height_ = height;
+  measurement_plane_set_ = true;
+}
+
 void EmbreeSceneManager::set_thermal_mode(bool enabled, std::vector<float> wavelengths_nm) {
+  require_idle_();
+  check_finite("wavelengths", wavelengths_nm.data(), wavelengths_nm.size());
   thermal_mode_ = enabled;
   if (enabled && !sif_only_mode_) emission_mode_ = EMISSION_THERMAL;
   if (!enabled && emission_mode_ == EMISSION_THERMAL) emission_mode_ = EMISSION_OPTICAL;
@@ -136,6 +221,7 @@ void EmbreeSceneManager::set_thermal_mode(bool enabled, std::vector<float> wavel
 }
 
 void EmbreeSceneManager::set_sif_only_mode(bool enabled) {
+  require_idle_();
   sif_only_mode_ = enabled;
   emission_mode_ = enabled ? EMISSION_SIF_ONLY : (thermal_mode_ ? EMISSION_THERMAL : EMISSION_OPTICAL);
 }

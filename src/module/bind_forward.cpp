@@ -1,5 +1,5 @@
-// Photon simulations on the CPU scene: simulate_flux_cpu, simulate_forward_cpu and
-// simulate_brf_cpu.
+// Photon simulations on the CPU scene: simulate_brf_cpu, simulate_forward_cpu and
+// simulate_flux_cpu.
 #include "embree/flux.h"
 #include "embree/forward.h"
 #include "embree/scene_manager.h"
@@ -25,37 +25,32 @@ py::array_t<float> bands_array(const std::vector<float>& v, int32_t rows, int32_
 
 void bind_forward(py::module_& m) {
   m.def(
-      "simulate_flux_cpu",
-      [](const EmbreeSceneManager& scene, int32_t nx, int32_t ny, int64_t num_photons,
-         int32_t num_bands, float prob_sun, int32_t max_bounces, int32_t max_depth,
-         int32_t rr_depth, bool decompose, const py::object& progress) {
-        const embree::FluxResult r =
-            embree::render_flux(scene, nx, ny, num_photons, num_bands, prob_sun, max_bounces,
-                                max_depth, rr_depth, 0, progress_bridge(progress), decompose);
-        const std::vector<py::ssize_t> shape{r.ny, r.nx, r.num_bands};
+      "simulate_brf_cpu",
+      [](const EmbreeSceneManager& scene, const FloatArray& directions, int64_t num_photons,
+         int32_t max_depth, const py::object& progress) {
+        if (directions.ndim() != 1 || directions.size() == 0 || directions.size() % 3 != 0)
+          throw py::value_error("directions must be a nonempty flat float3 array");
+        embree::ForwardRequest q;
+        q.brf_entry = true;
+        q.num_photons = num_photons;
+        q.max_depth = max_depth;
+        q.num_bands = scene.num_bands();
+        q.brf_directions = flat_directions(directions, size_t(directions.size() / 3));
+        const embree::ForwardResult r = embree::render_forward(scene, q, progress_bridge(progress));
         py::dict d;
-        d["downwelling"] = to_numpy(r.downwelling, shape);
-        d["upwelling"] = to_numpy(r.upwelling, shape);
-        if (r.decompose) {
-          d["downwelling_direct"] = to_numpy(r.downwelling_direct, shape);
-          d["downwelling_diffuse"] = to_numpy(r.downwelling_diffuse, shape);
-        }
+        d["brf"] = bands_array(r.brf, r.n_directions, r.bands);
+        d["albedo"] = to_numpy(r.albedo);
+        d["incident"] = to_numpy(r.incident);
+        d["escaped"] = to_numpy(r.escaped);
         d["_execution"] = execution_dict(r.execution);
         return d;
       },
-      py::arg("scene"), py::arg("nx"), py::arg("ny"), py::arg("num_photons"),
-      py::arg("num_bands"), py::arg("prob_sun") = 1.0f, py::arg("max_bounces") = 0,
-      py::arg("max_depth") = 16, py::arg("rr_depth") = 3, py::arg("decompose") = false,
+      py::arg("scene"), py::arg("directions"), py::arg("num_photons"), py::arg("max_depth") = 16,
       py::arg("progress") = py::none(),
-      "Hemispheric flux grids by forward photon tracing. The nx x ny grid covers the tile\n"
-      "[0, W] x [0, H] of a repeated scene, else [0, ortho_w] x [0, ortho_h] of the sensor.\n"
-      "Every surface a photon touches is charged to the cell under it: 'downwelling' sums the\n"
-      "energy arriving at surfaces, 'upwelling' the energy leaving a cell (to another cell or\n"
-      "out of the scene). max_bounces limits the events charged per photon (0: all);\n"
-      "decompose adds 'downwelling_direct' (sun photons, all orders) and\n"
-      "'downwelling_diffuse' (sky photons). prob_sun: share of sun photons when a sky is set.\n"
-      "Grids are (ny, nx, num_bands) float32 in energy units (sun spectrum times area);\n"
-      "progress(done, total, elapsed_ms) runs after every million photons.");
+      "Bidirectional reflectance factor of the scene under the sun, by forward photons with\n"
+      "the local (next-event) estimate of simulate_forward_cpu, unbiased for any surface.\n"
+      "directions: flat float3, towards the observers, upward. Returns 'brf' (n_directions,\n"
+      "bands), 'albedo', 'incident', 'escaped' (bands,) and '_execution'.");
 
   m.def(
       "simulate_forward_cpu",
@@ -106,7 +101,11 @@ void bind_forward(py::module_& m) {
       py::arg("progress") = py::none(),
       "Forward photon tracing of absorbed, escaping and reflected energy (fPAR, BRF, albedo).\n"
       "Photons leave the sun (and, with a sky set, the sky in the share 1 - prob_sun) over the\n"
-      "tile of a repeated scene or through the faces of the scene box. All energies are\n"
+      "tile of a repeated scene, 0.1 above the measurement plane (set_measurement_plane; by\n"
+      "default the top of the scene box, so that they start above every crown), or through\n"
+      "the faces of the box of a finite scene. There, a photon that crosses the box and\n"
+      "leaves by a side or the top without touching anything passed the scene by: it is not\n"
+      "counted at all, so 'incident' is what reaches the scene or its floor. All energies are\n"
       "absolute, per band: the sun spectrum (W m-2 nm-1 at normal incidence) or sky radiance\n"
       "times area; divide by 'incident' for fractions.\n"
       "The nx x ny grid covers the tile [0, W] x [0, H] of a repeated scene, else the scene\n"
@@ -115,7 +114,8 @@ void bind_forward(py::module_& m) {
       "Absorption at an event is the energy the event takes from the photon, charged to the\n"
       "cell and layer of the hit (unbiased; single samples can be negative where a sampled\n"
       "direction's weight exceeds 1).\n"
-      "Keys: 'grid' (nz, ny, nx, bands) absorbed by everything but the terrain instance,\n"
+      "Keys: 'grid' (nz, ny, nx, bands) absorbed by everything but the terrain instance (by\n"
+      "everything, ground included, when terrain_instance_id is -1),\n"
       "split into 'grid_direct' (sun photons, all orders) and 'grid_diffuse' (sky photons);\n"
       "'leaf' (n_primitives, bands) absorbed per primitive, with per_leaf; 'terrain' (ny, nx,\n"
       "bands) absorbed by instance terrain_instance_id, when it is >= 0; 'incident' (bands,)\n"
@@ -131,32 +131,42 @@ void bind_forward(py::module_& m) {
       "surface.");
 
   m.def(
-      "simulate_brf_cpu",
-      [](const EmbreeSceneManager& scene, const FloatArray& directions, int64_t num_photons,
-         int32_t max_depth, const py::object& progress) {
-        if (directions.ndim() != 1 || directions.size() == 0 || directions.size() % 3 != 0)
-          throw py::value_error("directions must be a nonempty flat float3 array");
-        embree::ForwardRequest q;
-        q.brf_entry = true;
-        q.num_photons = num_photons;
-        q.max_depth = max_depth;
-        q.num_bands = scene.num_bands();
-        q.brf_directions = flat_directions(directions, size_t(directions.size() / 3));
-        const embree::ForwardResult r = embree::render_forward(scene, q, progress_bridge(progress));
+      "simulate_flux_cpu",
+      [](const EmbreeSceneManager& scene, int32_t nx, int32_t ny, int64_t num_photons,
+         int32_t num_bands, float prob_sun, int32_t max_bounces, int32_t max_depth,
+         int32_t rr_depth, bool decompose, const py::object& progress) {
+        const embree::FluxResult r =
+            embree::render_flux(scene, nx, ny, num_photons, num_bands, prob_sun, max_bounces,
+                                max_depth, rr_depth, 0, progress_bridge(progress), decompose);
+        const std::vector<py::ssize_t> shape{r.ny, r.nx, r.num_bands};
         py::dict d;
-        d["brf"] = bands_array(r.brf, r.n_directions, r.bands);
-        d["albedo"] = to_numpy(r.albedo);
-        d["incident"] = to_numpy(r.incident);
-        d["escaped"] = to_numpy(r.escaped);
+        d["downwelling"] = to_numpy(r.downwelling, shape);
+        d["upwelling"] = to_numpy(r.upwelling, shape);
+        if (r.decompose) {
+          d["downwelling_direct"] = to_numpy(r.downwelling_direct, shape);
+          d["downwelling_diffuse"] = to_numpy(r.downwelling_diffuse, shape);
+        }
         d["_execution"] = execution_dict(r.execution);
         return d;
       },
-      py::arg("scene"), py::arg("directions"), py::arg("num_photons"), py::arg("max_depth") = 16,
+      py::arg("scene"), py::arg("nx"), py::arg("ny"), py::arg("num_photons"),
+      py::arg("num_bands"), py::arg("prob_sun") = 1.0f, py::arg("max_bounces") = 0,
+      py::arg("max_depth") = 16, py::arg("rr_depth") = 3, py::arg("decompose") = false,
       py::arg("progress") = py::none(),
-      "Bidirectional reflectance factor of the scene under the sun, by forward photons with\n"
-      "the local (next-event) estimate of simulate_forward_cpu, unbiased for any surface.\n"
-      "directions: flat float3, towards the observers, upward. Returns 'brf' (n_directions,\n"
-      "bands), 'albedo', 'incident', 'escaped' (bands,) and '_execution'.");
+      "Hemispheric flux grids by forward photon tracing. The nx x ny grid covers the tile\n"
+      "[0, W] x [0, H] of a repeated scene, else [0, ortho_w] x [0, ortho_h] of the sensor,\n"
+      "in world x and y from the origin whatever the camera's position; cell (j, i) is\n"
+      "[i W / nx, (i + 1) W / nx) x [j H / ny, (j + 1) H / ny). Values are energy per cell\n"
+      "(divide by the cell area for W m-2 nm-1), not flux densities.\n"
+      "Every surface a photon touches is charged to the cell under it: 'downwelling' sums the\n"
+      "energy arriving at surfaces, 'upwelling' the energy leaving a cell (to another cell or\n"
+      "out of the scene). max_bounces limits the events charged per photon (0: all);\n"
+      "decompose adds 'downwelling_direct' (sun photons, all orders) and\n"
+      "'downwelling_diffuse' (sky photons). prob_sun: share of sun photons when a sky is set.\n"
+      "Grids are (ny, nx, num_bands) float32 in energy units (sun spectrum times area);\n"
+      "progress(done, total, elapsed_ms) runs after every million photons. Photons of a\n"
+      "repeated scene start over the measurement plane (set_measurement_plane; by default\n"
+      "the top of the scene box).");
 }
 
 }  // namespace vesk::module

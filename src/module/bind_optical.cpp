@@ -11,9 +11,22 @@ void bind_optical(py::module_& m) {
   m.def(
       "simulate_cpu",
       [](const EmbreeSceneManager& scene, int spp, int max_depth, const py::object& progress,
-         const py::iterable& outputs, int max_output_order) {
+         const py::object& outputs, int max_output_order) {
+        // One string is one name; otherwise an iterable of strings.
         std::vector<std::string> names;
-        for (const py::handle& h : outputs) names.push_back(py::cast<std::string>(h));
+        if (py::isinstance<py::str>(outputs)) {
+          names.push_back(outputs.cast<std::string>());
+        } else {
+          if (!py::isinstance<py::iterable>(outputs))
+            throw py::type_error("outputs must be a string or an iterable of strings, not " +
+                                 std::string(py::str(outputs.get_type().attr("__name__"))));
+          for (const py::handle& h : outputs) {
+            if (!py::isinstance<py::str>(h))
+              throw py::type_error("outputs must hold strings, not " +
+                                   std::string(py::str(h.get_type().attr("__name__"))));
+            names.push_back(h.cast<std::string>());
+          }
+        }
         const backend::OpticalProductRequest request =
             backend::parse_optical_outputs(names, max_output_order);
         return optical_product_dict(embree::render_backward(
@@ -22,12 +35,17 @@ void bind_optical(py::module_& m) {
       },
       py::arg("scene"), py::arg("spp") = 16, py::arg("max_depth") = 16,
       py::arg("progress") = py::none(),
-      py::arg("outputs") = std::vector<std::string>{"radiance"}, py::arg("max_output_order") = 0,
+      py::arg("outputs") = "radiance", py::arg("max_output_order") = 0,
       "Render the sensor image by backward path tracing with sun next-event estimation, all\n"
-      "bands in one path, on every hardware thread (the image does not depend on their number).\n"
+      "bands in one path, on every CPU this process may use, or VESK_NUM_THREADS (else\n"
+      "OMP_NUM_THREADS) threads; the image does not depend on their number. Ctrl-C stops\n"
+      "the run within a fraction of a second and raises KeyboardInterrupt. While it runs the\n"
+      "scene is read-only: a progress callback that changes it gets RuntimeError.\n"
+      "Image rows run bottom to top: row 0 (payload[0]) is the bottom of the picture, so\n"
+      "flip it (payload[::-1]) to show it the usual way up.\n"
       "spp: samples per pixel; max_depth: surface bounces (VESK_MAX_DEPTH overrides it);\n"
       "progress: None or a callable (done, total, elapsed_ms), called after each sample pass;\n"
-      "outputs: any of 'radiance', 'standard_error', 'event_aov', 'scattering_order';\n"
+      "outputs: one or a list of 'radiance', 'standard_error', 'event_aov', 'scattering_order';\n"
       "max_output_order: highest scattering order kept on its own.\n"
       "Returns {'payload': (height, width, bands) float32 mean radiance (W m-2 sr-1 nm-1 for a\n"
       "sun spectrum in W m-2 nm-1), 'standard_error': same shape, 'event_aov': {'surface',\n"

@@ -1,4 +1,6 @@
 // EmbreeSceneManager: construction, geometry, build and ray queries.
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "embree/scene_manager.h"
@@ -118,9 +120,33 @@ void bind_scene(py::module_& m) {
           "Counter raised by build() and refit_ias(); results made from an older revision are "
           "stale.");
 
-  cls.def("build", &EmbreeSceneManager::build,
-          "Build the acceleration structure (one scene per mesh, one instance per placement),\n"
-          "compute the bounds and raise geometry_build_revision.");
+  cls.def(
+      "build",
+      [](EmbreeSceneManager& s) {
+        s.build();
+        // Ray origins step off surfaces by a number of float steps, and a float step grows
+        // with the coordinate: far from the origin that offset biases the answer.
+        const auto [lo, hi] = s.aabb();
+        float reach = 0.0f;
+        for (const float v : {lo.x, lo.y, lo.z, hi.x, hi.y, hi.z})
+          if (s.num_instances() > 0) reach = std::max(reach, std::fabs(v));
+        if (reach > 100.0f &&
+            PyErr_WarnEx(PyExc_UserWarning,
+                       ("the scene box reaches " + std::to_string(int64_t(reach)) +
+                        " scene units from the origin; float precision there biases results "
+                        "(centre the scene near the origin)")
+                             .c_str(),
+                         1) < 0)
+          throw py::error_already_set();
+      },
+      "Build the acceleration structure (one scene per mesh, one instance per placement),\n"
+      "compute the bounds and raise geometry_build_revision. Instances added later are not\n"
+      "traced until the next build() (is_built() is False until then).\n"
+      "Precision: ray origins step off a surface by a number of float steps, and a float\n"
+      "step grows with the coordinate, so a scene far from the origin is biased (a 4 cm leaf\n"
+      "canopy loses 3 % of its hot-spot BRF with the ground at 100 m, 10 % at 500 m).\n"
+      "build() warns (UserWarning) when the box reaches beyond 100 scene units from the\n"
+      "origin: centre your scene there.");
   cls.def("is_built", &EmbreeSceneManager::is_built);
   cls.def("has_gpu_meshes", &EmbreeSceneManager::has_meshes,
           "Whether any mesh was added (the CPU answer for its own meshes).");

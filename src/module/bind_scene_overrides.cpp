@@ -80,15 +80,18 @@ void bind_scene_overrides(SceneClass& cls) {
         if (n_sif_bands < 1 || spatial_cell_stride < 1 || orientation_theta_bins < 1 ||
             orientation_phi_bins < 1)
           throw py::value_error("Embree instance SIF source fields: dimensions must be positive");
-        const size_t n = size_t(grid_dims.size()) / 3;
-        const size_t bands = size_t(n_sif_bands), cells = size_t(spatial_cell_stride);
-        const size_t bins = size_t(orientation_theta_bins) * size_t(orientation_phi_bins);
-        if (size_t(grid_dims.size()) != 3 * n || n != size_t(s.num_instances()) ||
-            size_t(bounds_min.size()) != 3 * n || size_t(bounds_max.size()) != 3 * n ||
-            size_t(spatial_spectra.size()) != n * cells * bands ||
-            size_t(orientation_spectra.size()) != n * bins * bands ||
-            size_t(joint_spectra.size()) != n * cells * bins * bands ||
-            size_t(direct_joint_spectra.size()) != n * cells * bins * bands)
+        // Products in double: exact below 2^53, and above it larger than any array, so huge
+        // dimensions cannot wrap into a match.
+        using real = double;
+        const real n = real(size_t(grid_dims.size()) / 3);
+        const real bands = real(n_sif_bands), cells = real(spatial_cell_stride);
+        const real bins = real(orientation_theta_bins) * real(orientation_phi_bins);
+        if (real(grid_dims.size()) != 3 * n || n != real(s.num_instances()) ||
+            real(bounds_min.size()) != 3 * n || real(bounds_max.size()) != 3 * n ||
+            real(spatial_spectra.size()) != n * cells * bands ||
+            real(orientation_spectra.size()) != n * bins * bands ||
+            real(joint_spectra.size()) != n * cells * bins * bands ||
+            real(direct_joint_spectra.size()) != n * cells * bins * bands)
           throw py::value_error("Embree instance SIF source fields: array length mismatch");
         vesk::embree::InstanceSifSourceFields f;
         f.spatial_spectra = to_vector(spatial_spectra);

@@ -1,9 +1,31 @@
 // The module's definition: attributes first, then each block in its fixed order.
+#include <Python.h>
+
+#include "core/memory_limit.h"
+#include "core/workers.h"
 #include "module/bind_common.h"
+
+namespace {
+
+// Runs on the calling thread while a simulation's workers run (it holds the
+// interpreter lock): a pending Ctrl-C becomes KeyboardInterrupt once the workers stop.
+void check_python_signals() {
+  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+
+}  // namespace
 
 PYBIND11_MODULE(vesk_gpu, m) {
   m.doc() = "VESK - multi-backend 3D Radiative Transfer Model";
   m.attr("__version__") = "3.0.0rc1";
+  vesk::set_interrupt_poll(check_python_signals);
+  py::register_exception_translator([](std::exception_ptr p) {
+    try {
+      if (p) std::rethrow_exception(p);
+    } catch (const vesk::RequestTooLarge& e) {
+      PyErr_SetString(PyExc_MemoryError, e.what());
+    }
+  });
   vesk::module::bind_microwave(m);
   // This build has no Vulkan and no OptiX backend; their blocks are absent.
   m.attr("HAS_VULKAN") = false;
