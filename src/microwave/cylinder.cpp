@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
 
 namespace vesk::microwave {
 namespace {
@@ -102,6 +103,15 @@ std::vector<CylinderCoefficients> cylinder_coefficients(double x, cdouble m2, do
   // Along the axis itself (xi -> 0) the infinite cylinder scatters nothing.
   if (!(xi > 1e-9)) return {CylinderCoefficients{}};
   const cdouble eta = x * std::sqrt(m2 - cos_z * cos_z);
+  // The series needs about xi orders and the interior recurrence about |eta| steps, in
+  // memory and time; past these sizes the cylinder is no longer a trunk at microwave
+  // wavelengths, and the work would be unbounded.
+  if (!std::isfinite(xi) || !std::isfinite(std::abs(eta)))
+    throw std::invalid_argument("trunk size parameter and permittivity must be finite");
+  if (xi > MAX_SIZE_PARAMETER || std::abs(eta) > 50.0 * MAX_SIZE_PARAMETER)
+    throw std::invalid_argument(
+        "trunk too large for the frequency: k * radius above 3200, or |k * radius * "
+        "sqrt(permittivity)| above 160000");
   const int n_min = int(xi + 4.0 * std::cbrt(xi) + 2.0);
   const int n_max = n_min + 60;
   const std::vector<double> J = bessel_j(xi, n_max + 1), Y = bessel_y(xi, n_max + 1);

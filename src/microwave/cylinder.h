@@ -10,6 +10,10 @@
 
 namespace vesk::microwave {
 
+// Largest size parameter k * radius * sin(zeta) the series is evaluated for: a 0.5 m
+// trunk at 300 GHz; anything larger is refused rather than run for minutes.
+constexpr double MAX_SIZE_PARAMETER = 3200.0;
+
 using cdouble = std::complex<double>;
 
 // Series coefficients of one order n: case I (incident E in the plane of the axis and the

@@ -78,9 +78,13 @@ cfloat dobson_permittivity(float frequency, float S, float C, float mv, float T)
                   4.9f;
   const float q = x * x + 1.0f;
   const float e1 = 4.9f + D / q;
+  // The effective conductivity is clamped at 0 (S m-1): for sandy, clay-poor soils the
+  // regression goes negative, and the loss term with it, which has no physical meaning
+  // and would make the permittivity (and every product) NaN. This departs from the
+  // published regression only where it would give NaN.
+  const float sigma = std::max(0.0f, ((0.83692f - 2.256f * S) + 1.594f * C) * 1.3800001f);
   // Not guarded: mv = 0 divides by zero, as the model does.
-  const float e2 = (x * D) / q + (((0.83692f - 2.256f * S) + 1.594f * C) * 1.3800001f) /
-                                     (frequency * 6.2831855f * 8.854e-12f * 2.66f * mv);
+  const float e2 = (x * D) / q + sigma / (frequency * 6.2831855f * 8.854e-12f * 2.66f * mv);
   const float b1 = 1.275f - 0.519f * S - 0.152f * C;
   const float b2 = 1.338f - 0.603f * S - 0.166f * C;
   const float re =

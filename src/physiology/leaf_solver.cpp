@@ -10,6 +10,7 @@
 #include <string>
 
 #include "core/array_check.h"
+#include "core/workers.h"
 
 namespace vesk::physiology {
 namespace {
@@ -190,7 +191,8 @@ VESK_INLINE void solve_block(const Block<L>& in, const LeafSettings& s, BlockOut
           const float next = vmin(350.0f, vmax(200.0f, Tl - step));
           const int32_t lv = live[l];
           const int32_t done = lv & (std::fabs(next - Tl) < s.tolerance ? 1 : 0);
-          T[l] = lv ? next : Tl;
+          // Converged: |next - T| is within tolerance and T stays; otherwise T moves on.
+          T[l] = (lv & (1 - done)) ? next : Tl;
           newton_ok[l] |= done;
           live[l] = lv & (1 - done);
           any |= live[l];
@@ -298,7 +300,8 @@ bool all_values_valid(const PhysiologyRequestView& v, size_t apar_size) {
   const int count = v.dynamic_energy_balance ? 20 : 12;
   const size_t n = size_t(v.n_elements);
   int32_t bad = any_outside(v.apar.data, apar_size, 0.0f, false, INF);
-#pragma omp parallel for reduction(| : bad) schedule(static) if (n > 65536)
+#pragma omp parallel for reduction(| : bad) schedule(static) if (n > 65536) \
+    num_threads(resolve_thread_count(0))
   for (int k = 0; k < count; ++k)
     bad |= any_outside(bounds[k].span->data, n, bounds[k].lo, bounds[k].strict, bounds[k].hi);
   return bad == 0;
@@ -454,7 +457,7 @@ void solve_physiology(const PhysiologyRequestView& v, PhysiologyResult& r) {
   const physiology::LeafSettings settings{eb, v.solve_leaf_temperature, v.max_iterations,
                                           v.tolerance};
 
-#pragma omp parallel
+#pragma omp parallel num_threads(resolve_thread_count(0))
   {
     // Equal contiguous ranges; the first (n % threads) threads take one element more.
     const size_t threads = size_t(omp_get_num_threads()), t = size_t(omp_get_thread_num());
