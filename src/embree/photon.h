@@ -3,7 +3,6 @@
 // repeated tile or through the faces of the scene box), and the walk from surface to
 // surface that both tracers share. What a walk records is the caller's Recorder.
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -68,8 +67,7 @@ inline bool crosses_floor(const float3& o, const float3& d, const float3& lo, co
   if (!(d.z < 0.0f)) return false;
   const float t = (lo.z - o.z) / d.z;
   const float x = o.x + t * d.x, y = o.y + t * d.y;
-  const float tol = 1e-4f * std::max(1.0f, std::max(hi.x - lo.x, hi.y - lo.y));
-  return t >= 0.0f && x >= lo.x - tol && x <= hi.x + tol && y >= lo.y - tol && y <= hi.y + tol;
+  return t >= 0.0f && x > lo.x && x < hi.x && y > lo.y && y < hi.y;
 }
 
 // Walks an emitted photon through the scene: surface hits scatter it by the material's

@@ -18,8 +18,9 @@ float3 direction3(const FloatArray& a) {
 }  // namespace
 
 void bind_scene_settings(SceneClass& cls) {
-  cls.def("set_num_bands", &EmbreeSceneManager::set_num_bands,
-          "Number of spectral bands; fixes the block length of every spectral entry.");
+  cls.def("set_num_bands", &EmbreeSceneManager::set_num_bands, py::arg("n"),
+          "Number of spectral bands, 1 to 100000; fixes the block length (n floats) of every\n"
+          "spectral entry.");
   cls.def(
       "add_material",
       [](EmbreeSceneManager& s, int32_t type, int32_t offset, const py::list& scalar_params) {
@@ -34,10 +35,19 @@ void bind_scene_settings(SceneClass& cls) {
         return s.add_material(type, offset, params, n);
       },
       py::arg("type"), py::arg("offset"), py::arg("scalar_params"),
-      "Append a material. type: 0 diffuse, 1 RPV, 13 diffuse-transmitting leaf; offset: index\n"
-      "of its first float in the spectral buffer; scalar_params: list of up to 8 floats\n"
-      "([0] mean reflectance, [1] mean transmittance, [2] temperature K, [3] sunlit K,\n"
-      "[4] shaded K). Returns the material index.");
+      "Append a material; returns its index. offset: index of its first float in the\n"
+      "spectral buffer, where it reads blocks of n_bands floats each:\n"
+      "  0 Lambertian: one block, the reflectance r (0..1); BRDF r / pi.\n"
+      "  1 RPV: four blocks rho0, k, Theta (-1..1), rho_c. rho0 enters the estimators as it\n"
+      "    stands, NOT divided by pi: a Lambertian limit of BRF r needs rho0 = r / pi\n"
+      "    (with k = 1, Theta = 0, rho_c = 1).\n"
+      "  13 leaf: three consecutive blocks, front reflectance, back reflectance and\n"
+      "    transmittance (each / pi as a BRDF / BTDF).\n"
+      "In thermal mode block 0 holds the emissivity of every type. scalar_params: up to 8\n"
+      "floats: [0] band-mean reflectance and [1] band-mean transmittance (a leaf chooses\n"
+      "reflection or transmission in this ratio), [2] temperature K, [3] sunlit K and [4]\n"
+      "shaded K for thermal emission; the rest are carried unread."
+      );
   cls.def(
       "upload_spectral_params",
       [](EmbreeSceneManager& s, const FloatArray& values) {
@@ -50,14 +60,18 @@ void bind_scene_settings(SceneClass& cls) {
       [](EmbreeSceneManager& s, int32_t type, const FloatArray& direction, int32_t offset) {
         s.set_emitter(type, direction3(direction), offset);
       },
-      "Set the sun: emitter type, unit direction towards the sun (3 floats) and the offset of\n"
-      "its spectrum (irradiance at normal incidence, W m-2 nm-1 per band).");
+      "Set the sun. type: 0, a directional sun (the only kind the CPU tracers know; other\n"
+      "values are kept and treated alike); direction: 3 floats towards the sun, made unit\n"
+      "length here (a zero vector means no sun); spectral_offset: index of its spectrum,\n"
+      "n_bands floats of irradiance at normal incidence (W m-2 nm-1), or -1 for no sun.",
+      py::arg("type"), py::arg("direction"), py::arg("spectral_offset"));
   cls.def(
       "update_emitter_direction",
       [](EmbreeSceneManager& s, const FloatArray& direction) {
         s.update_emitter_direction(direction3(direction));
       },
-      "Re-aim the sun (unit vector towards it); the spectrum stays.");
+      "Re-aim the sun (a vector towards it, made unit length); the spectrum stays.",
+      py::arg("direction"));
   cls.def(
       "set_sensor",
       [](EmbreeSceneManager& s, int32_t type, int32_t width, int32_t height, float ortho_w,
@@ -82,7 +96,8 @@ void bind_scene_settings(SceneClass& cls) {
       "height in pixels; ortho_w, ortho_h: orthographic (and pushbroom along-track) extent in\n"
       "scene units; cam_xform: row-major 4x4 camera-to-world (up to 16 floats, the camera\n"
       "looks down its -z); fov in degrees; projection_type: fisheye mapping (0 equisolid,\n"
-      "1 equidistant, 2 orthographic, other stereographic).");
+      "1 equidistant, 2 orthographic, other stereographic). Any other type is refused.\n"
+      "Image row 0 is the bottom of the picture (camera -y), the last row its top.");
   cls.def("set_sky", &EmbreeSceneManager::set_sky, py::arg("spectral_offset"),
           "Uniform sky radiance, n_bands floats at spectral_offset; clears the other skies.");
   cls.def("set_directional_sky", &EmbreeSceneManager::set_directional_sky,
@@ -118,7 +133,10 @@ void bind_scene_settings(SceneClass& cls) {
       },
       "(num_repetitions, scene_x_size, scene_y_size)");
   cls.def("set_measurement_plane", &EmbreeSceneManager::set_measurement_plane, py::arg("height"),
-          "Height (scene units) of the plane at which the flux and forward recorders measure.");
+          "Height (scene units) of the plane over which photons of a repeated scene start (0.1\n"
+          "above it) in the flux, forward and BRF runs. Until it is set, the plane is the top\n"
+          "of the scene box as of the last build(), so photons start above every crown; set\n"
+          "it lower only on purpose (photons born under a crown make no shadow).");
   cls.def(
       "sensor_config",
       [](const EmbreeSceneManager& s) {

@@ -209,3 +209,64 @@ def test_vesk_max_depth_reaches_the_photon_tracers(monkeypatch, capfd):
     assert "[CPU fwd] VESK_MAX_DEPTH=1\n" in out and "[CPU flux] VESK_MAX_DEPTH=1\n" in out
     # One bounce allowed: everything scattered once is still in flight, not escaped.
     assert r["escaped"].sum() == 0 and (r["truncated"] > 0).all()
+
+
+def crown_tile(rho_soil=0.5):
+    """Repeated 10 m tile: soil of reflectance rho_soil, two leaf crowns 3-7 m up, sun at
+    30 degrees in the x-z plane. The measurement plane is left at its default."""
+    s = vk.EmbreeSceneManager()
+    s.set_num_bands(1)
+    s.upload_spectral_params(np.array([rho_soil, 0.45, 0.4, 0.45, 1000.0], F))
+    s.add_material(0, 0, [rho_soil])
+    s.add_material(13, 1, [0.45, 0.45])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(W / 2, H / 2, 0, W)), W / 2, H / 2, 0.0)
+    crown = s.add_mesh(**vk.make_sphere(1.0, np.zeros(3, F), 2), material_id=1)
+    s.add_instance(crown, 3.0, 4.0, 5.0, 2.0)
+    s.add_instance(crown, 8.0, 8.5, 5.0, 2.0)
+    s.set_emitter(0, sun_dir(np.radians(30), 0.0), 4)
+    s.set_repetitive(1000, W, H)
+    s.build()
+    return s
+
+
+def test_default_plane_brf_matches_a_backward_image_of_one_tile_around_the_hot_spot():
+    # Photons must start above the crowns by default, or there is no shadow and no hot
+    # spot. Backward: an orthographic image whose footprint is exactly one tile, so its
+    # mean radiance is the tile's; BRF = pi L / (E cos(theta_s)).
+    s = crown_tile()
+    views = [sun_dir(np.radians(30), 0.0), sun_dir(np.radians(5), 0.0),
+             sun_dir(np.radians(30), np.pi)]
+    fwd = vk.simulate_brf_cpu(s, np.array(views, F).ravel(), 300000)["brf"][:, 0]
+    bwd = []
+    for v in views:
+        s.set_sensor(0, 32, 32, H, W * v[2], camera_towards(-v, list(np.array([5, 5, 0]) + 30 * v)))
+        img = vk.simulate_cpu(s, spp=24)["payload"].astype(np.float64)
+        bwd.append(np.pi * img.mean() / (1000.0 * np.cos(np.radians(30))))
+    np.testing.assert_allclose(fwd, bwd, rtol=0.035, err_msg="photon and image BRF disagree")
+    assert fwd[0] > 1.1 * fwd[2], "the hot spot must stand out against the opposite view"
+
+
+@pytest.mark.parametrize("azimuth", [0.0, 0.7, 2.0, 4.0])
+def test_finite_scene_over_an_opaque_ground_sends_nothing_down(azimuth):
+    # A black crown over a reflecting ground that covers the whole box: every photon
+    # that meets the scene is absorbed or leaves upward. Light passing beside the scene
+    # (through the box's sides) was never incident on it.
+    s = vk.EmbreeSceneManager()
+    s.set_num_bands(1)
+    s.upload_spectral_params(np.array([0.3, 0.0, 0.0, 0.0, 1000.0], F))
+    s.add_material(0, 0, [0.3])
+    s.add_material(13, 1, [0.0, 0.0])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(20, 20, 0, 40)))
+    s.add_instance(s.add_mesh(**vk.make_sphere(1.0, np.zeros(3, F), 2), material_id=1),
+                   12.0, -6.0, 5.0, 2.0)
+    s.set_emitter(0, sun_dir(np.radians(30), azimuth), 4)
+    s.build()
+    r = vk.simulate_forward_cpu(s, 1, 1, None, 100000, 1, terrain_instance_id=0)
+    g = {k: v.astype(np.float64) for k, v in r.items() if k != "_execution"}
+    assert g["transmitted"][0] <= 1e-6 * g["incident"][0]
+    budget = g["grid"].sum() + g["terrain"].sum() + g["escaped"] + g["truncated"]
+    np.testing.assert_allclose(budget, g["incident"], rtol=1e-5)
+    # The ground receives the sun over its whole area, however the photons entered.
+    ground_in = g["terrain"].sum() / 0.7
+    assert ground_in < 1000.0 * np.cos(np.radians(30)) * 1600.0
+    assert ground_in > 0.97 * 1000.0 * np.cos(np.radians(30)) * 1600.0
