@@ -18,7 +18,7 @@ float3 direction3(const FloatArray& a) {
 }  // namespace
 
 void bind_scene_settings(SceneClass& cls) {
-  cls.def("set_num_bands", &EmbreeSceneManager::set_num_bands, py::arg("n"),
+  cls.def("set_num_bands", &EmbreeSceneManager::set_num_bands,
           "Number of spectral bands, 1 to 100000; fixes the block length (n floats) of every\n"
           "spectral entry.");
   cls.def(

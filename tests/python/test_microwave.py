@@ -118,3 +118,13 @@ def test_cylinder_series_matches_scipy_at_normal_incidence(x):
         np.testing.assert_allclose(got[0, 0], t1, rtol=1e-8, atol=1e-12)
         np.testing.assert_allclose(got[1, 1], t2, rtol=1e-8, atol=1e-12)
         assert abs(got[0, 1]) < 1e-12 and abs(got[1, 0]) < 1e-12
+
+
+def test_dobson_sandy_soil_stays_finite():
+    # Sand-rich, clay-poor: the regression's effective conductivity would go negative.
+    sandy = soil(model=1)
+    sandy[0], sandy[1], sandy[2] = 0.7, 0.1, 0.2
+    bt = vk._evaluate_microwave_soil(1.4e9, sandy, COS, False)
+    sigma = vk._evaluate_microwave_soil(1.4e9, sandy, COS, True)
+    assert np.isfinite(bt).all() and (bt[:, :2] > 50).all() and (bt[:, :2] < 300).all()
+    assert (sigma[:, 0] > 0).all(), "a finite soil must backscatter"

@@ -72,3 +72,10 @@ def test_docstrings_of_the_override_setters():
         doc = inspect.getdoc(getattr(vk.EmbreeSceneManager, name))
         # pybind11 puts the signature first; the text follows it unchanged.
         assert doc.split("\n", 2)[-1].strip() == text, name
+
+
+def test_cpu_entries_are_registered_in_their_documented_order():
+    names = list(vars(vk))
+    order = ["simulate_cpu", "simulate_brf_cpu", "simulate_forward_cpu", "simulate_flux_cpu",
+             "solve_physiology_cpu"]
+    assert [names.index(n) for n in order] == sorted(names.index(n) for n in order)

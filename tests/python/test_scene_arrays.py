@@ -71,6 +71,73 @@ BAD_CALLS = [
      "sensor width and height must not be negative"),
 ]
 
+NAN, INF = float("nan"), float("inf")
+I4 = np.eye(4, dtype=F).ravel()
+
+
+def with_value(a, i, v):
+    a = np.array(a, F)
+    a.flat[i] = v
+    return a
+
+
+# Numbers Embree cannot trace, or that make no physical sense, refused where they enter.
+BAD_NUMBERS = [
+    ("add_mesh", lambda s, c: s.add_mesh(with_value(c["vertices"], 4, NAN), c["normals"],
+                                         c["indices"]), "vertices contains a non-finite value"),
+    ("add_mesh", lambda s, c: s.add_mesh(with_value(c["vertices"], 4, 1e20), c["normals"],
+                                         c["indices"]),
+     "vertices contains a value beyond 1e9 in magnitude"),
+    ("add_instance", lambda s, c: s.add_instance(0, x=NAN), "x contains a non-finite value"),
+    ("add_instance", lambda s, c: s.add_instance(0, scale=0.0), "scale must be nonzero"),
+    ("add_instance_xform", lambda s, c: s.add_instance_xform(0, with_value(XF, 3, INF)),
+     "xform contains a non-finite value"),
+    ("add_instances_xform", lambda s, c: s.add_instances_xform(0, np.stack([XF, 0 * XF])),
+     "xforms is singular"),
+    ("update_instance_transform", lambda s, c: s.update_instance_transform(0, 2e9 * XF),
+     "xform contains a value beyond 1e9 in magnitude"),
+    ("update_instance_transform", lambda s, c: s.update_instance_transform(0, 1e-12 * XF),
+     "xform is singular"),
+    ("set_emitter", lambda s, c: s.set_emitter(0, np.array([0, NAN, 1], F), 0),
+     "direction contains a non-finite value"),
+    ("set_emitter", lambda s, c: s.set_emitter(0, np.array([0, 0, 1], F), -2**31),
+     "spectral_offset must be -1 (absent) or a buffer index"),
+    ("update_emitter_direction", lambda s, c: s.update_emitter_direction(np.array([INF, 0, 1])),
+     "direction contains a non-finite value"),
+    ("set_repetitive", lambda s, c: s.set_repetitive(2**31 - 1, 10.0, 10.0),
+     "num_repetitions must lie in [0, 100000]"),
+    ("set_repetitive", lambda s, c: s.set_repetitive(5, INF, 10.0),
+     "scene_x_size contains a non-finite value"),
+    ("set_repetitive", lambda s, c: s.set_repetitive(5, 10.0, 1e-40),
+     "scene_y_size must be 0 or lie in [0.01, 1e9]"),
+    ("set_measurement_plane", lambda s, c: s.set_measurement_plane(NAN),
+     "height contains a non-finite value"),
+    ("set_sensor", lambda s, c: s.set_sensor(2, 4, 4, 1.0, 1.0, I4),
+     "sensor type must be 0 (orthographic), 1 (perspective), 3 (pushbroom) or 4 (fisheye)"),
+    ("set_sensor", lambda s, c: s.set_sensor(0, 4, 4, 1.0, 1.0, with_value(I4, 3, NAN)),
+     "cam_xform contains a non-finite value"),
+    ("set_primitive_temperatures", lambda s, c: s.set_primitive_temperatures(np.full(24, -1, F)),
+     "temperatures contains a negative value"),
+    ("upload_spectral_params", lambda s, c: s.upload_spectral_params(np.array([0.1, NAN], F)),
+     "values contains a non-finite value"),
+    ("add_material", lambda s, c: s.add_material(0, 0, [INF]),
+     "scalar_params contains a non-finite value"),
+    ("set_num_bands", lambda s, c: s.set_num_bands(-1), "num_bands must lie in [1, 100000]"),
+    ("trace_closest", lambda s, c: s.trace_closest(np.array([[0, 0, 1e19]], F),
+                                                   np.array([[0, 0, -1]], F)),
+     "origins contains a value beyond 1e9 in magnitude"),
+    ("trace_closest", lambda s, c: s.trace_closest(np.zeros((1, 3), F), np.ones((1, 3), F),
+                                                   t_min=-1.0),
+     "t_min must be finite and non-negative"),
+    ("trace_closest", lambda s, c: s.trace_closest(np.zeros((1, 3), F), np.ones((1, 3), F),
+                                                   t_max=NAN), "t_max must not be NaN"),
+    ("set_instance_sif_source_fields",
+     lambda s, c: s.set_instance_sif_source_fields(**sif_fields(
+         2, grid_dims=np.array([2**31 - 1, 2**31 - 1, 4, 2, 2, 2], np.int32))),
+     "set_instance_sif_source_fields: invalid instance grid"),
+]
+BAD_CALLS += BAD_NUMBERS
+
 
 @pytest.mark.parametrize("name,call,text", BAD_CALLS, ids=[b[0] for b in BAD_CALLS])
 def test_bad_input_raises_value_error_and_changes_nothing(cube_scene, cube, name, call, text):

@@ -1,0 +1,215 @@
+"""What users run into first: runs that must refuse rather than crash, hang, or return
+quiet nonsense; callbacks that misbehave; Ctrl-C; huge requests; the thread count."""
+import os
+import signal
+import subprocess
+import sys
+import textwrap
+import time
+import warnings
+
+import numpy as np
+import pytest
+
+import vesk_gpu as vk
+from conftest import scene_state
+
+F = np.float32
+CAMERA = np.array([1, 0, 0, 5, 0, 1, 0, 5, 0, 0, 1, 10, 0, 0, 0, 1], F)
+
+
+def ground(rho=0.3, sun=(0.0, 0.0, 1.0), sun_offset=1, pixels=4):
+    """A 10 m Lambertian ground of reflectance rho under the sun, seen from above."""
+    s = vk.EmbreeSceneManager()
+    s.upload_spectral_params(np.array([rho, 1000.0], F))
+    s.add_material(0, 0, [rho])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(5, 5, 0, 10)), 5.0, 5.0, 0.0)
+    s.set_emitter(0, np.array(sun, F), sun_offset)
+    s.set_sensor(0, pixels, pixels, 10.0, 10.0, CAMERA)
+    s.build()
+    return s
+
+
+RUNS = {
+    "backward": lambda s, cb: vk.simulate_cpu(s, spp=3, progress=cb),
+    "flux": lambda s, cb: vk.simulate_flux_cpu(s, 1, 1, 2_500_000, 1, progress=cb),
+    "forward": lambda s, cb: vk.simulate_forward_cpu(s, num_photons=2_500_000, progress=cb),
+}
+
+
+@pytest.mark.parametrize("run", RUNS)
+def test_callbacks_that_raise_or_change_the_scene_stop_the_run_cleanly(run):
+    s = ground()
+    with pytest.raises(ZeroDivisionError):
+        RUNS[run](s, lambda *a: 1 / 0)
+    before = scene_state(s)
+    # The scene is read-only while its run lasts: the mutation fails inside the callback.
+    with pytest.raises(RuntimeError, match="^the scene cannot be changed while a simulation "
+                                           "is running on it$"):
+        RUNS[run](s, lambda *a: s.upload_spectral_params(np.zeros(2, F)))
+    with pytest.raises(RuntimeError, match="while a simulation is running"):
+        RUNS[run](s, lambda *a: s.build())
+    assert scene_state(s) == before
+    RUNS[run](s, None)  # and the scene is fine for the next run
+
+
+def test_stale_and_reused_structures_are_refused():
+    s = vk.EmbreeSceneManager()
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(5, 5, 0, 10)))
+    with pytest.raises(RuntimeError, match="^build_reuse_gas: no acceleration structure"):
+        s.build_reuse_gas()
+    s = ground()
+    s.add_instance(0, x=20.0)  # not traced until the next build
+    assert not s.is_built()
+    with pytest.raises(RuntimeError, match=r"^scene not built\. Call build\(\) first\.$"):
+        vk.simulate_cpu(s, spp=1)
+    with pytest.raises(RuntimeError, match="^build_reuse_gas: no acceleration structure"):
+        s.build_reuse_gas()
+    s.build()
+    s.clear_for_reuse()
+    s.set_num_bands(1)
+    s.upload_spectral_params(np.array([0.3, 1000.0], F))
+    s.add_material(0, 0, [0.3])
+    s.build_reuse_gas()
+    assert vk.simulate_cpu(s, spp=1)["payload"].shape == (4, 4, 1)
+
+
+def test_settings_that_used_to_give_quiet_nonsense():
+    rho, E = 0.3, 1000.0
+    # A sun direction of any length means the same sun.
+    s = ground(sun=(0.0, 0.0, 5.0))
+    np.testing.assert_allclose(vk.simulate_cpu(s, spp=2)["payload"], rho * E / np.pi, rtol=1e-5)
+    s.set_sensor(0, 0, 0, 1.0, 1.0, CAMERA)
+    with pytest.raises(ValueError, match="^the sensor has no pixels"):
+        vk.simulate_cpu(s)
+    s = ground(rho=-0.3)
+    with pytest.raises(ValueError, match="^the spectral block of material 0 contains a negative"):
+        vk.simulate_cpu(s, spp=1)
+    # A sun without a spectrum (offset -1) is no sun: nothing is read before the buffer.
+    dark = vk.simulate_flux_cpu(ground(sun_offset=-1), 2, 2, 1000, 1)
+    assert not dark["downwelling"].any()
+    # One output name may be given as a plain string.
+    r = vk.simulate_cpu(ground(), spp=2, outputs="standard_error")
+    assert set(r) == {"payload", "standard_error", "_execution"}
+    with pytest.raises(TypeError, match="^outputs must hold strings, not int$"):
+        vk.simulate_cpu(ground(), outputs=["radiance", 3])
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        far = vk.EmbreeSceneManager()
+        far.add_instance(far.add_mesh(**vk.make_ground_plane(5, 5, 0, 10)), 500.0, 0.0, 0.0)
+        far.build()
+    assert [str(w.message) for w in caught] == [
+        "the scene box reaches 505 scene units from the origin; float precision there biases "
+        "results (centre the scene near the origin)"]
+
+
+def test_thermal_photon_runs_need_no_band_wavelengths():
+    s = ground()
+    s.set_thermal_mode(True, [])
+    assert vk.simulate_flux_cpu(s, 1, 1, 100, 1)["downwelling"].sum() > 0
+    vk.simulate_brf_cpu(s, np.array([0, 0, 1], F), 100)
+    with pytest.raises(ValueError, match="^thermal mode needs one band wavelength per band$"):
+        vk.simulate_cpu(s, spp=1)
+
+
+@pytest.mark.parametrize("call,size", [
+    (lambda s: (s.set_sensor(0, 100000, 100000, 1.0, 1.0, CAMERA), vk.simulate_cpu(s)),
+     "a 100000 x 100000 x 1 image needs 120 GB"),
+    (lambda s: vk.simulate_flux_cpu(s, 46340, 46340, 10, 1), "a 46340 x 46340 x 1 grid needs"),
+    (lambda s: vk.simulate_forward_cpu(s, 46340, 46340, num_photons=10),
+     "a 46340 x 46340 x 1 x 1 grid needs"),
+])
+def test_requests_that_cannot_fit_in_memory_are_refused_up_front(call, size):
+    with pytest.raises(MemoryError, match=size):
+        call(ground())
+
+
+def test_index_products_that_would_overflow_are_refused():
+    with pytest.raises(ValueError, match="^max_output_order must not exceed 100000$"):
+        vk.simulate_cpu(ground(), outputs=["scattering_order"], max_output_order=2**31 - 1)
+    # A 0.5 m trunk at 10 THz: a million orders, refused rather than run for minutes.
+    trunk = np.array([0.5, 6.0, 0.5, 295.0, 0.0, 0.0, 1.0], F)
+    soil = np.array([0.3, 0.2, 0.25, 0.0, 1.0, 1.5, 0.0, 295.0, 290.0, 1, 0.01, 0.0], F)
+    d = np.array([[0.7, 0.0, -0.714]], F)
+    with pytest.raises(ValueError, match="^trunk too large for the frequency"):
+        vk._evaluate_microwave_trunk_ground(1e13, soil, trunk, d, d, np.array([[0, 0, 1]], F))
+
+
+def run_python(code, env=None, **kwargs):
+    full = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path), **(env or {}))
+    return subprocess.Popen([sys.executable, "-c", textwrap.dedent(code)], env=full,
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kwargs)
+
+
+@pytest.mark.parametrize("run", [
+    "vk.simulate_cpu(s, spp=10**8)",
+    "vk.simulate_cpu(s, spp=10**8, progress=lambda *a: None)",
+    "vk.simulate_flux_cpu(s, 2, 2, 10**12, 1)",
+])
+def test_ctrl_c_stops_a_long_run_with_keyboard_interrupt(run):
+    p = run_python(f"""
+        import sys, time; sys.path.insert(0, {os.path.dirname(__file__)!r})
+        from test_hardening import ground, vk
+        s = ground(pixels=32)
+        print("running", flush=True)
+        t = time.time()
+        try:
+            {run}
+        except KeyboardInterrupt:
+            print("interrupted after %.2f s" % (time.time() - t))
+    """)
+    assert p.stdout.readline().strip() == "running"
+    time.sleep(1.0)
+    sent = time.time()
+    p.send_signal(signal.SIGINT)
+    out, _ = p.communicate(timeout=30)
+    assert "interrupted after" in out, out
+    assert time.time() - sent < 5.0, "the run went on long after Ctrl-C"
+
+
+def test_thread_count_follows_the_environment_and_the_affinity_mask():
+    code = """
+        import sys; sys.path.insert(0, {here!r})
+        from test_hardening import ground, vk
+        vk.simulate_forward_cpu(ground(), num_photons=10)
+    """.format(here=os.path.dirname(__file__))
+    def threads(env=None, cpus=None):
+        preexec = (lambda: os.sched_setaffinity(0, cpus)) if cpus else None
+        out, _ = run_python(code, env, preexec_fn=preexec).communicate(timeout=60)
+        return out.split(" bands, ")[1].split(" threads")[0]
+    clean = {"VESK_NUM_THREADS": "", "OMP_NUM_THREADS": ""}
+    assert threads(dict(clean, VESK_NUM_THREADS="3", OMP_NUM_THREADS="5")) == "3"
+    assert threads(dict(clean, OMP_NUM_THREADS="5,2")) == "5"
+    assert threads(clean, cpus={0}) == "1"
+
+
+def test_images_and_grids_do_not_depend_on_the_thread_count(monkeypatch):
+    s = ground(sun=(0.3, 0.2, 0.9), pixels=6)
+    runs = []
+    for n in ("1", "3"):
+        monkeypatch.setenv("VESK_NUM_THREADS", n)
+        runs.append((vk.simulate_cpu(s, spp=3)["payload"],
+                     vk.simulate_flux_cpu(s, 3, 3, 20000, 1)["downwelling"]))
+    np.testing.assert_array_equal(runs[0][0], runs[1][0])
+    np.testing.assert_allclose(runs[0][1], runs[1][1], rtol=1e-6)
+
+
+def test_request_keys_are_named_when_missing_mistyped_or_misspelled():
+    from test_physiology import leaf_request
+    s = vk.EmbreeSceneManager()
+    r = leaf_request()
+    del r["co2"]
+    with pytest.raises(KeyError, match="request is missing the key 'co2'"):
+        vk.solve_physiology_cpu(s, r)
+    for key, value, expected in [("max_iterations", None, "an int"),
+                                 ("tolerance", "small", "a float"),
+                                 ("wind", None, "a float array")]:
+        r = leaf_request()
+        r[key] = value
+        with pytest.raises(TypeError, match=f"^request\\['{key}'\\] must be {expected}, not "):
+            vk.solve_physiology_cpu(s, r)
+    r = leaf_request()
+    r["dynamic_energy_ballance"] = True
+    with pytest.warns(UserWarning, match="^request key 'dynamic_energy_ballance' is not read by "
+                                         "solve_physiology_cpu$"):
+        vk.solve_physiology_cpu(s, r)
