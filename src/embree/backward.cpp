@@ -399,6 +399,7 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
           poll_interrupt();
         }
         progress(long(s + 1), long(spp), elapsed_ms(start));
+        poll_interrupt();
       }
     };
   }

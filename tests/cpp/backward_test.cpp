@@ -1,7 +1,10 @@
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <stdexcept>
 
 #include "core/mesh_generators.h"
+#include "core/workers.h"
 #include "embree/backward.h"
 #include "embree/scene_manager.h"
 #include "test_util.h"
@@ -138,4 +141,30 @@ TEST(Backward, DepthZeroAndBadScenes) {
       "the spectral block of material 2 lies outside the spectral buffer");
   EmbreeSceneManager unbuilt;
   EXPECT_THROW(render_backward(unbuilt, 1, 4, 3, 1, {}, everything(0)), std::runtime_error);
+}
+
+namespace {
+std::atomic<int> polls{0};
+struct Interrupted {};
+}  // namespace
+
+TEST(Backward, AnInterruptStopsALongRunWithOrWithoutProgress) {
+  EmbreeSceneManager s;
+  build_canopy(s);
+  set_interrupt_poll([] {
+    if (++polls >= 3) throw Interrupted{};
+  });
+  for (const bool with_progress : {false, true}) {
+    polls = 0;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(render_backward(s, 1000000, 4, 3, 2,
+                                 with_progress ? ProgressFn([](long, long, float) {}) : nullptr,
+                                 everything(0)),
+                 Interrupted);
+    const double s_taken =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_LT(s_taken, 3.0) << "a million samples should have been cut short";
+  }
+  set_interrupt_poll(nullptr);
+  EXPECT_NO_THROW(render_backward(s, 1, 4, 3, 2, {}, everything(0)));
 }
