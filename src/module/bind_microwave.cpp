@@ -42,7 +42,10 @@ void bind_microwave(py::module_& m) {
       },
       py::arg("frequency"), py::arg("parameters"), py::arg("cosines"), py::arg("active"),
       "Bare-soil microwave response per cosine (frequency in Hz, 12 soil parameters). Passive:\n"
-      "(n, 4) H and V brightness (K), H and V reflectivity; active: sigma0 HH, HV, VH, VV.");
+      "(n, 4) H and V brightness (K), H and V reflectivity; active: sigma0 HH, HV, VH, VV.\n"
+      "Dobson's model clamps its effective conductivity at 0 S/m: for sand-rich, clay-poor\n"
+      "soils the published regression goes negative and would give NaN; results differ from\n"
+      "the regression only there.");
   m.def(
       "_evaluate_microwave_soil_reflectivity",
       [](float frequency, const FloatArray& parameters, const FloatArray& cosines,
