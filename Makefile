@@ -4,7 +4,16 @@ BUILD   := build
 JOBS    ?= $(shell nproc)
 PYPATH  := PYTHONPATH=$(CURDIR)/$(BUILD)/python
 
-.PHONY: deps configure build test demo bench clean
+# ASan + UBSan build of the module and the C++ suite. The interpreter is not instrumented,
+# so libasan must come first (preloaded, with libstdc++ for its exception hooks), and
+# Python's own allocations that live until exit are not leaks worth reporting.
+SAN_BUILD := build-sanitize
+SAN_ASAN  := halt_on_error=1:abort_on_error=1
+SAN_UBSAN := UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+SAN_PY    := LD_PRELOAD="$(shell g++ -print-file-name=libasan.so) $(shell g++ -print-file-name=libstdc++.so)" \
+             PYTHONPATH=$(CURDIR)/$(SAN_BUILD)/python
+
+.PHONY: deps configure build test build-sanitize test-sanitize demo bench clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -21,6 +30,16 @@ test: build
 	$(BUILD)/vesk_tests --gtest_brief=1
 	$(PYPATH) $(PY) -m pytest -q tests/python
 
+$(SAN_BUILD)/CMakeCache.txt:
+	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=Release -DVESK_SANITIZE=ON
+
+build-sanitize: deps $(SAN_BUILD)/CMakeCache.txt
+	cmake --build $(SAN_BUILD) -j $(JOBS) --target vesk_gpu vesk_tests
+
+test-sanitize: build-sanitize
+	ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1
+	ASAN_OPTIONS=detect_leaks=0:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_PY) $(PY) -m pytest -q tests/python
+
 demo: build
 	$(PYPATH) $(PY) examples/quickstart.py
 
@@ -29,4 +48,4 @@ bench: configure
 	@for b in bench/bench_*.py; do $(PYPATH) $(PY) $$b --build $(BUILD) || exit 1; done
 
 clean:
-	rm -rf $(BUILD) out
+	rm -rf $(BUILD) $(SAN_BUILD) out

@@ -4,12 +4,15 @@ import pathlib
 import subprocess
 import sys
 
+import vesk_gpu as vk
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
 def test_quickstart_writes_a_picture(tmp_path):
     env = dict(os.environ)
-    env["PYTHONPATH"] = os.pathsep.join(p for p in (str(ROOT / "build" / "python"),
+    # The module under test, whichever build it came from.
+    env["PYTHONPATH"] = os.pathsep.join(p for p in (os.path.dirname(vk.__file__),
                                                     env.get("PYTHONPATH")) if p)
     out = subprocess.run([sys.executable, str(ROOT / "examples" / "quickstart.py")], cwd=tmp_path,
                          env=env, capture_output=True, text=True, timeout=300)
