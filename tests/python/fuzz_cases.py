@@ -30,6 +30,7 @@ import numpy as np
 
 import vesk_gpu as vk
 from conftest import scene_state, unit_cube
+from test_physiology import leaf_request
 
 F = np.float32
 SEED = 20261121
@@ -305,21 +306,6 @@ def scene_variants(p):
     return [lit(None), lit(42), lit("scene"),
             Arg("EmbreeSceneManager()", lambda c: vk.EmbreeSceneManager()),
             Arg("<unbuilt scene>", lambda c: make_scene("unbuilt"))]
-
-
-def leaf_request(n=4, energy=False):
-    full = lambda v: np.full(n, v, F)
-    r = dict(apar=np.full((n, 2), 250.0, F), temperature=full(298.15), co2=full(400),
-             relative_humidity=full(0.65), vpd=full(1.0), pressure=full(101.3), wind=full(2.0),
-             vcmax25=full(55), jmax25=full(110), rd25=full(1.0), ball_berry_slope=full(9),
-             ball_berry_intercept=full(0.01), quantum_yield=full(0.03), max_iterations=80,
-             tolerance=1e-4)
-    if energy:
-        r.update(dynamic_energy_balance=True, absorbed_shortwave=full(300),
-                 absorbed_longwave=full(360), air_temperature=full(297), vapor_pressure=full(1600),
-                 emissivity=full(0.96), sidedness=full(2), leaf_width=full(0.04),
-                 stomata_sides=full(1))
-    return r
 
 
 def request_variants(p):
