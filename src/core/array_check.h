@@ -15,7 +15,9 @@ constexpr float MAX_COORDINATE = 1e9f;
 void check_length(const char* name, size_t actual, size_t expected);
 // "<name> contains a non-finite value" if any of the n values is NaN or infinite.
 void check_finite(const char* name, const float* values, size_t n);
-inline void check_finite(const char* name, float value) { check_finite(name, &value, 1); }
+inline void check_finite(const char* name, float value) {
+  check_finite(name, &value, 1);
+}
 // check_finite, then "<name> contains a value beyond 1e9 in magnitude".
 void check_coordinates(const char* name, const float* values, size_t n);
 // check_finite, then "<name> contains a negative value".

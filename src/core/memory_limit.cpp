@@ -17,8 +17,9 @@ void check_request_memory(const std::string& what, double bytes) {
   const double limit = physical_memory_bytes();
   if (!(bytes > limit)) return;
   char text[160];
-  std::snprintf(text, sizeof(text), " needs %.3g GB of memory, more than the %.3g GB of this machine",
-                bytes / 1e9, limit / 1e9);
+  std::snprintf(text, sizeof(text),
+                " needs %.3g GB of memory, more than the %.3g GB of this machine", bytes / 1e9,
+                limit / 1e9);
   throw RequestTooLarge(what + text);
 }
 

@@ -43,7 +43,9 @@ int resolve_thread_count(int threads) {
   return hw < 1 ? 1 : int(hw);
 }
 
-void set_interrupt_poll(InterruptPoll poll) { installed_poll.store(poll); }
+void set_interrupt_poll(InterruptPoll poll) {
+  installed_poll.store(poll);
+}
 
 void poll_interrupt() {
   if (const InterruptPoll p = installed_poll.load()) p();

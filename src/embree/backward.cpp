@@ -13,8 +13,8 @@
 #include <string>
 
 #include "core/illumination.h"
-#include "core/memory_limit.h"
 #include "core/material.h"
+#include "core/memory_limit.h"
 #include "core/offset_origin.h"
 #include "core/planck.h"
 #include "core/rng.h"
