@@ -21,6 +21,7 @@
 #include "core/sensor.h"
 #include "core/tile.h"
 #include "core/workers.h"
+#include "embree/media_walk.h"
 #include "embree/optical_scene.h"
 #include "embree/scene_manager.h"
 
@@ -57,6 +58,7 @@ struct PathContext {
   bool has_sun;  // a sun spectrum and a non-zero direction
   bool want_aov, want_orders;
   int32_t last_order;  // max_output_order + 1
+  size_t n_materials;
 };
 
 struct PathState {
@@ -139,23 +141,60 @@ void emit_at_hit(const PathContext& c, BackwardThreadScratch& s, const EmbreeHit
   }
 }
 
-// Sun next-event estimation at a hit, in plain optical mode.
-void sun_at_hit(const PathContext& c, BackwardThreadScratch& s, const EmbreeHit& hit,
-                const MaterialData& m, const float3 frame[3], const float3& wo, int32_t order) {
+// Sun next-event estimation at a scattering event, in plain optical mode, to `slot`.
+// visibility() is asked only when the sun can contribute: 0 or 1 behind surfaces, a
+// transmittance through media.
+template <class Visibility>
+void sun_at_event(const PathContext& c, BackwardThreadScratch& s, const MaterialData& m,
+                  const float3 frame[3], const float3& wo, bool back_face, int32_t order,
+                  int32_t slot, const Visibility& visibility) {
   const float3& sun_dir = c.sun.direction;
   const float3 sun_local = to_local(sun_dir, frame[0], frame[1], frame[2]);
   // Only a leaf can be lit from behind; a zero cosine carries nothing.
   if (!(sun_local.z > 0.0f || m.type == MaterialType::DiffuseTransmitting)) return;
   if (!(std::fabs(sun_local.z) > 0.0f)) return;
-  const float3 so = offset_origin(hit.position, hit.geometric_normal, sun_dir);
-  if (c.scene.shadowed_repetitive(so, sun_dir)) return;
-  const double cz = std::fabs(sun_local.z);
+  const double v = visibility();
+  if (!(v > 0.0)) return;
+  const double cz = std::fabs(sun_local.z) * v;
   for (int32_t k = 0; k < c.bands; ++k) {
     const float f = evaluate_material(m.type, m.spectral_offset, k, wo, sun_local, c.spectral,
-                                      c.bands, hit.back_face, false);
+                                      c.bands, back_face, false);
     const double e = c.spectral[c.sun.spectral_offset + k];
-    contribute(c, s, backend::SLOT_SURFACE, order, k, double(f) * s.throughput[size_t(k)] * e * cz);
+    contribute(c, s, slot, order, k, double(f) * s.throughput[size_t(k)] * e * cz);
   }
+}
+
+// Samples the next direction at a scattering event and weights the throughput by it,
+// with Russian roulette from rr_depth: false when the path ends there. The three draws
+// come first; wi is returned in world space.
+bool scatter(const PathContext& c, BackwardThreadScratch& s, RNG& rng, const MaterialData& m,
+             const float3 frame[3], const float3& wo, bool back_face, int32_t depth,
+             float3& wi_world) {
+  const float ua = rng.next_float(), ub = rng.next_float(), uc = rng.next_float();
+  float3 wi;
+  float pdf;
+  sample_material(m, {uc, ub, ua}, wi, pdf);
+  if (pdf < 1e-8f || std::fabs(wi.z) <= 0.0f) return false;
+
+  const bool thermal = c.mode == EMISSION_THERMAL;
+  bool alive = false;
+  double largest = 0.0;
+  for (int32_t k = 0; k < c.bands; ++k) {
+    const float f = evaluate_material(m.type, m.spectral_offset, k, wo, wi, c.spectral, c.bands,
+                                      back_face, thermal);
+    double& tp = s.throughput[size_t(k)];
+    tp *= double(f) * double(std::fabs(wi.z)) / double(pdf);
+    alive |= tp > double(1e-6f);
+    largest = std::max(largest, tp);
+  }
+  if (!alive) return false;
+  if (depth >= c.rr_depth) {
+    const float q = std::min(0.95f, float(largest));
+    if (q <= rng.next_float()) return false;
+    for (double& tp : s.throughput) tp /= double(q);
+  }
+  wi_world = normalize(wi.x * frame[0] + wi.y * frame[1] + wi.z * frame[2]);
+  return true;
 }
 
 // Surface events until the path escapes (true) or ends: depth limit, an unusable
@@ -172,33 +211,12 @@ bool bounce_until_escape(const PathContext& c, BackwardThreadScratch& s, RNG& rn
     const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
 
     if (c.mode != EMISSION_OPTICAL) emit_at_hit(c, s, hit, m, p.order);
-    if (c.mode == EMISSION_OPTICAL && c.has_sun) sun_at_hit(c, s, hit, m, frame, wo, p.order);
-
-    // Three draws; the first becomes u.z and the third u.x.
-    const float ua = rng.next_float(), ub = rng.next_float(), uc = rng.next_float();
-    float3 wi;
-    float pdf;
-    sample_material(m, {uc, ub, ua}, wi, pdf);
-    if (pdf < 1e-8f || std::fabs(wi.z) <= 0.0f) return false;
-
-    const bool thermal = c.mode == EMISSION_THERMAL;
-    bool alive = false;
-    double largest = 0.0;
-    for (int32_t k = 0; k < c.bands; ++k) {
-      const float f = evaluate_material(m.type, m.spectral_offset, k, wo, wi, c.spectral, c.bands,
-                                        hit.back_face, thermal);
-      double& tp = s.throughput[size_t(k)];
-      tp *= double(f) * double(std::fabs(wi.z)) / double(pdf);
-      alive |= tp > double(1e-6f);
-      largest = std::max(largest, tp);
-    }
-    if (!alive) return false;
-    if (p.depth >= c.rr_depth) {
-      const float q = std::min(0.95f, float(largest));
-      if (q <= rng.next_float()) return false;
-      for (double& tp : s.throughput) tp /= double(q);
-    }
-    p.direction = normalize(wi.x * frame[0] + wi.y * frame[1] + wi.z * frame[2]);
+    if (c.mode == EMISSION_OPTICAL && c.has_sun)
+      sun_at_event(c, s, m, frame, wo, hit.back_face, p.order, backend::SLOT_SURFACE, [&] {
+        const float3 so = offset_origin(hit.position, hit.geometric_normal, c.sun.direction);
+        return c.scene.shadowed_repetitive(so, c.sun.direction) ? 0.0 : 1.0;
+      });
+    if (!scatter(c, s, rng, m, frame, wo, hit.back_face, p.depth, p.direction)) return false;
     p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);
     ++p.depth;
   }
@@ -236,16 +254,11 @@ void environment(const PathContext& c, BackwardThreadScratch& s, const PathState
                double(sky_radiance(c.sky, c.spectral, p.direction, k)) * s.throughput[size_t(k)]);
 }
 
-// One path of one pixel sample into the scratch; false when the pixel yields no ray
-// for this sample, and then nothing may reach the film. The medium-aware variant will
-// take the same seed, draws and film, and compete a free path in the media with each
-// surface hit.
-bool trace_surface_path(const PathContext& c, BackwardThreadScratch& s, int32_t x, int32_t y,
-                        int32_t sample) {
-  RNG rng = pixel_sample_rng(uint64_t(y) * uint64_t(c.sensor.width) + uint64_t(x),
-                             uint64_t(sample));
+// The camera ray of one pixel sample, with terrain following and tile entry, and the
+// scratch refilled; false when the pixel yields no ray for this sample.
+bool start_path(const PathContext& c, BackwardThreadScratch& s, RNG& rng, int32_t x, int32_t y,
+                PathState& p) {
   const float dx = rng.next_float(), dy = rng.next_float();
-  PathState p;
   if (!sensor::generate_primary_ray(c.sensor, x, y, dx, dy, p.origin, p.direction)) return false;
 
   // Re-aim the ray through the terrain under its z = 0 footprint, from far back (a level
@@ -263,11 +276,144 @@ bool trace_surface_path(const PathContext& c, BackwardThreadScratch& s, int32_t 
   std::fill(s.aov.begin(), s.aov.end(), 0.0);
   std::fill(s.orders.begin(), s.orders.end(), 0.0);
   if (c.rep.active()) enter_tile(c, p);
+  return true;
+}
 
+// One path of one pixel sample into the scratch; false when the pixel yields no ray
+// for this sample, and then nothing may reach the film.
+bool trace_surface_path(const PathContext& c, BackwardThreadScratch& s, int32_t x, int32_t y,
+                        int32_t sample) {
+  RNG rng = pixel_sample_rng(uint64_t(y) * uint64_t(c.sensor.width) + uint64_t(x),
+                             uint64_t(sample));
+  PathState p;
+  if (!start_path(c, s, rng, x, y, p)) return false;
   while (true) {
     if (!bounce_until_escape(c, s, rng, p)) return true;
     if (!cross_tile_wall(c, p)) break;
   }
+  environment(c, s, p);
+  return true;
+}
+
+// The same path in a scene with optical turbid media: at every segment a free path in
+// the media the ray is in competes with the surface hit (and the tile border). A
+// collision scatters on a leaf of the medium's angle distribution, with the medium's
+// material; bounding surfaces are crossed without scattering. Sun next-event estimates
+// see the media's transmittance, with the hot-spot correlation at the first event; the
+// ones of collisions go to the medium slot.
+bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThreadScratch& s,
+                       int32_t x, int32_t y, int32_t sample) {
+  RNG rng = pixel_sample_rng(uint64_t(y) * uint64_t(c.sensor.width) + uint64_t(x),
+                             uint64_t(sample));
+  PathState p;
+  if (!start_path(c, s, rng, x, y, p)) return false;
+  ActiveMediumList list, first_order;
+  media_at_point(ms, p.origin, p.direction, list);
+  first_order = list;
+  const FirstOrderPath partner{&first_order, -p.direction};
+  bool scattered = false;
+  int32_t boundary_crossings = 0;
+  // Before the first scattering, the length run in each medium feeds the hot spot.
+  auto run_unscattered = [&](float length) {
+    if (scattered) return;
+    for (int32_t k = 0; k < list.count; ++k) {
+      const int32_t j = first_order.find(list.medium_id[k], list.instance_key[k]);
+      if (j >= 0) first_order.primary_distance[j] += length;
+    }
+  };
+  auto sun_visibility = [&](const float3& from) {
+    return shadow_transmittance(ms, from, c.sun.direction, list,
+                                p.order == 1 ? &partner : nullptr);
+  };
+
+  while (p.depth < c.max_depth) {
+    const EmbreeHit hit = c.scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
+    float border = 0.0f;
+    const int axis = ms.border_exit(p.origin, p.direction, p.crossings, border);
+    const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
+    const float bound = at_border ? border : (hit.hit ? hit.t : 1e16f);
+
+    FreePath fp;
+    if (list.count > 0)
+      fp = sample_combined_free_path(ms.media, ms.n_media, list.medium_id, list.count,
+                                     p.direction, rng.next_float(), 0.0f);
+    if (fp.sigma_total > 0.0f && fp.distance < bound) {
+      // A collision with a leaf of one of the media.
+      run_unscattered(fp.distance);
+      scattered = true;
+      ++p.order;
+      const int32_t slot = select_medium_slot(ms.media, ms.n_media, list.medium_id, list.count,
+                                              p.direction, fp.sigma_total, rng.next_float());
+      const int32_t medium = list.medium_id[slot];
+      if (medium < 0 || size_t(medium) >= ms.n_media) return true;
+      const int32_t material = ms.media[medium].material_id;
+      if (material < 0 || size_t(material) >= c.n_materials) return true;
+      const MaterialData& m = c.materials[material];
+      const float3 point = p.origin + fp.distance * p.direction;
+      bool back = false;
+      float3 frame[3];
+      frame[2] = sample_leaf_normal(ms.media[medium].leaf_angle_type, p.direction, rng, back);
+      coordinate_system(frame[2], frame[0], frame[1]);
+      const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
+      if (c.mode != EMISSION_OPTICAL) {
+        EmbreeHit leaf;
+        leaf.position = point;
+        leaf.geometric_normal = leaf.shading_normal = frame[2];
+        leaf.back_face = back;
+        emit_at_hit(c, s, leaf, m, p.order);
+      }
+      if (c.mode == EMISSION_OPTICAL && c.has_sun)
+        sun_at_event(c, s, m, frame, wo, back, p.order, backend::SLOT_MEDIUM,
+                     [&] { return sun_visibility(point + MEDIUM_STEP * c.sun.direction); });
+      if (!scatter(c, s, rng, m, frame, wo, back, p.depth, p.direction)) return true;
+      p.origin = point + MEDIUM_STEP * p.direction;
+      ++p.depth;
+      continue;
+    }
+
+    run_unscattered(bound);
+    if (at_border) {
+      cross_tile(c.rep.scene_x_size, c.rep.scene_y_size, axis, border, p.direction, p.origin);
+      ++p.crossings;
+      if (!rescan_after_border(ms, p.origin + MEDIUM_STEP * p.direction, p.direction, list,
+                               first_order))
+        return true;
+      continue;
+    }
+    if (!hit.hit) break;
+
+    const int32_t medium = ms.medium_of(hit);
+    if (medium >= 0) {
+      // A bounding surface: enter or leave, and go on unchanged.
+      const uint32_t key = uint32_t(hit.instance_id);
+      const bool entering = list.find(medium, key) < 0;
+      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS || !toggle_medium(list, medium, key))
+        return true;
+      if (!scattered && entering && first_order.find(medium, key) < 0 &&
+          !first_order.add(medium, key))
+        return true;
+      p.origin = hit.position + MEDIUM_STEP * p.direction;
+      continue;
+    }
+
+    // An ordinary surface, as in the surface path, seeing the media towards the sun.
+    scattered = true;
+    ++p.order;
+    const MaterialData& m = c.materials[hit.material_id];
+    float3 frame[3];
+    frame[2] = hit.shading_normal;
+    coordinate_system(frame[2], frame[0], frame[1]);
+    const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
+    if (c.mode != EMISSION_OPTICAL) emit_at_hit(c, s, hit, m, p.order);
+    if (c.mode == EMISSION_OPTICAL && c.has_sun)
+      sun_at_event(c, s, m, frame, wo, hit.back_face, p.order, backend::SLOT_SURFACE, [&] {
+        return sun_visibility(offset_origin(hit.position, hit.geometric_normal, c.sun.direction));
+      });
+    if (!scatter(c, s, rng, m, frame, wo, hit.back_face, p.depth, p.direction)) return true;
+    p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);
+    ++p.depth;
+  }
+  if (p.depth >= c.max_depth) return true;  // the depth limit ends the path without the sky
   environment(c, s, p);
   return true;
 }
@@ -330,7 +476,10 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                 scene_has_sun(scene),
                 request.event_aov,
                 request.scattering_order,
-                request.scattering_order ? request.max_output_order + 1 : 0};
+                request.scattering_order ? request.max_output_order + 1 : 0,
+                scene.materials().size()};
+  const bool with_media = scene.has_optical_media();
+  const MediaScene media = MediaScene::from(scene);
 
   OpticalFilm film(request, width, height, bands);
   const size_t plane = film.plane();
@@ -353,7 +502,9 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
       for (int32_t y = t; y < height; y += threads) {
         if (cancel.load(std::memory_order_relaxed)) return;
         for (int32_t x = 0; x < width; ++x) {
-          if (!trace_surface_path(c, s, x, y, sample)) continue;
+          if (!(with_media ? trace_medium_path(c, media, s, x, y, sample)
+                           : trace_surface_path(c, s, x, y, sample)))
+            continue;
           const size_t px = size_t(y) * size_t(width) + size_t(x);
           const size_t base = px * size_t(bands);
           for (int32_t b = 0; b < bands; ++b) {

@@ -111,7 +111,11 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
 
   const EmissionContext emission = EmissionContext::from_scene(scene, num_bands, prob_sun, scale);
   const auto [box_lo, box_hi] = scene.aabb();
-  const WalkLimits lim{max_depth, rr_depth, num_bands, W, H, box_lo, box_hi};
+  const MediaScene media = MediaScene::from(scene);
+  const WalkLimits lim{max_depth, rr_depth,   num_bands,
+                       W,         H,          box_lo,
+                       box_hi,    scene.has_optical_media() ? &media : nullptr,
+                       scene.materials().size()};
   const float X = cell_w * float(nx), Y = cell_h * float(ny);
   const MaterialData* materials = scene.materials().data();
   const float* spectral = scene.spectral_params().data();

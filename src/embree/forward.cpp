@@ -35,6 +35,7 @@ struct ForwardLayout {
   const EmbreeSceneManager* scene;
   const MaterialData* materials;
   const float* spectral;
+  const MediaScene* media;  // null without optical turbid media
 };
 
 struct ForwardRecorder {
@@ -71,8 +72,16 @@ struct ForwardRecorder {
       }
       if (!any) continue;
       const float3 o = offset_origin(hit.position, hit.geometric_normal, v);
-      if (L.scene->shadowed_repetitive(o, v)) continue;
-      const double c = std::fabs(vl.z);
+      double c = std::fabs(vl.z);
+      if (L.media) {
+        // Through the media towards the observer; at the photon's first event the way
+        // out shares leaves with the way in (the hot spot).
+        const FirstOrderPath first{&p.first_order, -p.first_direction};
+        c *= shadow_transmittance(*L.media, o, v, p.media, p.scattered ? nullptr : &first);
+        if (!(c > 0.0)) continue;
+      } else if (L.scene->shadowed_repetitive(o, v)) {
+        continue;
+      }
       for (int32_t b = 0; b < L.bands; ++b)
         s.brf[d * size_t(L.bands) + size_t(b)] += p.throughput[size_t(b)] * p.weight * f[size_t(b)] * c;
     }
@@ -187,13 +196,15 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
   const EmissionContext emission =
       EmissionContext::from_scene(scene, bands, req.prob_sun, area / double(req.num_photons));
 
+  const MediaScene media = MediaScene::from(scene);
   std::vector<float3> dirs;
   for (const float3& d : req.brf_directions) dirs.push_back(normalize(d));
   const bool grids = !req.brf_entry;
   // Without grids (the BRF entry) no event has a cell, so absorption counts as outside.
   const ForwardLayout layout{grids ? req.nx : 0, req.ny, nz, bands, gx0, gy0, gw, gh,
                              &req.layer_heights, req.terrain_instance_id, req.per_leaf, &dirs,
-                             &scene, scene.materials().data(), scene.spectral_params().data()};
+                             &scene, scene.materials().data(), scene.spectral_params().data(),
+                             scene.has_optical_media() ? &media : nullptr};
   const size_t n_grid = size_t(req.nx) * size_t(req.ny) * size_t(nz) * size_t(bands);
   const size_t n_cells = size_t(req.nx) * size_t(req.ny) * size_t(bands);
   const size_t n_leaf = req.per_leaf ? scene.n_primitives() * size_t(bands) : 0;
@@ -211,7 +222,8 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
   std::vector<Photon> photons(static_cast<size_t>(threads));
   for (Photon& p : photons) p.throughput.assign(size_t(bands), 0.0);
   std::vector<std::vector<double>> before(static_cast<size_t>(threads), std::vector<double>(size_t(bands)));
-  const WalkLimits lim{max_depth, req.rr_depth, bands, rep.scene_x_size, rep.scene_y_size, lo, hi};
+  const WalkLimits lim{max_depth, req.rr_depth, bands, rep.scene_x_size, rep.scene_y_size, lo, hi,
+                       layout.media, scene.materials().size()};
   const auto start = std::chrono::steady_clock::now();
 
   run_counted(

@@ -71,6 +71,9 @@ void validate_optical_scene(const EmbreeSceneManager& scene, int32_t n_bands) {
                                   std::to_string(mats.size()) + " materials");
     used[size_t(info.material_id)] = true;
   }
+  // The leaves of a medium scatter with its material, instanced or not.
+  for (const OpticalTurbidMediumData& m : scene.optical_media())
+    if (m.material_id >= 0 && size_t(m.material_id) < mats.size()) used[size_t(m.material_id)] = true;
   for (size_t i = 0; i < mats.size(); ++i) {
     if (!used[i]) continue;
     // Thermal emission reads block 0 of every material, whatever its type.

@@ -290,6 +290,7 @@ void EmbreeSceneManager::clear_for_reuse() {
   require_idle_();
   materials_.clear();
   spectral_.clear();
+  media_ = {};
   sky_ = SkySelection{};
   thermal_mode_ = false;
   sif_only_mode_ = false;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/illumination.h"
+#include "core/optical_media.h"
 #include "core/types.h"
 
 namespace vesk::backend {
@@ -124,6 +125,22 @@ class EmbreeSceneManager {
   // Overwrites values in place from `offset`; the caller guarantees the range.
   void update_spectral_params(size_t offset, const float* values, size_t count);
   const std::vector<float>& spectral_params() const { return spectral_; }
+
+  // ---- optical turbid media ----
+  // Validates and replaces the whole table (nothing is stored on failure).
+  void set_optical_turbid_media(const std::vector<float>& leaf_area_densities,
+                                const std::vector<int32_t>& leaf_angle_types,
+                                const std::vector<int32_t>& orientations,
+                                const std::vector<float>& leaf_characteristic_lengths,
+                                const std::vector<int32_t>& material_medium_ids);
+  const std::vector<OpticalTurbidMediumData>& optical_media() const { return media_.media; }
+  const std::vector<int32_t>& material_medium_ids() const { return media_.material_medium_ids; }
+  bool has_optical_media() const { return !media_.media.empty(); }
+  // The medium a material bounds, -1 for an ordinary material.
+  int32_t medium_of_material(int32_t material_id) const {
+    const auto& ids = media_.material_medium_ids;
+    return material_id >= 0 && size_t(material_id) < ids.size() ? ids[size_t(material_id)] : -1;
+  }
 
   // ---- light, sensor, modes ----
   void set_emitter(int32_t type, float3 direction, int32_t spectral_offset);
@@ -242,6 +259,7 @@ class EmbreeSceneManager {
   std::vector<EmbreeInstance> instances_;
   std::vector<MaterialData> materials_;
   std::vector<float> spectral_;
+  OpticalMediaTable media_;
   Emitter emitter_;
   SensorData sensor_;
   int32_t num_bands_ = 1;

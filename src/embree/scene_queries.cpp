@@ -130,6 +130,16 @@ int32_t EmbreeSceneManager::add_material(int32_t type, int32_t offset, const flo
   return int32_t(materials_.size() - 1);
 }
 
+void EmbreeSceneManager::set_optical_turbid_media(const std::vector<float>& densities,
+                                                  const std::vector<int32_t>& types,
+                                                  const std::vector<int32_t>& orientations,
+                                                  const std::vector<float>& lengths,
+                                                  const std::vector<int32_t>& material_medium_ids) {
+  require_idle_();
+  media_ = validate_optical_turbid_media(densities, types, orientations, lengths,
+                                         material_medium_ids, materials_.size());
+}
+
 void EmbreeSceneManager::upload_spectral_params(std::vector<float> values) {
   require_idle_();
   check_finite("values", values.data(), values.size());

@@ -241,6 +241,7 @@ void bind_scene(py::module_& m) {
       "are global) and 'hit' (N,) bool.");
 
   bind_scene_settings(cls);
+  bind_scene_media(cls);
   bind_scene_overrides(cls);
 }
 

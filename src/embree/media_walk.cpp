@@ -1,0 +1,123 @@
+#include "embree/media_walk.h"
+
+#include <cmath>
+
+#include "core/tile.h"
+
+namespace vesk::embree {
+
+MediaScene MediaScene::from(const EmbreeSceneManager& scene) {
+  MediaScene ms;
+  ms.scene = &scene;
+  ms.media = scene.optical_media().data();
+  ms.n_media = scene.optical_media().size();
+  ms.rep = scene.repetition();
+  ms.z_lo = scene.min_height();
+  ms.z_hi = scene.max_height();
+  return ms;
+}
+
+int MediaScene::border_exit(const float3& o, const float3& d, int32_t crossings, float& t) const {
+  if (!rep.active() || crossings >= rep.num_repetitions || beyond_heights(o, d, z_lo, z_hi))
+    return -1;
+  return tile_exit(rep.scene_x_size, rep.scene_y_size, o, d, t);
+}
+
+void media_at_point(const MediaScene& ms, const float3& p, const float3& d,
+                    ActiveMediumList& out) {
+  out.count = 0;
+  uint32_t seen[MAX_MEDIUM_CROSSINGS];
+  int32_t n_seen = 0;
+  float3 o = p;
+  for (int32_t step = 0; step < MAX_MEDIUM_CROSSINGS; ++step) {
+    const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
+    if (!hit.hit) return;
+    o = hit.position + MEDIUM_STEP * d;
+    const int32_t medium = ms.medium_of(hit);
+    if (medium < 0) continue;
+    const uint32_t key = uint32_t(hit.instance_id);
+    bool known = false;
+    for (int32_t i = 0; i < n_seen; ++i) known |= seen[i] == key;
+    if (known) continue;
+    if (n_seen == MAX_MEDIUM_CROSSINGS) return;
+    seen[n_seen++] = key;
+    // Leaving through a face whose side matches the medium's orientation: p is inside.
+    const int32_t side = hit.back_face ? 1 : -1;
+    if (size_t(medium) < ms.n_media && ms.media[medium].orientation == side &&
+        out.find(medium, key) < 0 && !out.add(medium, key))
+      return;
+  }
+}
+
+bool toggle_medium(ActiveMediumList& list, int32_t medium, uint32_t instance) {
+  const int32_t slot = list.find(medium, instance);
+  if (slot >= 0) {
+    list.remove(slot);
+    return true;
+  }
+  return list.add(medium, instance);
+}
+
+bool rescan_after_border(const MediaScene& ms, const float3& p, const float3& d,
+                         ActiveMediumList& list, ActiveMediumList& first_order) {
+  media_at_point(ms, p, d, list);
+  for (int32_t k = 0; k < list.count; ++k)
+    if (first_order.find(list.medium_id[k], list.instance_key[k]) < 0 &&
+        !first_order.add(list.medium_id[k], list.instance_key[k]))
+      return false;
+  return true;
+}
+
+double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
+                            ActiveMediumList list, const FirstOrderPath* first) {
+  double depth = 0.0;
+  // Per slot of the first-order list: shadow length and optical depth inside it.
+  float shared_length[MAX_ACTIVE_MEDIA] = {}, shared_depth[MAX_ACTIVE_MEDIA] = {};
+  int32_t crossings = 0, borders = 0;
+  while (true) {
+    const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
+    float border = 0.0f;
+    const int axis = ms.border_exit(o, d, borders, border);
+    const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
+    const float segment = at_border ? border : (hit.hit ? hit.t : INFINITY);
+    for (int32_t k = 0; k < list.count; ++k) {
+      const float sigma = ms.sigma(list.medium_id[k], d);
+      if (!(sigma > 0.0f)) continue;
+      const double tau = double(sigma) * double(segment);
+      depth += tau;
+      if (first) {
+        const int32_t j = first->list->find(list.medium_id[k], list.instance_key[k]);
+        if (j >= 0) shared_length[j] += segment, shared_depth[j] += float(tau);
+      }
+    }
+    if (!(depth < 80.0)) return 0.0;  // exp(-80) is nothing in any band
+    if (at_border) {
+      cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, axis, border, d, o);
+      ++borders;
+      media_at_point(ms, o + MEDIUM_STEP * d, d, list);
+      continue;
+    }
+    if (!hit.hit) break;
+    const int32_t medium = ms.medium_of(hit);
+    if (medium < 0) return 0.0;  // an ordinary surface blocks the ray
+    if (++crossings > MAX_MEDIUM_CROSSINGS ||
+        !toggle_medium(list, medium, uint32_t(hit.instance_id)))
+      return 0.0;
+    o = hit.position + MEDIUM_STEP * d;
+  }
+  if (!first) return std::exp(-depth);
+  double correction = 1.0, shared = 0.0;
+  const ActiveMediumList& fl = *first->list;
+  for (int32_t j = 0; j < fl.count; ++j) {
+    const int32_t m = fl.medium_id[j];
+    if (m < 0 || size_t(m) >= ms.n_media || !(shared_length[j] > 0.0f) ||
+        !(shared_depth[j] > 0.0f))
+      continue;
+    correction *= conditional_hotspot_transmittance(ms.media[m], shared_depth[j], shared_length[j],
+                                                    fl.primary_distance[j], d, first->observation);
+    shared += shared_depth[j];
+  }
+  return std::exp(-std::max(depth - shared, 0.0)) * correction;
+}
+
+}  // namespace vesk::embree

@@ -1,0 +1,64 @@
+#pragma once
+// Rays through optical turbid media on the CPU scene: which media a point lies in,
+// crossing a bounding surface, and the transmittance of shadow rays (with the hot-spot
+// correlation of first-order vertices). Shared by the backward and photon tracers.
+
+#include <cstdint>
+
+#include "core/optical_media.h"
+#include "embree/scene_manager.h"
+
+namespace vesk::embree {
+
+// Step off a bounding surface or a collision point, along the ray.
+constexpr float MEDIUM_STEP = 0.0002f;
+// Bounding-surface crossings (and scan intersections) allowed to one ray.
+constexpr int32_t MAX_MEDIUM_CROSSINGS = 128;
+// A tile border this close to a surface hit counts as the hit.
+constexpr float BORDER_TIE = 0.0005f;
+
+// Everything a media-aware walk reads, gathered once per run.
+struct MediaScene {
+  const EmbreeSceneManager* scene = nullptr;
+  const OpticalTurbidMediumData* media = nullptr;
+  size_t n_media = 0;
+  Repetition rep;
+  float z_lo = 0.0f, z_hi = 0.0f;  // the scene's height range
+
+  static MediaScene from(const EmbreeSceneManager& scene);
+  int32_t medium_of(const EmbreeHit& hit) const { return scene->medium_of_material(hit.material_id); }
+  float sigma(int32_t medium, const float3& d) const {
+    return medium >= 0 && size_t(medium) < n_media ? medium_sigma(media[medium], d) : 0.0f;
+  }
+  // The tile border the ray leaves by (axis 0 or 1, distance t), or -1 when none
+  // applies: no repetition, crossings used up, or past the scene's heights.
+  int border_exit(const float3& o, const float3& d, int32_t crossings, float& t) const;
+};
+
+// The media containing p, by a forward scan along d: the first hit on each bounding
+// instance decides whether p is inside it.
+void media_at_point(const MediaScene& ms, const float3& p, const float3& d, ActiveMediumList& out);
+
+// Enters or leaves (medium, instance); false when a ninth medium would be entered.
+bool toggle_medium(ActiveMediumList& list, int32_t medium, uint32_t instance);
+
+// After a tile crossing: the media at the wrapped point replace the list, and pairs new
+// to the first-order list are added to it; false when that list overflows.
+bool rescan_after_border(const MediaScene& ms, const float3& p, const float3& d,
+                         ActiveMediumList& list, ActiveMediumList& first_order);
+
+// The shadow ray's hot-spot partner: the path's first-order list and the direction back
+// along its first leg.
+struct FirstOrderPath {
+  const ActiveMediumList* list = nullptr;
+  float3 observation;  // unit, back towards where the path came from
+};
+
+// Transmittance of the ray from o along d through the media of `list` (the media o lies
+// in), across bounding surfaces and tile borders; 0 when an ordinary surface blocks it.
+// With a first-order partner, depth shared with the path's first leg is corrected by
+// the conditional hot-spot transmittance of each shared medium.
+double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
+                            ActiveMediumList list, const FirstOrderPath* first_order);
+
+}  // namespace vesk::embree
