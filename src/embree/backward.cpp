@@ -328,8 +328,12 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
 
   while (p.depth < c.max_depth) {
     const EmbreeHit hit = c.scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
+    // The tile border bounds a free path, and is crossed on a miss; outside every medium
+    // a hit is taken as it comes, as in the surface path.
     float border = 0.0f;
-    const int axis = ms.border_exit(p.origin, p.direction, p.crossings, border);
+    const int axis = list.count > 0 || !hit.hit
+                         ? ms.border_exit(p.origin, p.direction, p.crossings, border)
+                         : -1;
     const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
     const float bound = at_border ? border : (hit.hit ? hit.t : 1e16f);
 

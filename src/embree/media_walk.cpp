@@ -1,5 +1,6 @@
 #include "embree/media_walk.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "core/tile.h"
@@ -14,7 +15,49 @@ MediaScene MediaScene::from(const EmbreeSceneManager& scene) {
   ms.rep = scene.repetition();
   ms.z_lo = scene.min_height();
   ms.z_hi = scene.max_height();
+  const auto& info = scene.instance_info();
+  for (size_t i = 0; i < info.size(); ++i) {
+    if (scene.medium_of_material(info[i].material_id) < 0) continue;
+    const EmbreeInstance& inst = scene.instances()[i];
+    float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
+    for (const float3& v : scene.meshes()[size_t(inst.mesh_id)].vertices) {
+      lo = {std::min(lo.x, v.x), std::min(lo.y, v.y), std::min(lo.z, v.z)};
+      hi = {std::max(hi.x, v.x), std::max(hi.y, v.y), std::max(hi.z, v.z)};
+    }
+    for (int c = 0; c < 8; ++c) {
+      const float3 p = transform_point(inst.transform, {(c & 1) ? hi.x : lo.x,
+                                                        (c & 2) ? hi.y : lo.y,
+                                                        (c & 4) ? hi.z : lo.z});
+      ms.media_lo = {std::min(ms.media_lo.x, p.x), std::min(ms.media_lo.y, p.y),
+                     std::min(ms.media_lo.z, p.z)};
+      ms.media_hi = {std::max(ms.media_hi.x, p.x), std::max(ms.media_hi.y, p.y),
+                     std::max(ms.media_hi.z, p.z)};
+    }
+  }
+  // A margin for the steps off surfaces and rounding in the transforms.
+  const float pad = 1e-3f;
+  ms.media_lo = ms.media_lo - float3{pad, pad, pad};
+  ms.media_hi = ms.media_hi + float3{pad, pad, pad};
   return ms;
+}
+
+bool MediaScene::meets_media_box(const float3& o, const float3& d, float t_max) const {
+  float t0 = 0.0f, t1 = t_max;
+  const float os[3] = {o.x, o.y, o.z}, ds[3] = {d.x, d.y, d.z};
+  const float lo[3] = {media_lo.x, media_lo.y, media_lo.z}, hi[3] = {media_hi.x, media_hi.y,
+                                                                      media_hi.z};
+  for (int a = 0; a < 3; ++a) {
+    if (std::fabs(ds[a]) < 1e-12f) {
+      if (os[a] < lo[a] || os[a] > hi[a]) return false;
+      continue;
+    }
+    float ta = (lo[a] - os[a]) / ds[a], tb = (hi[a] - os[a]) / ds[a];
+    if (ta > tb) std::swap(ta, tb);
+    t0 = std::max(t0, ta);
+    t1 = std::min(t1, tb);
+    if (t0 > t1) return false;
+  }
+  return true;
 }
 
 int MediaScene::border_exit(const float3& o, const float3& d, int32_t crossings, float& t) const {
@@ -26,6 +69,7 @@ int MediaScene::border_exit(const float3& o, const float3& d, int32_t crossings,
 void media_at_point(const MediaScene& ms, const float3& p, const float3& d,
                     ActiveMediumList& out) {
   out.count = 0;
+  if (!ms.in_media_box(p)) return;
   uint32_t seen[MAX_MEDIUM_CROSSINGS];
   int32_t n_seen = 0;
   float3 o = p;
@@ -33,6 +77,8 @@ void media_at_point(const MediaScene& ms, const float3& p, const float3& d,
     const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
     if (!hit.hit) return;
     o = hit.position + MEDIUM_STEP * d;
+    // Past the media box nothing ahead can bound a medium.
+    if (!ms.in_media_box(o) && !ms.meets_media_box(o, d, 1e30f)) return;
     const int32_t medium = ms.medium_of(hit);
     if (medium < 0) continue;
     const uint32_t key = uint32_t(hit.instance_id);
@@ -75,6 +121,17 @@ double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
   float shared_length[MAX_ACTIVE_MEDIA] = {}, shared_depth[MAX_ACTIVE_MEDIA] = {};
   int32_t crossings = 0, borders = 0;
   while (true) {
+    if (list.count == 0 && !ms.meets_media_box(o, d, 1e30f)) {
+      // Outside every medium and never meeting one in this tile: plain occlusion.
+      if (ms.scene->trace_shadow(o, d, 1e16f)) return 0.0;
+      float border = 0.0f;
+      const int axis = ms.border_exit(o, d, borders, border);
+      if (axis < 0) break;
+      cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, axis, border, d, o);
+      ++borders;
+      media_at_point(ms, o + MEDIUM_STEP * d, d, list);
+      continue;
+    }
     const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
     float border = 0.0f;
     const int axis = ms.border_exit(o, d, borders, border);

@@ -24,6 +24,9 @@ struct MediaScene {
   size_t n_media = 0;
   Repetition rep;
   float z_lo = 0.0f, z_hi = 0.0f;  // the scene's height range
+  // The box around every instance that bounds a medium: no medium starts or is met
+  // outside it, so scans and shadow rays that stay out of it take the plain way.
+  float3 media_lo{1e30f, 1e30f, 1e30f}, media_hi{-1e30f, -1e30f, -1e30f};
 
   static MediaScene from(const EmbreeSceneManager& scene);
   int32_t medium_of(const EmbreeHit& hit) const { return scene->medium_of_material(hit.material_id); }
@@ -33,6 +36,12 @@ struct MediaScene {
   // The tile border the ray leaves by (axis 0 or 1, distance t), or -1 when none
   // applies: no repetition, crossings used up, or past the scene's heights.
   int border_exit(const float3& o, const float3& d, int32_t crossings, float& t) const;
+  bool in_media_box(const float3& p) const {
+    return p.x >= media_lo.x && p.x <= media_hi.x && p.y >= media_lo.y && p.y <= media_hi.y &&
+           p.z >= media_lo.z && p.z <= media_hi.z;
+  }
+  // Whether the ray from o along d meets the media box within distance t_max.
+  bool meets_media_box(const float3& o, const float3& d, float t_max) const;
 };
 
 // The media containing p, by a forward scan along d: the first hit on each bounding

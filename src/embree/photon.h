@@ -246,7 +246,9 @@ void walk_photon_in_media(const EmbreeSceneManager& scene, const MaterialData* m
   while (depth < lim.max_depth) {
     const EmbreeHit hit = scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
     float border = 0.0f;
-    const int axis = p.repetitive ? ms.border_exit(p.origin, p.direction, crossings, border) : -1;
+    const int axis = p.repetitive && (p.media.count > 0 || !hit.hit)
+                         ? ms.border_exit(p.origin, p.direction, crossings, border)
+                         : -1;
     const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
     const float bound = at_border ? border : (hit.hit ? hit.t : 1e16f);
     FreePath fp;

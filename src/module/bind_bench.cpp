@@ -5,6 +5,8 @@
 #include "embree/backward.h"
 #include "embree/flux.h"
 #include "embree/forward.h"
+#include "core/optical_media.h"
+#include "core/rng.h"
 #include "embree/ray_counters.h"
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
@@ -57,6 +59,26 @@ void bind_bench(py::module_& m) {
         return to_numpy(embree::render_forward(scene, q, {}).brf);
       },
       py::arg("scene"), py::arg("directions"), py::arg("photons"), py::arg("threads"));
+  m.def(
+      "_bench_free_paths",
+      [](const embree::EmbreeSceneManager& scene, const IntArray& ids, int64_t n) {
+        // The tracers' sampler in a plain loop over fresh directions: the sum of distances
+        // keeps the work from being optimised away.
+        RNG rng;
+        rng.seed(7, 11);
+        const auto& media = scene.optical_media();
+        double sum = 0.0;
+        for (int64_t i = 0; i < n; ++i) {
+          const float z = rng.next_float() * 2.0f - 1.0f, r = std::sqrt(1.0f - z * z);
+          const float3 d{r, 0.0f, z};
+          sum += sample_combined_free_path(media.data(), media.size(), ids.data(),
+                                           int32_t(ids.size()), d, rng.next_float(),
+                                           rng.next_float())
+                     .distance;
+        }
+        return sum;
+      },
+      py::arg("scene"), py::arg("ids"), py::arg("n"));
 }
 
 }  // namespace vesk::module

@@ -9,14 +9,19 @@ import vesk_gpu as vk
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
-def test_quickstart_writes_a_picture(tmp_path):
+def run_example(name, cwd):
     env = dict(os.environ)
     # The module under test, whichever build it came from.
     env["PYTHONPATH"] = os.pathsep.join(p for p in (os.path.dirname(vk.__file__),
                                                     env.get("PYTHONPATH")) if p)
-    out = subprocess.run([sys.executable, str(ROOT / "examples" / "quickstart.py")], cwd=tmp_path,
-                         env=env, capture_output=True, text=True, timeout=300)
+    out = subprocess.run([sys.executable, str(ROOT / "examples" / name)], cwd=cwd, env=env,
+                         capture_output=True, text=True, timeout=300)
     assert out.returncode == 0, out.stderr
+    return out
+
+
+def test_quickstart_writes_a_picture(tmp_path):
+    out = run_example("quickstart.py", tmp_path)
     png = tmp_path / "out" / "quickstart.png"
     assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
     from PIL import Image
@@ -27,3 +32,15 @@ def test_quickstart_writes_a_picture(tmp_path):
     assert (b[0] > r[0]).all(), "the top row is open sky, which is blue"
     assert ((g > r + 10) & (g > b + 10)).mean() > 0.01, "the leaf crowns should show green"
     assert "sample pass 16/16" in out.stdout, "progress is reported while rendering"
+
+
+def test_turbid_canopy_renders_leafy_crowns_and_reports_fapar(tmp_path):
+    out = run_example("turbid_canopy.py", tmp_path)
+    fapar = [float(line.split()[-1]) for line in out.stdout.splitlines() if "fAPAR" in line]
+    assert len(fapar) == 2 and all(0.01 < f < 0.5 for f in fapar), out.stdout
+    from PIL import Image
+    import numpy as np
+    img = np.asarray(Image.open(tmp_path / "out" / "turbid_canopy.png")).astype(int)
+    assert img.shape == (240, 640, 3)
+    right = img[:, 320:]
+    assert ((right[..., 1] > right[..., 0] + 10) & (right[..., 1] > right[..., 2] + 10)).mean() > 0.01
