@@ -43,13 +43,16 @@ void bind_optical(py::module_& m) {
       "scene is read-only: a progress callback that changes it gets RuntimeError.\n"
       "Image rows run bottom to top: row 0 (payload[0]) is the bottom of the picture, so\n"
       "flip it (payload[::-1]) to show it the usual way up.\n"
-      "spp: samples per pixel; max_depth: surface bounces (VESK_MAX_DEPTH overrides it);\n"
+      "spp: samples per pixel; max_depth: scattering events, on surfaces and on leaves of\n"
+      "turbid media (VESK_MAX_DEPTH overrides it);\n"
       "progress: None or a callable (done, total, elapsed_ms), called after each sample pass;\n"
       "outputs: one or a list of 'radiance', 'standard_error', 'event_aov', 'scattering_order';\n"
       "max_output_order: highest scattering order kept on its own.\n"
       "Returns {'payload': (height, width, bands) float32 mean radiance (W m-2 sr-1 nm-1 for a\n"
       "sun spectrum in W m-2 nm-1), 'standard_error': same shape, 'event_aov': {'surface',\n"
-      "'medium', 'environment', 'emission'} each (height, width, bands), 'scattering_order':\n"
+      "'medium', 'environment', 'emission'} each (height, width, bands) (sun light scattered\n"
+      "by surfaces, by leaves of turbid media, seen in the sky or sun, and emitted),\n"
+      "'scattering_order':\n"
       "(max_output_order + 2, height, width, bands) (unscattered, orders 1..max, the rest),\n"
       "'_execution': dict}; the optional keys only when requested.");
 }
