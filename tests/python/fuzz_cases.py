@@ -50,6 +50,8 @@ def make_scene(kind):
     s.add_instance(s.add_mesh(**unit_cube(), material_id=1), 2.0, 2.0, 0.6)
     s.set_emitter(0, SUN, 8)
     s.set_sky(10)
+    if kind != "repeated":  # the leaf cube bounds a turbid medium, except in the tiles
+        s.set_optical_turbid_media([1.0], [0], [1], [0.05], [-1, 0])
     s.set_sensor(0, 4, 3, 4.0, 3.0, CAMERA)
     s.set_measurement_plane(2.0)
     if kind == "repeated":
@@ -118,6 +120,10 @@ s.upload_spectral_params fa:SPECTRAL | s.set_emitter i:0 fa:SUN i:8
 s.update_emitter_direction fa:UP | s.set_measurement_plane f:1.0 | s.set_repetitive i:3 f:4.0 f:4.0
 s.set_sensor i:0 i:4 i:3 f:4.0 f:3.0 fa:CAMERA f:60.0 i:0 b:False
 s.set_sky i:10 | s.set_directional_sky i:12 | s.set_hw_sky i:1036 f:0.3 f:0.2 f:0.93
+s.set_optical_turbid_media fa:np.array([1.0],F) ia:np.array([0],np.int32) \
+ia:np.array([1],np.int32) fa:np.array([0.05],F) ia:np.array([-1,0],np.int32)
+s.optical_turbid_medium i:0 | s.sample_combined_free_path ia:np.array([0],np.int32) fa:UP f:0.5 f:0.5
+s.conditional_hotspot_transmittance i:0 f:1.0 f:1.0 f:0.5 fa:UP fa:SUN
 s.set_primitive_emissivities fa:prim(0.9) | s.set_primitive_temperatures fa:prim(305.0)
 s.set_primitive_sif_spectra fa:prim(0.01,2) i:2 | s.set_instance_sif_spectra fa:inst(0.01,2) i:2
 s.set_instance_turbid_thermal_state fa:inst(300.0) fa:inst(290.0) fa:inst(0.5) fa:inst(0.97)

@@ -69,6 +69,11 @@ def test_free_paths_are_exponential_and_pick_media_by_their_share(rng):
     one = s.sample_combined_free_path(np.array([0, 1], np.int32), d, 1.0, 1.0)
     np.testing.assert_allclose(one["distance"], -np.log(np.float32(1e-7)) / sigma, rtol=1e-5)
     assert (one["selected_slot"], one["medium_id"]) == (1, 1)
+    # Only the vertical component matters: level rays read G(90), up and down G(0).
+    row = s.optical_turbid_medium(1)["projection_g"]
+    for v, g90 in (([1, 0, 0], True), ([0, 0, 1], False), ([0, 0, -1], False)):
+        sig = s.sample_combined_free_path(np.array([1], np.int32), np.array(v, F), 0.5, 0.5)
+        np.testing.assert_allclose(sig["sigma_total"], 1.5 * row[90 if g90 else 0], rtol=1e-6)
     empty = media_scene()
     empty.set_optical_turbid_media([0.0], [0], [1], [0.0], [-1, -1, 0])
     none = empty.sample_combined_free_path(np.array([0], np.int32), d, 0.5, 0.5)
