@@ -15,25 +15,12 @@ MediaScene MediaScene::from(const EmbreeSceneManager& scene) {
   ms.rep = scene.repetition();
   ms.z_lo = scene.min_height();
   ms.z_hi = scene.max_height();
+  if (!scene.has_optical_media()) return ms;
   const auto& info = scene.instance_info();
-  for (size_t i = 0; i < info.size(); ++i) {
-    if (scene.medium_of_material(info[i].material_id) < 0) continue;
-    const EmbreeInstance& inst = scene.instances()[i];
-    float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
-    for (const float3& v : scene.meshes()[size_t(inst.mesh_id)].vertices) {
-      lo = {std::min(lo.x, v.x), std::min(lo.y, v.y), std::min(lo.z, v.z)};
-      hi = {std::max(hi.x, v.x), std::max(hi.y, v.y), std::max(hi.z, v.z)};
-    }
-    for (int c = 0; c < 8; ++c) {
-      const float3 p = transform_point(inst.transform, {(c & 1) ? hi.x : lo.x,
-                                                        (c & 2) ? hi.y : lo.y,
-                                                        (c & 4) ? hi.z : lo.z});
-      ms.media_lo = {std::min(ms.media_lo.x, p.x), std::min(ms.media_lo.y, p.y),
-                     std::min(ms.media_lo.z, p.z)};
-      ms.media_hi = {std::max(ms.media_hi.x, p.x), std::max(ms.media_hi.y, p.y),
-                     std::max(ms.media_hi.z, p.z)};
-    }
-  }
+  const auto box = scene.instances_box([&](size_t i) {
+    return i < info.size() && scene.medium_of_material(info[i].material_id) >= 0;
+  });
+  ms.media_lo = box.lo, ms.media_hi = box.hi;
   // A margin for the steps off surfaces and rounding in the transforms.
   const float pad = 1e-3f;
   ms.media_lo = ms.media_lo - float3{pad, pad, pad};

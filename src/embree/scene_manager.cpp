@@ -317,6 +317,11 @@ void EmbreeSceneManager::compute_aabb_() {
 }
 
 EmbreeSceneManager::SceneBox EmbreeSceneManager::scene_box_() const {
+  return instances_box([](size_t) { return true; });
+}
+
+EmbreeSceneManager::SceneBox EmbreeSceneManager::instances_box(
+    const std::function<bool(size_t)>& pick) const {
   SceneBox b;
   std::vector<std::array<float3, 2>> mesh_box(meshes_.size());
   for (size_t m = 0; m < meshes_.size(); ++m) {
@@ -327,7 +332,9 @@ EmbreeSceneManager::SceneBox EmbreeSceneManager::scene_box_() const {
     }
     mesh_box[m] = {lo, hi};
   }
-  for (const EmbreeInstance& inst : instances_) {
+  for (size_t i = 0; i < instances_.size(); ++i) {
+    if (!pick(i)) continue;
+    const EmbreeInstance& inst = instances_[i];
     const auto& box = mesh_box.at(size_t(inst.mesh_id));
     for (int c = 0; c < 8; ++c) {
       const float3 corner{(c & 1) ? box[1].x : box[0].x, (c & 2) ? box[1].y : box[0].y,

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -169,6 +170,11 @@ class EmbreeSceneManager {
   bool measurement_plane_set() const { return measurement_plane_set_; }
 
   // ---- bounds ----
+  // Bounds from the transformed corner boxes of the picked instances; none: +-1e30.
+  struct SceneBox {
+    float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
+  };
+  SceneBox instances_box(const std::function<bool(size_t)>& pick) const;
   float max_height() const { return max_height_; }
   float min_height() const { return min_height_; }
   std::pair<float3, float3> aabb() const;
@@ -242,10 +248,6 @@ class EmbreeSceneManager {
   bool shadowed_repetitive(float3 origin, const float3& direction) const;
 
  private:
-  // Bounds from the transformed corner boxes of every instance; empty: +-1e30.
-  struct SceneBox {
-    float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
-  };
   SceneBox scene_box_() const;
   void check_scene_box_() const;
   void compute_aabb_();
