@@ -197,28 +197,40 @@ bool scatter(const PathContext& c, BackwardThreadScratch& s, RNG& rng, const Mat
   return true;
 }
 
+// One surface event: emission, the sun by next-event estimation (visibility(from) gives
+// the sun's visibility from a point off the surface), and the next direction. False when
+// the path ends there.
+template <class Visibility>
+bool surface_event(const PathContext& c, BackwardThreadScratch& s, RNG& rng, PathState& p,
+                   const EmbreeHit& hit, const Visibility& visibility) {
+  ++p.order;
+  const MaterialData& m = c.materials[hit.material_id];
+  float3 frame[3];
+  frame[2] = hit.shading_normal;
+  coordinate_system(frame[2], frame[0], frame[1]);
+  const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
+
+  if (c.mode != EMISSION_OPTICAL) emit_at_hit(c, s, hit, m, p.order);
+  if (c.mode == EMISSION_OPTICAL && c.has_sun)
+    sun_at_event(c, s, m, frame, wo, hit.back_face, p.order, backend::SLOT_SURFACE, [&] {
+      return visibility(offset_origin(hit.position, hit.geometric_normal, c.sun.direction));
+    });
+  if (!scatter(c, s, rng, m, frame, wo, hit.back_face, p.depth, p.direction)) return false;
+  p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);
+  ++p.depth;
+  return true;
+}
+
 // Surface events until the path escapes (true) or ends: depth limit, an unusable
 // sample, a throughput cut-off or Russian roulette (false).
 bool bounce_until_escape(const PathContext& c, BackwardThreadScratch& s, RNG& rng, PathState& p) {
   while (p.depth < c.max_depth) {
     const EmbreeHit hit = c.scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
     if (!hit.hit) return true;
-    ++p.order;
-    const MaterialData& m = c.materials[hit.material_id];
-    float3 frame[3];
-    frame[2] = hit.shading_normal;
-    coordinate_system(frame[2], frame[0], frame[1]);
-    const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
-
-    if (c.mode != EMISSION_OPTICAL) emit_at_hit(c, s, hit, m, p.order);
-    if (c.mode == EMISSION_OPTICAL && c.has_sun)
-      sun_at_event(c, s, m, frame, wo, hit.back_face, p.order, backend::SLOT_SURFACE, [&] {
-        const float3 so = offset_origin(hit.position, hit.geometric_normal, c.sun.direction);
-        return c.scene.shadowed_repetitive(so, c.sun.direction) ? 0.0 : 1.0;
-      });
-    if (!scatter(c, s, rng, m, frame, wo, hit.back_face, p.depth, p.direction)) return false;
-    p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);
-    ++p.depth;
+    if (!surface_event(c, s, rng, p, hit, [&](const float3& from) {
+          return c.scene.shadowed_repetitive(from, c.sun.direction) ? 0.0 : 1.0;
+        }))
+      return false;
   }
   return false;  // the depth limit ends the path without the sky
 }
@@ -402,20 +414,7 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
 
     // An ordinary surface, as in the surface path, seeing the media towards the sun.
     scattered = true;
-    ++p.order;
-    const MaterialData& m = c.materials[hit.material_id];
-    float3 frame[3];
-    frame[2] = hit.shading_normal;
-    coordinate_system(frame[2], frame[0], frame[1]);
-    const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
-    if (c.mode != EMISSION_OPTICAL) emit_at_hit(c, s, hit, m, p.order);
-    if (c.mode == EMISSION_OPTICAL && c.has_sun)
-      sun_at_event(c, s, m, frame, wo, hit.back_face, p.order, backend::SLOT_SURFACE, [&] {
-        return sun_visibility(offset_origin(hit.position, hit.geometric_normal, c.sun.direction));
-      });
-    if (!scatter(c, s, rng, m, frame, wo, hit.back_face, p.depth, p.direction)) return true;
-    p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);
-    ++p.depth;
+    if (!surface_event(c, s, rng, p, hit, sun_visibility)) return true;
   }
   if (p.depth >= c.max_depth) return true;  // the depth limit ends the path without the sky
   environment(c, s, p);
