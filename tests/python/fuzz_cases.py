@@ -139,7 +139,9 @@ vk._evaluate_microwave_soil_reflectivity f:5.3e9 fa:SOIL fa:COSINES b:True
 vk._evaluate_microwave_trunk_ground f:1.4e9 fa:SOIL fa:TRUNK fa:TO_TRUNK fa:TO_GROUND fa:UP2
 vk._microwave_cylinder_amplitude f:1.4e9 f:0.1 c:(8+2.5j) f:0.3 f:0.2 f:0.7
 vk.make_ground_plane !f:5.0 !f:5.0 i:0 !f:2.0 | vk.make_sphere f:1.0 fa:np.zeros(3,F) !i:2
-vk.make_cylinder f:1.0 f:2.0 !i:8""")}
+vk.make_cylinder f:1.0 f:2.0 !i:8
+vk.simulate_lidar_cpu s:s fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
+f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False""")}
 
 # Hostile values of each class, ` | ` apart; V stands for the working value.
 VALUES = {}

@@ -1,0 +1,358 @@
+#include "lidar/lidar_simulation.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+
+#include "core/array_check.h"
+#include "core/memory_limit.h"
+#include "core/workers.h"
+#include "embree/media_walk.h"
+#include "embree/scene_manager.h"
+#include "lidar/waveform.h"
+
+namespace vesk::embree {
+
+namespace {
+
+constexpr float PI_F = 3.1415927f;
+constexpr int32_t MAX_MARCH_STEPS = 128;
+
+struct Beam {
+  std::vector<float> xy;       // sample positions in the unit disc, interleaved
+  std::vector<float> weights;  // summing to 1
+};
+
+// A square grid of n + 1 points a side over [-1, 1]^2, kept inside the unit disc, with
+// Gaussian weights; one central ray when the grid keeps nothing.
+Beam beam_pattern(int32_t n) {
+  Beam b;
+  if (n >= 0) {
+    for (int32_t iy = 0; iy <= n; ++iy)
+      for (int32_t ix = 0; ix <= n; ++ix) {
+        const float x = float(ix + ix) / float(n) - 1.0f, y = float(iy + iy) / float(n) - 1.0f;
+        const float r2 = x * x + y * y;
+        if (!(r2 <= 1.0001f)) continue;
+        b.xy.push_back(x);
+        b.xy.push_back(y);
+        b.weights.push_back(std::exp((r2 * -0.5f) / 0.50016385f));
+      }
+  }
+  if (b.weights.empty()) b.xy = {0.0f, 0.0f}, b.weights = {1.0f};
+  float sum = 0.0f;
+  for (const float w : b.weights) sum += w;
+  for (float& w : b.weights) w /= sum;
+  return b;
+}
+
+int32_t bin_count(const LidarRequest& q) {
+  return int32_t((q.max_range - q.min_range) / q.range_resolution) + 1;
+}
+
+// What one worker reuses from pulse to pulse.
+struct LidarScratch {
+  std::vector<float> raw, extinction, backscatter, sigma, medium_backscatter;
+  std::vector<float> points;  // direct mode
+};
+
+struct LidarContext {
+  const EmbreeSceneManager& scene;
+  const LidarRequest& q;
+  const MaterialData* materials;
+  const float* spectral;
+  int32_t bands;  // the scene's: the stride to a two-sided material's back spectrum
+  int32_t num_bins;
+  Beam beam;
+  float tan_half;
+  bool media;
+  MediaScene ms;
+};
+
+float front_reflectance(const LidarContext& c, const MaterialData& m, int32_t w) {
+  return c.spectral[m.spectral_offset + w];
+}
+
+void direct_pulse(const LidarContext& c, int32_t p, LidarScratch& s) {
+  const float* o = c.q.pulse_origins + 3 * size_t(p);
+  const float* d = c.q.pulse_directions + 3 * size_t(p);
+  const float3 origin{o[0], o[1], o[2]}, dir{d[0], d[1], d[2]};
+  const EmbreeHit hit = c.scene.trace_ray(origin, dir, 1e-4f, 1e30f);
+  if (!hit.hit) return;
+  const float dist = length(hit.position - origin);
+  if (dist < c.q.min_range || dist > c.q.max_range) return;
+  const float rho = front_reflectance(c, c.materials[hit.material_id], 0);
+  const float intensity = (std::fabs(dot(dir, hit.geometric_normal)) * rho * c.q.pulse_energy *
+                           c.q.sensor_area) /
+                          (dist * PI_F * dist);
+  const float rec[lidar::POINT_FLOATS] = {hit.position.x, hit.position.y, hit.position.z,
+                                          intensity,      1.0f,           1.0f,
+                                          dist,           float(p)};
+  s.points.insert(s.points.end(), rec, rec + lidar::POINT_FLOATS);
+}
+
+// The surface return of one beam sample at range rng, seen through transmittance T.
+void surface_return(const LidarContext& c, LidarScratch& s, float weight, const EmbreeHit& hit,
+                    const float3& r, float rng) {
+  const LidarRequest& q = c.q;
+  if (!(rng >= q.min_range && rng <= q.max_range)) return;
+  const int32_t bin = int32_t((rng - q.min_range) / q.range_resolution);
+  if (bin < 0 || bin >= c.num_bins) return;
+  float T = 1.0f;
+  if (c.media) {
+    float tau = 0.0f;
+    for (int32_t i = 0; i < bin; ++i) tau += s.extinction[size_t(i)] * q.range_resolution;
+    tau += 0.5f * s.extinction[size_t(bin)] * q.range_resolution;
+    T = std::exp(-std::max(tau, 0.0f));
+  }
+  const float cosine = std::fabs(dot(r, hit.geometric_normal));
+  if (cosine < 1e-6f) return;
+  const float e = (weight * q.pulse_energy * (q.sensor_area / (rng * rng)) * cosine) / PI_F;
+  const MaterialData& m = c.materials[hit.material_id];
+  const int32_t back = m.type == MaterialType::DiffuseTransmitting && hit.back_face ? c.bands : 0;
+  for (int32_t w = 0; w < q.num_wavelengths; ++w) {
+    const float value = c.spectral[m.spectral_offset + back + w] * e * T;
+    if (value > 0.0f) s.raw[size_t(bin) * size_t(q.num_wavelengths) + size_t(w)] += value;
+  }
+}
+
+// The active media's extinction and backscatter over the bins whose centres lie in [a, b).
+void deposit(const LidarContext& c, LidarScratch& s, const ActiveMediumList& active, float a,
+             float b) {
+  if (active.count == 0) return;
+  const LidarRequest& q = c.q;
+  const int32_t b0 = std::max(0, int32_t(std::ceil((a - q.min_range) / q.range_resolution - 0.5f)));
+  const int32_t b1 = std::min(c.num_bins - 1,
+                              int32_t(std::ceil((b - q.min_range) / q.range_resolution - 0.5f)) - 1);
+  const size_t W = size_t(q.num_wavelengths);
+  for (int32_t k = 0; k < active.count; ++k) {
+    const int32_t m = active.medium_id[k];
+    const float sigma = s.sigma[size_t(m)];
+    if (!(sigma > 0.0f)) continue;
+    for (int32_t i = b0; i <= b1; ++i) {
+      s.extinction[size_t(i)] += sigma;
+      for (size_t w = 0; w < W; ++w)
+        s.backscatter[size_t(i) * W + w] += s.medium_backscatter[size_t(m) * W + w];
+    }
+  }
+}
+
+// One beam sample through the media: the march deposits extinction and backscatter bin
+// by bin and stops at the first ordinary surface, then the volume returns follow.
+void media_sample(const LidarContext& c, LidarScratch& s, float weight, const float3& origin,
+                  const float3& r) {
+  const LidarRequest& q = c.q;
+  const size_t W = size_t(q.num_wavelengths);
+  std::fill(s.extinction.begin(), s.extinction.end(), 0.0f);
+  std::fill(s.backscatter.begin(), s.backscatter.end(), 0.0f);
+  std::fill(s.medium_backscatter.begin(), s.medium_backscatter.end(), 0.0f);
+  // Extinction for this direction, and leaf backscatter by the angular factor of each
+  // leaf angle distribution.
+  const float cz = std::min(std::fabs(r.z), 1.0f), c2 = cz * cz;
+  for (size_t m = 0; m < c.ms.n_media; ++m) {
+    const OpticalTurbidMediumData& md = c.ms.media[m];
+    s.sigma[m] = projection_g(md, r) * md.leaf_area_density;
+    if (!(s.sigma[m] > 0.0f)) continue;
+    const float factor = md.leaf_angle_type == LAD_SPHERICAL     ? 0.33333334f
+                         : md.leaf_angle_type == LAD_PLANOPHILE  ? c2 * 0.625f + 0.125f
+                         : md.leaf_angle_type == LAD_ERECTOPHILE ? 0.375f - c2 * 0.125f
+                                                                 : c2 * 0.25f + 0.25f;
+    if (md.material_id < 0 || size_t(md.material_id) >= c.scene.materials().size()) continue;
+    const MaterialData& mat = c.materials[md.material_id];
+    const float q_leaf = factor * md.leaf_area_density * 0.5f;
+    const int32_t back = mat.type == MaterialType::DiffuseTransmitting ? c.bands : 0;
+    for (size_t w = 0; w < W; ++w)
+      s.medium_backscatter[m * W + w] =
+          ((c.spectral[mat.spectral_offset + int32_t(w)] +
+            c.spectral[mat.spectral_offset + back + int32_t(w)]) *
+           q_leaf) /
+          PI_F;
+  }
+
+  ActiveMediumList active;
+  media_at_point(c.ms, origin, r, active);
+  float3 p = origin;
+  float travelled = 0.0f;
+  for (int32_t steps = MAX_MARCH_STEPS; steps > 0; --steps) {
+    const EmbreeHit hit = c.scene.trace_ray(p, r, 1e-4f, 1e30f);
+    if (!hit.hit) break;
+    const float end = hit.t + travelled, start = std::fmax(q.min_range, travelled);
+    if (end > q.max_range) {
+      if (start < q.max_range) deposit(c, s, active, start, q.max_range);
+      break;
+    }
+    const float clipped = std::fmin(q.max_range, end);
+    const int32_t medium = c.ms.medium_of(hit);
+    if (start < clipped) deposit(c, s, active, start, clipped);
+    if (medium < 0) {
+      surface_return(c, s, weight, hit, r, end);
+      break;
+    }
+    if (!toggle_medium(active, medium, uint32_t(hit.instance_id))) break;
+    p = hit.position + MEDIUM_STEP * r;
+    travelled = hit.t + MEDIUM_STEP + travelled;
+  }
+
+  // Single scattering by the leaves of each bin, attenuated on the way out only.
+  float C = 0.0f;
+  for (int32_t i = 0; i < c.num_bins; ++i) {
+    const float e_i = s.extinction[size_t(i)];
+    const float C_prev = C;
+    C = C + q.range_resolution * e_i;
+    if (!(e_i > 0.0f)) continue;
+    const float r_i = std::max(1e-6f, (float(i) + 0.5f) * q.range_resolution + q.min_range);
+    const float T = std::exp(-(0.5f * e_i * q.range_resolution + C_prev));
+    const float g = (weight * q.pulse_energy * q.sensor_area * q.range_resolution * T) / (r_i * r_i);
+    if (!(g > 0.0f)) continue;
+    for (size_t w = 0; w < W; ++w) {
+      const float bs = s.backscatter[size_t(i) * W + w];
+      if (bs > 0.0f) s.raw[size_t(i) * W + w] += bs * g;
+    }
+  }
+}
+
+void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* slab) {
+  const float* o = c.q.pulse_origins + 3 * size_t(p);
+  const float* dp = c.q.pulse_directions + 3 * size_t(p);
+  const float3 origin{o[0], o[1], o[2]}, d{dp[0], dp[1], dp[2]};
+  float3 u;
+  if (std::fabs(d.x) <= std::fabs(d.y))
+    u = (1.0f / std::sqrt(d.y * d.y + d.z * d.z)) * float3{0.0f, d.z, -d.y};
+  else
+    u = (1.0f / std::sqrt(d.z * d.z + d.x * d.x)) * float3{d.z, 0.0f, -d.x};
+  const float3 v{u.y * d.z - u.z * d.y, u.z * d.x - u.x * d.z, u.x * d.y - u.y * d.x};
+  std::fill(s.raw.begin(), s.raw.end(), 0.0f);
+  for (size_t k = 0; k < c.beam.weights.size(); ++k) {
+    const float a = c.beam.xy[2 * k] * c.tan_half, b = c.beam.xy[2 * k + 1] * c.tan_half;
+    const float sc = 1.0f / std::sqrt(a * a + b * b + 1.0f);
+    const float3 r = normalize((b * sc) * u + (a * sc) * v + sc * d);
+    const float w = c.beam.weights[k];
+    if (c.media) {
+      media_sample(c, s, w, origin, r);
+      continue;
+    }
+    const EmbreeHit hit = c.scene.trace_ray(origin, r, 1e-4f, 1e30f);
+    if (hit.hit) surface_return(c, s, w, hit, r, length(hit.position - origin));
+  }
+  std::copy(s.raw.begin(), s.raw.end(), slab);
+}
+
+}  // namespace
+
+void validate_lidar_request(const EmbreeSceneManager& scene, const LidarRequest& q) {
+  if (!scene.is_built()) throw std::runtime_error("scene not built. Call build() first.");
+  if (q.num_pulses < 0) throw std::invalid_argument("num_pulses must not be negative");
+  check_coordinates("pulse_origins", q.pulse_origins, 3 * size_t(q.num_pulses));
+  check_coordinates("pulse_directions", q.pulse_directions, 3 * size_t(q.num_pulses));
+  for (int32_t p = 0; p < q.num_pulses; ++p) {
+    const float* d = q.pulse_directions + 3 * size_t(p);
+    if (!(d[0] * d[0] + d[1] * d[1] + d[2] * d[2] > 1e-12f))
+      throw std::invalid_argument("pulse_directions contains a zero direction");
+  }
+  if (!(q.range_resolution > 0.0f) || !std::isfinite(q.range_resolution) ||
+      !std::isfinite(q.min_range) || !std::isfinite(q.max_range) || !(q.max_range >= q.min_range))
+    throw std::invalid_argument(
+        "range gate needs finite min_range <= max_range and a positive range_resolution");
+  for (const float v : {q.beam_half_angle_rad, q.pulse_energy, q.sensor_area, q.peak_threshold})
+    if (!std::isfinite(v)) throw std::invalid_argument("LiDAR settings must be finite");
+  if (q.num_wavelengths < 1)
+    throw std::invalid_argument("num_wavelengths must be positive");
+  // (n + 1)^2 rays a pulse: a million is already far beyond any footprint's detail.
+  if (q.beam_samples_per_dim > 1000)
+    throw std::invalid_argument("beam_samples_per_dim must not exceed 1000");
+  const double bins = std::floor(double(q.max_range - q.min_range) / q.range_resolution) + 1.0;
+  if (bins > 2147483647.0)
+    throw std::invalid_argument("the range gate holds more than 2^31 - 1 bins");
+  if (!q.direct_mode)
+    check_request_memory("simulate_lidar_cpu: " + std::to_string(q.num_pulses) + " waveforms of " +
+                             std::to_string(int64_t(bins)) + " bins",
+                         2.0 * double(q.num_pulses) * bins * q.num_wavelengths * 4.0);
+  // Every spectrum a return may read: band 0 in direct mode, num_wavelengths bands (and a
+  // leaf's back side) in waveform mode.
+  const size_t size = scene.spectral_params().size();
+  const auto& mats = scene.materials();
+  for (size_t i = 0; i < mats.size(); ++i) {
+    const int64_t reach = q.direct_mode ? 1
+                          : q.num_wavelengths + (mats[i].type == MaterialType::DiffuseTransmitting
+                                                     ? int64_t(scene.num_bands()) : 0);
+    if (mats[i].spectral_offset < 0 || size_t(mats[i].spectral_offset) + size_t(reach) > size)
+      throw std::invalid_argument("the spectrum of material " + std::to_string(i) + " holds fewer "
+                                  "than the bands a LiDAR return reads");
+  }
+  for (const auto& info : scene.instance_info())
+    if (info.material_id < 0 || size_t(info.material_id) >= mats.size())
+      throw std::invalid_argument("mesh " + std::to_string(info.mesh_id) + " uses material " +
+                                  std::to_string(info.material_id) + ", but the scene has " +
+                                  std::to_string(mats.size()) + " materials");
+}
+
+LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& q,
+                           const ProgressFn& progress) {
+  validate_lidar_request(scene, q);
+  const EmbreeSceneManager::RunGuard read_only(scene);
+  const auto start = std::chrono::steady_clock::now();
+  LidarContext c{scene, q, scene.materials().data(), scene.spectral_params().data(),
+                 scene.num_bands(), bin_count(q), beam_pattern(q.beam_samples_per_dim),
+                 std::tan(q.beam_half_angle_rad), scene.has_optical_media(),
+                 MediaScene::from(scene)};
+  const std::vector<float> kernel = lidar::pulse_kernel(q.pulse_fwhm_ns, q.range_resolution);
+  const int threads = resolve_thread_count(q.num_threads);
+  std::printf("LiDAR (CPU): %d pulses, %d beam samples, %s mode, %d threads\n", q.num_pulses,
+              q.direct_mode ? 1 : int(c.beam.weights.size()), q.direct_mode ? "direct" : "waveform",
+              threads);
+  std::fflush(stdout);
+
+  LidarResult r;
+  r.num_bins = c.num_bins;
+  const size_t slab = size_t(c.num_bins) * size_t(q.num_wavelengths);
+  if (!q.direct_mode) r.waveform.assign(slab * size_t(std::max(q.num_pulses, 0)), 0.0f);
+  std::vector<LidarScratch> scratch(static_cast<size_t>(threads));
+  for (LidarScratch& s : scratch) {
+    if (q.direct_mode) continue;
+    s.raw.assign(slab, 0.0f);
+    if (c.media) {
+      s.extinction.assign(size_t(c.num_bins), 0.0f);
+      s.backscatter.assign(slab, 0.0f);
+      s.sigma.assign(c.ms.n_media, 0.0f);
+      s.medium_backscatter.assign(c.ms.n_media * size_t(q.num_wavelengths), 0.0f);
+    }
+  }
+  std::atomic<int64_t> next{0};
+  std::atomic<bool> cancel{false};
+  run_workers(
+      threads,
+      [&](int t) {
+        LidarScratch& s = scratch[size_t(t)];
+        while (!cancel.load(std::memory_order_relaxed)) {
+          const int64_t p = next.fetch_add(1);
+          if (p >= q.num_pulses) return;
+          if (q.direct_mode)
+            direct_pulse(c, int32_t(p), s);
+          else
+            waveform_pulse(c, int32_t(p), s, r.waveform.data() + size_t(p) * slab);
+        }
+      },
+      {}, cancel);
+
+  if (q.direct_mode) {
+    for (const LidarScratch& s : scratch) r.points.insert(r.points.end(), s.points.begin(), s.points.end());
+  } else if (q.num_pulses > 0) {
+    r.waveform = lidar::convolve_waveform(r.waveform, q.num_pulses, c.num_bins, q.num_wavelengths,
+                                          kernel);
+    lidar::extract_peaks(r.waveform, q.num_pulses, c.num_bins, q.num_wavelengths,
+                         q.pulse_origins, q.pulse_directions, q.min_range, q.range_resolution,
+                         q.peak_threshold, q.max_returns_per_pulse, r.points);
+  }
+  r.num_returns = int32_t(r.points.size() / lidar::POINT_FLOATS);
+  if (progress) progress(long(q.num_pulses), long(q.num_pulses), elapsed_ms(start));
+  r.execution = q.direct_mode ? ExecutionRecord{BACKEND_EMBREE, WORKFLOW_LIDAR_POINT_CLOUD,
+                                                "embree.cpu.lidar_point_cloud", true}
+                              : ExecutionRecord{BACKEND_EMBREE, WORKFLOW_LIDAR_WAVEFORM,
+                                                "embree.cpu.lidar_waveform", true};
+  return r;
+}
+
+}  // namespace vesk::embree
