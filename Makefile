@@ -34,7 +34,7 @@ $(SAN_BUILD)/CMakeCache.txt:
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=Release -DVESK_SANITIZE=ON
 
 build-sanitize: deps $(SAN_BUILD)/CMakeCache.txt
-	cmake --build $(SAN_BUILD) -j $(JOBS) --target vesk_gpu vesk_tests
+	cmake --build $(SAN_BUILD) -j $(JOBS) --target vesk_gpu vesk_tests vesk_python
 
 test-sanitize: build-sanitize
 	ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1

@@ -7,6 +7,7 @@ packages=(
   g++ make cmake
   libembree-dev
   pybind11-dev python3-dev python3-numpy python3-pytest python3-pil python3-scipy
+  python3-matplotlib
   libgtest-dev
 )
 
@@ -17,13 +18,19 @@ for p in "${packages[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-echo "installing: ${missing[*]}"
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# Test-only: an independent LAS reader (npm's copc), kept outside the source tree. The
+# LAS test skips, saying why, where node is absent.
+TOOLS="${VESK_TEST_TOOLS:-/opt/vesk-test-tools}"
+if command -v npm >/dev/null 2>&1 && [ ! -d "$TOOLS/node_modules/copc" ]; then
+  npm install --prefix "$TOOLS" copc@0.0.8 --no-audit --no-fund --loglevel=error >/dev/null ||
+    echo "note: could not install the copc LAS reader; its test will be skipped"
+fi

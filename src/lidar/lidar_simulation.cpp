@@ -56,6 +56,8 @@ int32_t bin_count(const LidarRequest& q) {
 // What one worker reuses from pulse to pulse.
 struct LidarScratch {
   std::vector<float> raw, extinction, backscatter, sigma, medium_backscatter;
+  int32_t first = 0, last = -1;  // the bins of raw that hold something this pulse
+  void touch(int32_t bin) { first = std::min(first, bin), last = std::max(last, bin); }
   std::vector<float> points;  // direct mode
 };
 
@@ -115,7 +117,10 @@ void surface_return(const LidarContext& c, LidarScratch& s, float weight, const 
   const int32_t back = m.type == MaterialType::DiffuseTransmitting && hit.back_face ? c.bands : 0;
   for (int32_t w = 0; w < q.num_wavelengths; ++w) {
     const float value = c.spectral[m.spectral_offset + back + w] * e * T;
-    if (value > 0.0f) s.raw[size_t(bin) * size_t(q.num_wavelengths) + size_t(w)] += value;
+    if (value > 0.0f) {
+      s.raw[size_t(bin) * size_t(q.num_wavelengths) + size_t(w)] += value;
+      s.touch(bin);
+    }
   }
 }
 
@@ -209,12 +214,18 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
     if (!(g > 0.0f)) continue;
     for (size_t w = 0; w < W; ++w) {
       const float bs = s.backscatter[size_t(i) * W + w];
-      if (bs > 0.0f) s.raw[size_t(i) * W + w] += bs * g;
+      if (bs > 0.0f) {
+        s.raw[size_t(i) * W + w] += bs * g;
+        s.touch(i);
+      }
     }
   }
 }
 
-void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* slab) {
+// Traces one pulse into its slab of the waveform (zero beforehand) and returns the
+// bins it occupies; raw is left all zero for the next pulse.
+void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* slab,
+                    int32_t* range) {
   const float* o = c.q.pulse_origins + 3 * size_t(p);
   const float* dp = c.q.pulse_directions + 3 * size_t(p);
   const float3 origin{o[0], o[1], o[2]}, d{dp[0], dp[1], dp[2]};
@@ -224,7 +235,7 @@ void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* sl
   else
     u = (1.0f / std::sqrt(d.z * d.z + d.x * d.x)) * float3{d.z, 0.0f, -d.x};
   const float3 v{u.y * d.z - u.z * d.y, u.z * d.x - u.x * d.z, u.x * d.y - u.y * d.x};
-  std::fill(s.raw.begin(), s.raw.end(), 0.0f);
+  s.first = c.num_bins, s.last = -1;
   for (size_t k = 0; k < c.beam.weights.size(); ++k) {
     const float a = c.beam.xy[2 * k] * c.tan_half, b = c.beam.xy[2 * k + 1] * c.tan_half;
     const float sc = 1.0f / std::sqrt(a * a + b * b + 1.0f);
@@ -237,7 +248,13 @@ void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* sl
     const EmbreeHit hit = c.scene.trace_ray(origin, r, 1e-4f, 1e30f);
     if (hit.hit) surface_return(c, s, w, hit, r, length(hit.position - origin));
   }
-  std::copy(s.raw.begin(), s.raw.end(), slab);
+  range[0] = s.first, range[1] = s.last;
+  if (s.last < s.first) return;
+  const size_t W = size_t(c.q.num_wavelengths);
+  const auto lo = s.raw.begin() + long(size_t(s.first) * W),
+             hi = s.raw.begin() + long(size_t(s.last + 1) * W);
+  std::copy(lo, hi, slab + size_t(s.first) * W);
+  std::fill(lo, hi, 0.0f);
 }
 
 }  // namespace
@@ -320,6 +337,7 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
       s.medium_backscatter.assign(c.ms.n_media * size_t(q.num_wavelengths), 0.0f);
     }
   }
+  std::vector<int32_t> ranges(q.direct_mode ? 0 : 2 * size_t(std::max(q.num_pulses, 0)));
   std::atomic<int64_t> next{0};
   std::atomic<bool> cancel{false};
   run_workers(
@@ -332,7 +350,8 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
           if (q.direct_mode)
             direct_pulse(c, int32_t(p), s);
           else
-            waveform_pulse(c, int32_t(p), s, r.waveform.data() + size_t(p) * slab);
+            waveform_pulse(c, int32_t(p), s, r.waveform.data() + size_t(p) * slab,
+                           ranges.data() + 2 * size_t(p));
         }
       },
       {}, cancel);
@@ -340,9 +359,10 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
   if (q.direct_mode) {
     for (const LidarScratch& s : scratch) r.points.insert(r.points.end(), s.points.begin(), s.points.end());
   } else if (q.num_pulses > 0) {
-    r.waveform = lidar::convolve_waveform(r.waveform, q.num_pulses, c.num_bins, q.num_wavelengths,
-                                          kernel);
-    lidar::extract_peaks(r.waveform, q.num_pulses, c.num_bins, q.num_wavelengths,
+    lidar::convolve_waveform(r.waveform, q.num_pulses, c.num_bins, q.num_wavelengths, kernel,
+                             ranges);
+    lidar::extract_peaks(r.waveform, ranges, int32_t(kernel.size() / 2), q.num_pulses, c.num_bins,
+                         q.num_wavelengths,
                          q.pulse_origins, q.pulse_directions, q.min_range, q.range_resolution,
                          q.peak_threshold, q.max_returns_per_pulse, r.points);
   }

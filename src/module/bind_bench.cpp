@@ -9,6 +9,7 @@
 #include "core/rng.h"
 #include "embree/ray_counters.h"
 #include "embree/scene_manager.h"
+#include "lidar/lidar_simulation.h"
 #include "module/bind_common.h"
 
 namespace vesk::module {
@@ -59,6 +60,23 @@ void bind_bench(py::module_& m) {
         return to_numpy(embree::render_forward(scene, q, {}).brf);
       },
       py::arg("scene"), py::arg("directions"), py::arg("photons"), py::arg("threads"));
+  m.def(
+      "_bench_simulate_lidar",
+      [](const embree::EmbreeSceneManager& scene, const FloatArray& origins,
+         const FloatArray& directions, int32_t samples_per_dim, bool direct, int32_t threads) {
+        embree::LidarRequest q;
+        q.pulse_origins = origins.data();
+        q.pulse_directions = directions.data();
+        q.num_pulses = int32_t(origins.size() / 3);
+        q.beam_half_angle_rad = 0.002f;
+        q.beam_samples_per_dim = samples_per_dim;
+        q.max_range = 120.0f;
+        q.direct_mode = direct;
+        q.num_threads = threads;
+        return embree::simulate_lidar(scene, q, {}).num_returns;
+      },
+      py::arg("scene"), py::arg("origins"), py::arg("directions"), py::arg("samples_per_dim"),
+      py::arg("direct"), py::arg("threads"));
   m.def(
       "_bench_free_paths",
       [](const embree::EmbreeSceneManager& scene, const IntArray& ids, int64_t n) {

@@ -24,7 +24,8 @@ TEST(LidarWaveform, PeaksAreStrictInteriorMaximaAboveTheThresholdNearestFirst) {
   std::vector<float> w = {0, 1, 3, 3, 1, 0, 0.5f, 0, 2, 1, 0, 5,
                           0, 4, 0, 0, 3, 0, 0, 2, 0, 0, 1, 0};
   std::vector<float> pts;
-  extract_peaks(w, 2, 12, 1, origin, dir, 1.0f, 0.5f, 0.5f, 3, pts);
+  extract_peaks(w, active_ranges(w, 2, 12, 1), 0, 2, 12, 1, origin, dir, 1.0f, 0.5f, 0.5f, 3,
+                pts);
   ASSERT_EQ(pts.size(), 4u * POINT_FLOATS);
   // Pulse 0 keeps bin 8 alone; its range is the bin centre, placed on the pulse axis.
   const float range = (8 + 0.5f) * 0.5f + 1.0f;
@@ -44,7 +45,8 @@ TEST(LidarWaveform, PeaksAreStrictInteriorMaximaAboveTheThresholdNearestFirst) {
   // Too few bins: no points at all.
   for (int bins : {1, 2}) {
     std::vector<float> small(size_t(bins), 1.0f), none;
-    extract_peaks(small, 1, bins, 1, origin, dir, 0.0f, 1.0f, 0.0f, 5, none);
+    extract_peaks(small, active_ranges(small, 1, bins, 1), 1, 1, bins, 1, origin, dir, 0.0f, 1.0f,
+                  0.0f, 5, none);
     EXPECT_TRUE(none.empty());
   }
 }
@@ -54,7 +56,8 @@ TEST(LidarWaveform, ConvolutionKeepsEnergyAwayFromTheGateAndLosesItAtTheEnds) {
   std::vector<float> raw(2 * 40 * 2, 0.0f);
   raw[(0 * 40 + 20) * 2 + 1] = 1.0f;  // mid-gate, second wavelength
   raw[(1 * 40 + 0) * 2 + 0] = 1.0f;   // first bin of the second pulse
-  const std::vector<float> c = convolve_waveform(raw, 2, 40, 2, k);
+  std::vector<float> c = raw;
+  convolve_waveform(c, 2, 40, 2, k, active_ranges(raw, 2, 40, 2));
   double mid = 0, edge = 0, leak = 0;
   for (int b = 0; b < 40; ++b) {
     mid += c[size_t(b * 2 + 1)];

@@ -44,3 +44,11 @@ def test_turbid_canopy_renders_leafy_crowns_and_reports_fapar(tmp_path):
     assert img.shape == (240, 640, 3)
     right = img[:, 320:]
     assert ((right[..., 1] > right[..., 0] + 10) & (right[..., 1] > right[..., 2] + 10)).mean() > 0.01
+
+
+def test_lidar_example_writes_a_las_file_and_a_waveform_plot(tmp_path):
+    out = run_example("lidar.py", tmp_path)
+    assert "pulses by number of returns" in out.stdout
+    las = (tmp_path / "out" / "canopy.las").read_bytes()
+    assert las[:4] == b"LASF" and las[24:26] == bytes([1, 4])
+    assert (tmp_path / "out" / "lidar_waveform.png").read_bytes()[:4] == b"\x89PNG"
