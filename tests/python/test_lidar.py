@@ -137,3 +137,13 @@ def test_results_do_not_depend_on_threads_and_bad_pulses_are_refused(monkeypatch
         vk.simulate_lidar_cpu(s, o, d, n + 1)
     with pytest.raises(ValueError, match="^pulse_directions contains a non-finite value$"):
         vk.simulate_lidar_cpu(s, o, np.full_like(d, np.nan), n)
+
+
+def test_degenerate_beam_grids_fall_back_to_one_central_ray(capfd):
+    s = planes((0.4, 0.0, -40.0))
+    axis = shoot(s, beam_half_angle_rad=0.0)["waveform"]
+    for n in (0, 1, -3):
+        np.testing.assert_allclose(shoot(s, beam_samples_per_dim=n)["waveform"], axis, rtol=1e-5)
+        assert "1 beam samples, waveform mode" in capfd.readouterr().out
+    shoot(s, direct_mode=True)
+    assert "1 beam samples, direct mode" in capfd.readouterr().out
