@@ -277,12 +277,18 @@ void validate_lidar_request(const EmbreeSceneManager& scene, const LidarRequest&
     if (!std::isfinite(v)) throw std::invalid_argument("LiDAR settings must be finite");
   if (q.num_wavelengths < 1)
     throw std::invalid_argument("num_wavelengths must be positive");
+  // The kernel has 2 trunc(3 sigma / range_resolution) + 3 taps.
+  if (!(q.pulse_fwhm_ns >= 0.0f) || !std::isfinite(q.pulse_fwhm_ns) ||
+      !(double(q.pulse_fwhm_ns) * lidar::LIGHT_M_PER_NS * 0.5 / 2.35482 * 3.0 / q.range_resolution <
+        1e6))
+    throw std::invalid_argument(
+        "pulse_fwhm_ns must be finite, not negative, and span under a million range bins");
   // (n + 1)^2 rays a pulse: a million is already far beyond any footprint's detail.
   if (q.beam_samples_per_dim > 1000)
     throw std::invalid_argument("beam_samples_per_dim must not exceed 1000");
   const double bins = std::floor(double(q.max_range - q.min_range) / q.range_resolution) + 1.0;
-  if (bins > 2147483647.0)
-    throw std::invalid_argument("the range gate holds more than 2^31 - 1 bins");
+  if (bins > 1073741824.0)
+    throw std::invalid_argument("the range gate holds more than 2^30 bins");
   if (!q.direct_mode)
     check_request_memory("simulate_lidar_cpu: " + std::to_string(q.num_pulses) + " waveforms of " +
                              std::to_string(int64_t(bins)) + " bins",

@@ -42,7 +42,9 @@ void bind_scene_media(SceneClass& cls) {
       "material_medium_ids: one int per material added so far, -1 for an ordinary surface,\n"
       "else the medium it bounds. A bounding surface does not scatter: rays enter or leave\n"
       "the medium there, and inside it collide with leaves that scatter with the material\n"
-      "of the LAST material naming the medium. Every tracer follows the media.");
+      "of the LAST material naming the medium. Every tracer follows the media. In a repeated\n"
+      "scene, a medium that fills the tile (a leaf layer) should reach slightly past the\n"
+      "tile walls (by a centimetre, say): faces lying exactly on a wall are ambiguous.");
   cls.def("num_optical_turbid_media",
           [](const EmbreeSceneManager& s) { return s.optical_media().size(); });
   cls.def("material_medium_ids", &EmbreeSceneManager::material_medium_ids,
