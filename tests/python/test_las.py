@@ -13,6 +13,7 @@ import pytest
 
 import vesk
 import vesk_gpu as vk
+from test_lidar import roof_and_ground
 
 F = np.float32
 TOOLS = os.environ.get("VESK_TEST_TOOLS", "/opt/vesk-test-tools")
@@ -22,13 +23,7 @@ READER = pathlib.Path(__file__).parent / "tools" / "read_las.mjs"
 @pytest.fixture
 def cloud():
     """Two returns per pulse where a raised roof covers part of the footprint."""
-    s = vk.EmbreeSceneManager()
-    s.upload_spectral_params(np.array([0.5, 0.3], F))
-    s.add_material(0, 0, [0.5])
-    s.add_material(0, 1, [0.3])
-    s.add_instance(s.add_mesh(**vk.make_ground_plane(20, 20, 0, 10)), -19.97, 0.0, 3.0)
-    s.add_instance(s.add_mesh(**vk.make_ground_plane(40, 40, 1, 10)), 0.0, 0.0, 0.0)
-    s.build()
+    s = roof_and_ground(edge=0.03)
     origins, dirs, times = vesk.airborne_line_scan((-2.0, 0.0), 90.0, 20.0, 10.0, 200.0, 2.0,
                                                    5.0, 0.2)
     r = vk.simulate_lidar_cpu(s, origins, dirs, len(times), beam_half_angle_rad=0.01)

@@ -73,16 +73,22 @@ def test_a_tilted_target_broadens_the_waveform():
     assert spread(1.0) > 1.5 * spread(0.0)
 
 
-def test_a_split_footprint_gives_two_returns_weighted_by_the_beam():
-    # A roof over x < 0.05 m at 3 m, the ground beyond; the beam (radius 0.2 m at 20 m)
-    # covers both. Beam x maps to world x for a pulse straight down.
+def roof_and_ground(edge=0.05):
+    """A flat roof of reflectance 0.5 at 3 m over x < edge, a ground of 0.3 beyond."""
     s = vk.EmbreeSceneManager()
     s.upload_spectral_params(np.array([0.5, 0.3], F))
     s.add_material(0, 0, [0.5])
     s.add_material(0, 1, [0.3])
-    s.add_instance(s.add_mesh(**vk.make_ground_plane(50, 50, 0, 10)), -49.95, 0.0, 3.0)
-    s.add_instance(s.add_mesh(**vk.make_ground_plane(50, 50, 1, 10)), 0.0, 0.0, 0.0)
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(30, 30, 0, 10)), edge - 30.0, 0.0, 3.0)
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(40, 40, 1, 10)), 0.0, 0.0, 0.0)
     s.build()
+    return s
+
+
+def test_a_split_footprint_gives_two_returns_weighted_by_the_beam():
+    # The beam (radius 0.2 m at 20 m) covers both sides of the roof's edge. Beam x maps to
+    # world x for a pulse straight down.
+    s = roof_and_ground()
     n, t = 9, np.tan(0.01)
     r = shoot(s, beam_half_angle_rad=0.01, beam_samples_per_dim=n)
     # The documented beam grid, to split its weight at the roof edge.
