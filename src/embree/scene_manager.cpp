@@ -208,18 +208,18 @@ void EmbreeSceneManager::update_instance_transform(int32_t id, const float* tran
 void EmbreeSceneManager::refit_ias() {
   if (!built_) throw std::runtime_error("refit_ias: scene not built. Call build() first.");
   require_idle_();
-  check_scene_box_();
+  const SceneBox box = checked_scene_box_();
   rtcCommitScene(rtc_->top);
   check(rtc_->device, rtc_->last_error, "refit_ias");
-  compute_aabb_();
+  store_aabb_(box);
   ++geometry_build_revision_;
 }
 
 void EmbreeSceneManager::build() {
   require_idle_();
-  check_scene_box_();
+  const SceneBox box = checked_scene_box_();
   build_scene();
-  compute_aabb_();
+  store_aabb_(box);
   ++geometry_build_revision_;
 }
 
@@ -302,22 +302,18 @@ void EmbreeSceneManager::clear_for_reuse() {
   built_ = false;
 }
 
-void EmbreeSceneManager::check_scene_box_() const {
-  const SceneBox b = scene_box_();
+EmbreeSceneManager::SceneBox EmbreeSceneManager::checked_scene_box_() const {
+  const SceneBox b = instances_box([](size_t) { return true; });
   for (const float v : {b.lo.x, b.lo.y, b.lo.z, b.hi.x, b.hi.y, b.hi.z})
     if (!(std::fabs(v) <= MAX_COORDINATE) && !instances_.empty())
       throw std::invalid_argument(
           "the scene reaches beyond 1e9 scene units from the origin; move or scale it closer");
+  return b;
 }
 
-void EmbreeSceneManager::compute_aabb_() {
-  const SceneBox b = scene_box_();
+void EmbreeSceneManager::store_aabb_(const SceneBox& b) {
   x_min_ = b.lo.x, y_min_ = b.lo.y, min_height_ = b.lo.z;
   x_max_ = b.hi.x, y_max_ = b.hi.y, max_height_ = b.hi.z;
-}
-
-EmbreeSceneManager::SceneBox EmbreeSceneManager::scene_box_() const {
-  return instances_box([](size_t) { return true; });
 }
 
 EmbreeSceneManager::SceneBox EmbreeSceneManager::instances_box(

@@ -248,9 +248,9 @@ class EmbreeSceneManager {
   bool shadowed_repetitive(float3 origin, const float3& direction) const;
 
  private:
-  SceneBox scene_box_() const;
-  void check_scene_box_() const;
-  void compute_aabb_();
+  // The bounds of every instance, refused beyond MAX_COORDINATE before anything changes.
+  SceneBox checked_scene_box_() const;
+  void store_aabb_(const SceneBox& box);
   void require_idle_() const;
   void release_embree_scenes_();
 
