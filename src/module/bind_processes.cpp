@@ -1,63 +1,12 @@
 // Process entries on the CPU scene: solve_physiology_cpu.
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
+#include "module/bind_request.h"
 #include "physiology/leaf_solver.h"
 
 namespace vesk::module {
 
 using vesk::embree::EmbreeSceneManager;
-
-namespace {
-
-std::string type_name(const py::handle& h) {
-  return std::string(py::str(h.get_type().attr("__name__")));
-}
-
-// request[key] as T: KeyError naming a missing key, TypeError naming the key and the
-// expected type for a value that does not convert.
-template <class T>
-T get(const py::dict& request, const char* key, const char* expected) {
-  if (!request.contains(key))
-    throw py::key_error(std::string("request is missing the key '") + key + "'");
-  const py::object value = request[key];
-  // None would convert to a NaN array or to False; it is never a valid value here.
-  if (!value.is_none()) {
-    try {
-      return py::cast<T>(value);
-    } catch (const py::cast_error&) {
-    } catch (const py::error_already_set&) {
-    }
-  }
-  throw py::type_error(std::string("request['") + key + "'] must be " + expected + ", not " +
-                       type_name(value));
-}
-
-// Request arrays converted to float32 and kept alive for the call.
-struct RequestArrays {
-  std::vector<FloatArray> keep;
-  backend::FloatSpan take(const py::dict& request, const char* key) {
-    keep.push_back(get<FloatArray>(request, key, "a float array"));
-    return {keep.back().data(), size_t(keep.back().size())};
-  }
-};
-
-// Keys no entry reads are most often misspellings; they get a warning, not silence.
-void warn_unread_keys(const py::dict& request, std::initializer_list<const char*> known,
-                      const char* entry) {
-  for (const auto& item : request) {
-    const std::string key = py::isinstance<py::str>(item.first)
-                                ? item.first.cast<std::string>()
-                                : std::string(py::repr(item.first));
-    bool read = false;
-    for (const char* k : known) read |= key == k;
-    if (!read &&
-        PyErr_WarnEx(PyExc_UserWarning,
-                     ("request key '" + key + "' is not read by " + entry).c_str(), 1) < 0)
-      throw py::error_already_set();
-  }
-}
-
-}  // namespace
 
 void bind_processes(py::module_& m) {
   m.def(
@@ -72,7 +21,6 @@ void bind_processes(py::module_& m) {
                           "emissivity", "sidedness", "leaf_width", "stomata_sides"},
                          "solve_physiology_cpu");
         RequestArrays arrays;
-        arrays.keep.reserve(24);
         const FloatArray apar = get<FloatArray>(request, "apar", "a float array");
         const FloatArray temperature = get<FloatArray>(request, "temperature", "a float array");
         if (apar.ndim() != 2) throw std::runtime_error("apar must have shape [element, band]");

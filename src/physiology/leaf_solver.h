@@ -13,14 +13,9 @@
 #include <vector>
 
 #include "core/execution.h"
+#include "core/span.h"
 
 namespace vesk::backend {
-
-// A non-owning array: pointer and element count.
-struct FloatSpan {
-  const float* data = nullptr;
-  size_t size = 0;
-};
 
 // Units: apar umol m-2 s-1 per band (element-major); temperatures K; co2 umol mol-1;
 // relative_humidity 0..1; vpd carried, unused; pressure kPa; wind m s-1; rates at 25 C
