@@ -89,6 +89,13 @@ void validate_optical_scene(const EmbreeSceneManager& scene, int32_t n_bands) {
     require_block(scene.emitter().spectral_offset, nb, size, "the sun spectrum");
     require_non_negative(spectral, scene.emitter().spectral_offset, nb, "the sun spectrum");
   }
+  validate_scene_sky(scene, n_bands);
+}
+
+void validate_scene_sky(const EmbreeSceneManager& scene, int32_t n_bands) {
+  const size_t nb = size_t(std::max(n_bands, 0));
+  const std::vector<float>& spectral = scene.spectral_params();
+  const size_t size = spectral.size();
   const SkySelection& sky = scene.sky();
   if (sky.directional_offset >= 0) {
     require_block(sky.directional_offset, nb * 512, size, "the directional sky table");

@@ -13,6 +13,9 @@ class EmbreeSceneManager;
 // radiance. After it, tracers index the buffer without checks.
 void validate_optical_scene(const EmbreeSceneManager& scene, int32_t n_bands);
 
+// The part of it about the selected sky: its block must hold n_bands bands.
+void validate_scene_sky(const EmbreeSceneManager& scene, int32_t n_bands);
+
 // Thermal emission reads one band centre per band: only the tracers that emit
 // (backward) call this; photon runs never read wavelengths.
 void validate_band_wavelengths(const EmbreeSceneManager& scene, int32_t n_bands);

@@ -17,6 +17,10 @@
 namespace vesk::backend {
 struct PhysiologyRequestView;
 struct PhysiologyResult;
+struct EnergyBalanceProcessRequestView;
+struct EnergyBalanceProcessResult;
+struct DynamicPhotosynthesisProcessRequestView;
+struct DynamicPhotosynthesisResult;
 }  // namespace vesk::backend
 
 namespace vesk::embree {
@@ -237,6 +241,13 @@ class EmbreeSceneManager {
   // ---- processes on the scene's elements ----
   // The leaf physiology solver; it reads nothing from the scene.
   backend::PhysiologyResult solve_physiology(const backend::PhysiologyRequestView& view) const;
+  // Temperatures coupled through the longwave the primitives trade; they set the scene's
+  // per-primitive emissivities and leave its temperatures at the result. A failed run
+  // (bad input, an interrupt) leaves both as they were.
+  backend::EnergyBalanceProcessResult execute_energy_balance_process(
+      const backend::EnergyBalanceProcessRequestView& view);
+  backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
+      const backend::DynamicPhotosynthesisProcessRequestView& view);
 
   // ---- ray queries (const and re-entrant once built) ----
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,

@@ -73,6 +73,8 @@ void bind_optical(py::module_& m);
 void bind_forward(py::module_& m);
 void bind_processes(py::module_& m);
 void bind_lidar(py::module_& m);
+void bind_energy_balance_transport(py::module_& m);
+void bind_energy_balance_processes(py::module_& m);
 void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 void bind_scene_overrides(SceneClass& cls);

@@ -93,6 +93,7 @@ void bind_processes(py::module_& m) {
       "'converged' (non-convergence is reported here, never raised), with the energy\n"
       "balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'\n"
       "W m-2, and '_execution'.");
+  bind_energy_balance_processes(m);
 }
 
 }  // namespace vesk::module

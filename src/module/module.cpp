@@ -35,6 +35,7 @@ PYBIND11_MODULE(vesk_gpu, m) {
   vesk::module::bind_scene(m);
   vesk::module::bind_optical(m);
   vesk::module::bind_forward(m);
+  vesk::module::bind_energy_balance_transport(m);
   vesk::module::bind_processes(m);
   vesk::module::bind_lidar(m);
 #ifdef VESK_BENCH_COUNTERS

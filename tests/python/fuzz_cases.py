@@ -17,6 +17,7 @@ import numpy as np
 
 import vesk_gpu as vk
 from conftest import scene_state, unit_cube
+from test_energy_balance import dyn_request, eb_request
 from test_physiology import leaf_request
 
 F = np.float32
@@ -97,7 +98,9 @@ def namespace(s):
     return {**{k: (v.copy() if isinstance(v, np.ndarray) else v) for k, v in NAMES.items()},
             "s": s, "CUBE": unit_cube(),
             "prim": lambda v, per=1: np.full(s.n_primitives() * per, v, F),
-            "inst": lambda v, per=1, dtype=F: np.full(s.num_instances() * per, v, dtype)}
+            "inst": lambda v, per=1, dtype=F: np.full(s.num_instances() * per, v, dtype),
+            "ebreq": lambda **c: eb_request(s.n_primitives(), **c),
+            "dynreq": lambda **c: dyn_request(s.n_primitives(), **c)}
 
 
 def bar(text):
@@ -108,7 +111,8 @@ def bar(text):
 # Every entry point that takes arguments, with positional arguments that work on a ready
 # scene as `class:expression`; ! marks a size, whose odd values may ask for more than any
 # machine has. Classes: i int, l photon count, f float, c complex, b bool, fa / ia float /
-# int32 array, fl float list, o outputs, s scene, r leaf request, p progress callback.
+# int32 array, fl float list, o outputs, s scene, r leaf request, e energy-balance request,
+# d dynamic photosynthesis request, p progress callback.
 ENTRIES = {item.split()[0]: [(t[0] == "!",) + tuple(t.lstrip("!").split(":", 1))
                              for t in item.split()[1:]] for item in bar("""
 s.add_mesh fa:CUBE_V fa:CUBE_N ia:CUBE_I i:1 | s.add_instance i:0 f:1.0 f:1.0 f:0.5 f:0.5
@@ -140,6 +144,11 @@ vk._evaluate_microwave_trunk_ground f:1.4e9 fa:SOIL fa:TRUNK fa:TO_TRUNK fa:TO_G
 vk._microwave_cylinder_amplitude f:1.4e9 f:0.1 c:(8+2.5j) f:0.3 f:0.2 f:0.7
 vk.make_ground_plane !f:5.0 !f:5.0 i:0 !f:2.0 | vk.make_sphere f:1.0 fa:np.zeros(3,F) !i:2
 vk.make_cylinder f:1.0 f:2.0 !i:8
+vk.run_energy_balance_cpu s:s !i:16 i:8 i:0 f:800.0 f:30.0 f:100.0 f:0.3 f:0.2 f:0.93 b:True \
+fa:prim(0.3) | vk.run_energy_balance_multiband_cpu s:s i:2 !i:16 i:4 fa:np.array([800.0,600.0],F) \
+fa:np.array([30.0,20.0],F) fa:np.full(1024,0.1,F) f:0.3 f:0.2 f:0.93 b:True fa:prim(0.3,2) \
+fa:prim(0.4,2) fa:prim(0.3,2) fa:prim(0.2,2)
+vk.execute_energy_balance_process_cpu s:s e:ebreq() | vk.execute_photosynthesis_process_dynamic_cpu s:s d:dynreq()
 vk.simulate_lidar_cpu s:s fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
 f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False""")}
 
@@ -174,6 +183,16 @@ r: req(max_iterations=-1) | req(max_iterations=2**31) | req(max_iterations='80')
 r: req(True, drop=['leaf_width']) | req(True, absorbed_shortwave=np.full(4, nan, F))
 r: req(True, sidedness=np.zeros(4, F), stomata_sides=np.full(4, -1.0, F))
 r: req(True, dynamic_energy_balance='yes') | req(True, leaf_width=np.zeros(4, F))
+e d: [] | None | {} | V | {**V, 'air_temperature': None}
+e: ebreq(air_temperature=nan) | ebreq(primitive_material_ids=prim(0).astype(np.int32)[1:])
+e: ebreq(material_active=np.full(1, 2, np.uint8)) | ebreq(damping=0.0) | ebreq(n_samples=2**31)
+e: ebreq(max_iterations=-1) | ebreq(precomputed_shortwave=True) | ebreq(material_sw_albedo=[])
+e: ebreq(primitive_material_ids=prim(5).astype(np.int32)) | ebreq(sun_dir_z=0.0)
+e: ebreq(material_emissivity=np.full(1, 'a')) | ebreq(newton_tolerance=inf)
+d: dynreq(co2=nan) | dynreq(apar=np.zeros(3, F)) | dynreq(emissivity=prim(0)) | dynreq(conditional=True)
+d: dynreq(n_samples=0) | dynreq(active=prim(2).astype(np.uint8)) | dynreq(max_iterations=2**31)
+d: dynreq(conditional=True, sunlit_fraction=prim(2), apar_sunlit=prim(1), apar_shaded=prim(1), \
+shortwave_sunlit=prim(1), shortwave_shaded=prim(-1)) | dynreq(initial_temperature=prim(-5))
 """.strip().splitlines():
     classes, values = line.split(": ", 1)
     for cls in classes.split():

@@ -77,5 +77,16 @@ def test_docstrings_of_the_override_setters():
 def test_cpu_entries_are_registered_in_their_documented_order():
     names = list(vars(vk))
     order = ["simulate_cpu", "simulate_brf_cpu", "simulate_forward_cpu", "simulate_flux_cpu",
-             "solve_physiology_cpu"]
+             "run_energy_balance_cpu", "run_energy_balance_multiband_cpu", "solve_physiology_cpu",
+             "execute_photosynthesis_process_dynamic_cpu", "execute_energy_balance_process_cpu"]
     assert [names.index(n) for n in order] == sorted(names.index(n) for n in order)
+    kept = {"run_energy_balance_cpu": "Run the energy balance reverse RT kernel. Returns (top, "
+            "bot) numpy arrays of length n_primitives. bot is empty when two_sided=False. "
+            "sw_albedos: optional float32[n_primitives] for 2-bounce SW NEE.",
+            "run_energy_balance_multiband_cpu": "Run the multi-band energy-balance "
+            "reverse-transport kernel. Returns (top, bot, sunlit_fraction). Spectral arrays "
+            "have shape [n_bands, n_primitives] and sunlit_fraction is per primitive. bot is "
+            "empty when two_sided=False. Split reflectance/transmittance arrays enable true Mesh "
+            "multi-scattering; sw_albedos is retained for legacy callers."}
+    for name, text in kept.items():
+        assert inspect.getdoc(getattr(vk, name)).split("\n", 2)[-1].startswith(text), name
