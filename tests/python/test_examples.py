@@ -52,3 +52,11 @@ def test_lidar_example_writes_a_las_file_and_a_waveform_plot(tmp_path):
     las = (tmp_path / "out" / "canopy.las").read_bytes()
     assert las[:4] == b"LASF" and las[24:26] == bytes([1, 4])
     assert (tmp_path / "out" / "lidar_waveform.png").read_bytes()[:4] == b"\x89PNG"
+
+
+def test_canopy_energy_closes_the_balance_and_writes_a_thermal_image(tmp_path):
+    out = run_example("canopy_energy.py", tmp_path)
+    assert "converged True" in out.stdout, out.stdout
+    closure = float(out.stdout.split("mean |Rn - H - LE| ")[1].split()[0])
+    assert closure < 0.5, out.stdout
+    assert (tmp_path / "out" / "canopy_energy.png").read_bytes()[:4] == b"\x89PNG"
