@@ -18,6 +18,7 @@
 #include "core/offset_origin.h"
 #include "core/planck.h"
 #include "core/rng.h"
+#include "core/sif_field.h"
 #include "core/sensor.h"
 #include "core/tile.h"
 #include "core/workers.h"
@@ -59,6 +60,8 @@ struct PathContext {
   bool want_aov, want_orders;
   int32_t last_order;  // max_output_order + 1
   size_t n_materials;
+  const InstanceSifSourceFields* sif_fields;  // null unless set (and band-matched)
+  size_t n_instances;
 };
 
 struct PathState {
@@ -109,6 +112,42 @@ void enter_tile(const PathContext& c, PathState& p) {
     o = o + step * d;
     o.x = std::min(std::max(o.x, 0.001f), W - 0.001f);
     o.y = std::min(std::max(o.y, 0.001f), H - 0.001f);
+  }
+}
+
+// Fluorescence of a leaf met inside a medium bounded by `instance`, from the instance's
+// source fields: the joint field at the collision's cell and leaf-normal bin, plus the
+// direct-joint field times the leaf's sunlit share (its sun visibility, asked for only
+// when the cell has a direct part). The point is clamped into the grid's box, so a
+// bounding mesh that pokes out of it reads the edge cells. The cell and bin rules are
+// the assembly's, so a uniform field is returned exactly.
+template <class SunlitShare>
+void emit_field_sif(const PathContext& c, BackwardThreadScratch& s, uint32_t instance,
+                    const float3& point, const float3& leaf_normal, int32_t order,
+                    const SunlitShare& sunlit_share) {
+  const InstanceSifSourceFields& f = *c.sif_fields;
+  if (size_t(instance) >= c.n_instances) return;
+  const size_t k = instance;
+  const float* lo = &f.bounds_min[3 * k];
+  const float* hi = &f.bounds_max[3 * k];
+  const float3 q{std::clamp(point.x, lo[0], hi[0]), std::clamp(point.y, lo[1], hi[1]),
+                 std::clamp(point.z, lo[2], hi[2])};
+  const int32_t cell = sif_cell(q, lo, hi, &f.grid_dims[3 * k]);
+  const int32_t bin =
+      sif_orientation_bin(leaf_normal, f.orientation_theta_bins, f.orientation_phi_bins);
+  if (cell < 0 || bin < 0) return;
+  const size_t bins = size_t(f.orientation_theta_bins) * size_t(f.orientation_phi_bins);
+  const size_t base =
+      ((k * size_t(f.spatial_cell_stride) + size_t(cell)) * bins + size_t(bin)) * size_t(c.bands);
+  double share = -1.0;
+  for (int32_t b = 0; b < c.bands; ++b) {
+    double value = f.joint_spectra[base + size_t(b)];
+    const float direct = f.direct_joint_spectra[base + size_t(b)];
+    if (direct != 0.0f) {
+      if (share < 0.0) share = sunlit_share();
+      value += share * double(direct);
+    }
+    contribute(c, s, backend::SLOT_EMISSION, order, b, value * s.throughput[size_t(b)]);
   }
 }
 
@@ -371,6 +410,10 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
       frame[2] = sample_leaf_normal(ms.media[medium].leaf_angle_type, p.direction, rng, back);
       coordinate_system(frame[2], frame[0], frame[1]);
       const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
+      if (c.sif_fields)
+        emit_field_sif(c, s, list.instance_key[slot], point, frame[2], p.order, [&] {
+          return c.has_sun ? sun_visibility(point + MEDIUM_STEP * c.sun.direction) : 0.0;
+        });
       if (c.mode != EMISSION_OPTICAL) {
         EmbreeHit leaf;
         leaf.position = point;
@@ -457,6 +500,12 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
   const size_t n_prims = scene.n_primitives();
   const auto& temps = scene.primitive_temperatures();
   const auto& sif = scene.primitive_sif_spectra();
+  const InstanceSifSourceFields& sif_fields = scene.instance_sif_source_fields();
+  if (!sif_fields.empty() && scene.emission_mode() != EMISSION_THERMAL &&
+      sif_fields.n_sif_bands != bands)
+    throw std::invalid_argument("instance SIF source fields: n_sif_bands is " +
+                                std::to_string(sif_fields.n_sif_bands) + ", but the scene renders " +
+                                std::to_string(bands) + " bands");
 
   PathContext c{scene,
                 scene.spectral_params().data(),
@@ -480,7 +529,10 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                 request.event_aov,
                 request.scattering_order,
                 request.scattering_order ? request.max_output_order + 1 : 0,
-                scene.materials().size()};
+                scene.materials().size(),
+                sif_fields.empty() || scene.emission_mode() == EMISSION_THERMAL ? nullptr
+                                                                                : &sif_fields,
+                size_t(scene.num_instances())};
   const bool with_media = scene.has_optical_media();
   const MediaScene media = MediaScene::from(scene);
 

@@ -273,3 +273,32 @@ def test_turbid_slab_agrees_with_a_slab_of_small_discrete_leaves(rng):
     fapar_d, brf_d = scene(False)
     np.testing.assert_allclose(fapar_t, fapar_d, rtol=0.03, err_msg="fAPAR")
     np.testing.assert_allclose(brf_t, brf_d, rtol=0.05, err_msg="NIR BRF")
+
+
+@pytest.mark.parametrize("view_zenith", [0.0, 0.7])
+def test_a_uniform_source_field_in_black_leaves_solves_transfer_without_scattering(view_zenith):
+    # Radiance leaving a slab of optical depth tau with a uniform source S and nothing
+    # scattered: S (1 - exp(-tau)), tau = G L / mu along the view.
+    S, lai = 0.25, 2.0
+    s = slab(lai=lai)
+    n = s.num_instances()
+    per = lambda v, k, dtype=F: np.full(n * k, v, dtype)
+    joint = np.array([0.0, S], F)  # the ground instance carries nothing
+    s.set_instance_sif_source_fields(joint, joint, joint, np.zeros(2, F),
+                                     np.array([0, 0, 0, -0.01, -0.01, 1.0], F),
+                                     np.array([1, 1, 1, W + 0.01, H + 0.01, 3.0], F),
+                                     per(1, 3, np.int32), 1, 1, 1, 1)
+    v = np.array([np.sin(view_zenith), 0.0, np.cos(view_zenith)])
+    s.set_sensor(0, 8, 8, 4.0, 4.0 * v[2], camera_towards(-v, list(np.array([5, 5, 2]) + 30 * v)))
+    s.set_sif_only_mode(True)
+    img = vk.simulate_cpu(s, spp=64)["payload"].astype(np.float64)
+    tau = 0.5 * lai / np.cos(view_zenith)
+    np.testing.assert_allclose(img.mean(), S * (1 - np.exp(-tau)), rtol=0.02)
+    # In optical mode the emission comes on top of the (here black) reflected light.
+    s.set_sif_only_mode(False)
+    np.testing.assert_allclose(vk.simulate_cpu(s, spp=64)["payload"].mean(), img.mean(), rtol=0.02)
+    two = np.repeat(joint, 2)
+    s.set_instance_sif_source_fields(two, two, two, two * 0, per(0, 3), np.tile([W, H, 3.0], n).astype(F),
+                                     per(1, 3, np.int32), 2, 1, 1, 1)
+    with pytest.raises(ValueError, match="n_sif_bands is 2, but the scene renders 1 bands"):
+        vk.simulate_cpu(s, spp=1)
