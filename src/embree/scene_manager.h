@@ -17,6 +17,8 @@
 namespace vesk::backend {
 struct PhysiologyRequestView;
 struct PhysiologyResult;
+struct PhotosynthesisProcessRequestView;
+struct PhotosynthesisStaticResult;
 }  // namespace vesk::backend
 
 namespace vesk::embree {
@@ -237,6 +239,9 @@ class EmbreeSceneManager {
   // ---- processes on the scene's elements ----
   // The leaf physiology solver; it reads nothing from the scene.
   backend::PhysiologyResult solve_physiology(const backend::PhysiologyRequestView& view) const;
+  // Sunlit and shaded leaves at given temperatures; it reads nothing from the scene either.
+  backend::PhotosynthesisStaticResult execute_photosynthesis_process_static(
+      const backend::PhotosynthesisProcessRequestView& view) const;
 
   // ---- ray queries (const and re-entrant once built) ----
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,
