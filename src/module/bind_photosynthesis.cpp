@@ -20,7 +20,9 @@ FloatArray spectrum(const py::dict& request, const char* key, const FloatArray* 
   return a;
 }
 
-backend::FloatSpan span_of(const FloatArray& a) { return {a.data(), size_t(a.size())}; }
+backend::FloatSpan span_of(const FloatArray& a) {
+  return {a.data(), size_t(a.size())};
+}
 
 py::dict result_dict(backend::PhotosynthesisStaticResult&& r, py::ssize_t n) {
   const std::vector<py::ssize_t> shape{n};

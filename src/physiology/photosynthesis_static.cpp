@@ -21,7 +21,9 @@ size_t length_of(const Span<T>& s) {
   return s.data ? s.size : ~size_t(0);
 }
 
-[[noreturn]] void refuse(const char* message) { throw std::invalid_argument(message); }
+[[noreturn]] void refuse(const char* message) {
+  throw std::invalid_argument(message);
+}
 
 bool any_negative(const FloatSpan& s) {
   int32_t bad = 0;
@@ -90,17 +92,17 @@ void validate_photosynthesis_static_request(const PhotosynthesisProcessRequestVi
     const int32_t id = v.material_ids.data[i];
     const float f = v.sunlit_fraction.data[i];
     bad |= (id < -1) | (id >= v.n_materials) | (f < 0.0f) | (f > 1.0f) |
-           (v.element_temperature.data[i] <= 0.0f) |
-           (v.element_temperature_shaded.data[i] <= 0.0f);
+           (v.element_temperature.data[i] <= 0.0f) | (v.element_temperature_shaded.data[i] <= 0.0f);
   }
   if (bad) refuse("photosynthesis element input is outside its domain");
 
   int32_t bad_material = 0;
   for (size_t m = 0; m < nm; ++m)
     bad_material |= (v.material_active.data[m] > 1) | (v.material_fluorescent.data[m] > 1) |
-           (v.vcmax25.data[m] < 0.0f) | (v.jmax25.data[m] < 0.0f) | (v.rd25.data[m] < 0.0f) |
-           (v.ball_berry_slope.data[m] < 0.0f) | (v.ball_berry_intercept.data[m] < 0.0f) |
-           (v.quantum_yield.data[m] < 0.0f) | (v.quantum_yield.data[m] > 1.0f);
+                    (v.vcmax25.data[m] < 0.0f) | (v.jmax25.data[m] < 0.0f) |
+                    (v.rd25.data[m] < 0.0f) | (v.ball_berry_slope.data[m] < 0.0f) |
+                    (v.ball_berry_intercept.data[m] < 0.0f) | (v.quantum_yield.data[m] < 0.0f) |
+                    (v.quantum_yield.data[m] > 1.0f);
   if (bad_material) refuse("photosynthesis material input is outside its domain");
 }
 

@@ -77,5 +77,5 @@ def test_docstrings_of_the_override_setters():
 def test_cpu_entries_are_registered_in_their_documented_order():
     names = list(vars(vk))
     order = ["simulate_cpu", "simulate_brf_cpu", "simulate_forward_cpu", "simulate_flux_cpu",
-             "solve_physiology_cpu"]
+             "solve_physiology_cpu", "execute_photosynthesis_process_static_cpu"]
     assert [names.index(n) for n in order] == sorted(names.index(n) for n in order)
