@@ -1,5 +1,7 @@
 #include "physiology/photosynthesis_static.h"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
@@ -15,6 +17,9 @@ namespace {
 // energy of a mole of photons is this divided by the wavelength.
 constexpr float MOLAR_PHOTON_ENERGY = 0.11962656f;
 
+// Elements gathered per call of the leaf model; two leaves each.
+constexpr size_t CHUNK = 256;
+
 // A null array counts as a wrong length, whatever its stated size.
 template <class T>
 size_t length_of(const Span<T>& s) {
@@ -26,9 +31,11 @@ size_t length_of(const Span<T>& s) {
 }
 
 bool any_negative(const FloatSpan& s) {
+  const float* x = s.data;
+  const size_t n = s.size;
   int32_t bad = 0;
 #pragma omp simd reduction(| : bad)
-  for (size_t i = 0; i < s.size; ++i) bad |= s.data[i] < 0.0f;
+  for (size_t i = 0; i < n; ++i) bad |= x[i] < 0.0f ? 1 : 0;
   return bad != 0;
 }
 
@@ -136,62 +143,92 @@ PhotosynthesisStaticResult execute_photosynthesis_process_static(
 
   const physiology::LeafSettings settings{false, false, v.max_iterations, v.tolerance};
   const size_t n_par = par_bands.size();
-  const int64_t count = int64_t(n);
-  // Elements share nothing: one slot each, so any split gives the same bits.
-#pragma omp parallel for schedule(static) num_threads(resolve_thread_count(0))
-  for (int64_t e = 0; e < count; ++e) {
-    const size_t i = size_t(e);
-    const float f = v.sunlit_fraction.data[i];
-    const float t_sun = v.element_temperature.data[i];
-    const float t_shade = v.element_temperature_shaded.data[i];
-    r.temperature[i] = f * t_sun + (1.0f - f) * t_shade;
-    r.temperature_sunlit[i] = t_sun;
-    r.temperature_shaded[i] = t_shade;
-    r.sunlit_fraction[i] = f;
-    const int32_t m = v.material_ids.data[i];
-    if (m < 0 || v.material_active.data[m] == 0) continue;
+  // Active elements are gathered CHUNK at a time, their two leaves side by side, and solved
+  // in the leaf model's lane blocks. Per-thread scratch is sized here, once.
+  const int threads = resolve_thread_count(0);
+  std::vector<physiology::LeafInput> leaves(size_t(threads) * 2 * CHUNK);
+  std::vector<physiology::LeafOutput> solved(leaves.size());
+  std::vector<size_t> gathered(size_t(threads) * CHUNK);
 
-    const float* top = v.absorbed_top.data + i * nb;
-    const float* bottom = v.absorbed_bottom.data + i * nb;
-    const float* direct = v.absorbed_direct.data + i * nb;
-    float apar = 0.0f, apar_direct = 0.0f;
-    for (size_t k = 0; k < n_par; ++k) {
-      const size_t b = par_bands[k];
-      apar += (top[b] + bottom[b]) * par_factor[k];
-      apar_direct += direct[b] * par_factor[k];
+#pragma omp parallel num_threads(threads)
+  {
+    // Equal contiguous ranges, the first (n % team) threads taking one element more.
+    // Elements share nothing and each has its own slots, so any split gives the same bits.
+    const size_t team = size_t(omp_get_num_threads()), t = size_t(omp_get_thread_num());
+    const size_t base = n / team, extra = n % team;
+    const size_t begin = t * base + std::min(t, extra);
+    const size_t end = begin + base + (t < extra ? 1 : 0);
+    physiology::LeafInput* leaf = leaves.data() + t * 2 * CHUNK;
+    physiology::LeafOutput* out = solved.data() + t * 2 * CHUNK;
+    size_t* element = gathered.data() + t * CHUNK;
+
+    for (size_t first = begin; first < end; first += CHUNK) {
+      const size_t last = std::min(end, first + CHUNK);
+      size_t k = 0;
+      for (size_t i = first; i < last; ++i) {
+        const float f = v.sunlit_fraction.data[i];
+        const float t_sun = v.element_temperature.data[i];
+        const float t_shade = v.element_temperature_shaded.data[i];
+        r.temperature[i] = f * t_sun + (1.0f - f) * t_shade;
+        r.temperature_sunlit[i] = t_sun;
+        r.temperature_shaded[i] = t_shade;
+        r.sunlit_fraction[i] = f;
+        const int32_t m = v.material_ids.data[i];
+        if (m < 0 || v.material_active.data[m] == 0) continue;
+
+        const float* top = v.absorbed_top.data + i * nb;
+        const float* bottom = v.absorbed_bottom.data + i * nb;
+        const float* direct = v.absorbed_direct.data + i * nb;
+        float apar = 0.0f, apar_direct = 0.0f;
+        for (size_t j = 0; j < n_par; ++j) {
+          const size_t b = par_bands[j];
+          apar += (top[b] + bottom[b]) * par_factor[j];
+          apar_direct += direct[b] * par_factor[j];
+        }
+        // The shaded leaf sees the diffuse light alone: the sunlit share of the direct
+        // beam is taken out of the total (never below zero); the sunlit leaf gets it all.
+        const float apar_shaded = std::max(apar - f * apar_direct, 0.0f);
+        const float apar_sunlit = apar_direct + apar_shaded;
+        r.apar[i] = apar;
+        r.apar_sunlit[i] = apar_sunlit;
+        r.apar_shaded[i] = apar_shaded;
+        r.active_mask[i] = 1;
+
+        physiology::LeafInput& sun = leaf[2 * k];
+        sun = {};
+        sun.co2 = v.co2;
+        sun.relative_humidity = v.relative_humidity;
+        sun.vcmax25 = v.vcmax25.data[m];
+        sun.jmax25 = v.jmax25.data[m];
+        sun.rd25 = v.rd25.data[m];
+        sun.ball_berry_slope = v.ball_berry_slope.data[m];
+        sun.ball_berry_intercept = v.ball_berry_intercept.data[m];
+        sun.quantum_yield = v.material_fluorescent.data[m] ? v.quantum_yield.data[m] : 0.0f;
+        sun.apar_sum = apar_sunlit;
+        sun.temperature = t_sun;
+        physiology::LeafInput& shade = leaf[2 * k + 1];
+        shade = sun;
+        shade.apar_sum = apar_shaded;
+        shade.temperature = t_shade;
+        element[k++] = i;
+      }
+
+      physiology::solve_leaves(leaf, out, 2 * k, settings);
+      for (size_t j = 0; j < k; ++j) {
+        const size_t i = element[j];
+        const physiology::LeafOutput& sun = out[2 * j];
+        const physiology::LeafOutput& shade = out[2 * j + 1];
+        const float f = v.sunlit_fraction.data[i];
+        r.an[i] = f * sun.an + (1.0f - f) * shade.an;
+        r.gs[i] = f * sun.gs + (1.0f - f) * shade.gs;
+        r.phi_f[i] = v.material_fluorescent.data[v.material_ids.data[i]]
+                         ? f * sun.phi_f + (1.0f - f) * shade.phi_f
+                         : 0.0f;
+        r.an_sunlit[i] = sun.an;
+        r.an_shaded[i] = shade.an;
+        r.converged[i] = sun.converged && shade.converged ? 1 : 0;
+      }
     }
-    // The shaded leaf sees the diffuse light alone: the sunlit share of the direct beam is
-    // taken out of the total (never below zero); the sunlit leaf gets the whole beam.
-    const float apar_shaded = std::max(apar - f * apar_direct, 0.0f);
-    const float apar_sunlit = apar_direct + apar_shaded;
-
-    const bool fluorescent = v.material_fluorescent.data[m] != 0;
-    physiology::LeafInput leaf;
-    leaf.co2 = v.co2;
-    leaf.relative_humidity = v.relative_humidity;
-    leaf.vcmax25 = v.vcmax25.data[m];
-    leaf.jmax25 = v.jmax25.data[m];
-    leaf.rd25 = v.rd25.data[m];
-    leaf.ball_berry_slope = v.ball_berry_slope.data[m];
-    leaf.ball_berry_intercept = v.ball_berry_intercept.data[m];
-    leaf.quantum_yield = fluorescent ? v.quantum_yield.data[m] : 0.0f;
-    leaf.apar_sum = apar_sunlit;
-    leaf.temperature = t_sun;
-    const physiology::LeafOutput sun = physiology::solve_leaf(leaf, settings);
-    leaf.apar_sum = apar_shaded;
-    leaf.temperature = t_shade;
-    const physiology::LeafOutput shade = physiology::solve_leaf(leaf, settings);
-
-    r.an[i] = f * sun.an + (1.0f - f) * shade.an;
-    r.gs[i] = f * sun.gs + (1.0f - f) * shade.gs;
-    r.phi_f[i] = fluorescent ? f * sun.phi_f + (1.0f - f) * shade.phi_f : 0.0f;
-    r.apar[i] = apar;
-    r.apar_sunlit[i] = apar_sunlit;
-    r.apar_shaded[i] = apar_shaded;
-    r.an_sunlit[i] = sun.an;
-    r.an_shaded[i] = shade.an;
-    r.active_mask[i] = 1;
-    r.converged[i] = sun.converged && shade.converged ? 1 : 0;
   }
   return r;
 }
