@@ -21,6 +21,8 @@ struct EnergyBalanceProcessRequestView;
 struct EnergyBalanceProcessResult;
 struct DynamicPhotosynthesisProcessRequestView;
 struct DynamicPhotosynthesisResult;
+struct PhotosynthesisProcessRequestView;
+struct PhotosynthesisStaticResult;
 }  // namespace vesk::backend
 
 namespace vesk::embree {
@@ -248,6 +250,9 @@ class EmbreeSceneManager {
       const backend::EnergyBalanceProcessRequestView& view);
   backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
       const backend::DynamicPhotosynthesisProcessRequestView& view);
+  // Sunlit and shaded leaves at given temperatures; it reads nothing from the scene either.
+  backend::PhotosynthesisStaticResult execute_photosynthesis_process_static(
+      const backend::PhotosynthesisProcessRequestView& view) const;
 
   // ---- ray queries (const and re-entrant once built) ----
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,

@@ -1,5 +1,5 @@
-// The CPU scene's entries to the leaf solver and to the processes that couple leaf
-// temperatures through the scene's longwave exchange.
+// The CPU scene's entries to the leaf solver, the photosynthesis processes and the
+// processes that couple leaf temperatures through the scene's longwave exchange.
 #include <stdexcept>
 
 #include "embree/energy_balance.h"
@@ -7,6 +7,7 @@
 #include "physiology/energy_balance_process.h"
 #include "physiology/leaf_solver.h"
 #include "physiology/photosynthesis_dynamic.h"
+#include "physiology/photosynthesis_static.h"
 
 namespace vesk::embree {
 namespace {
@@ -101,6 +102,11 @@ backend::DynamicPhotosynthesisResult EmbreeSceneManager::execute_photosynthesis_
   return restoring_thermal_state(*this, [&](physiology::ThermalScene& scene) {
     return physiology::execute_photosynthesis_process_dynamic(scene, view);
   });
+}
+
+backend::PhotosynthesisStaticResult EmbreeSceneManager::execute_photosynthesis_process_static(
+    const backend::PhotosynthesisProcessRequestView& view) const {
+  return backend::execute_photosynthesis_process_static(view);
 }
 
 }  // namespace vesk::embree

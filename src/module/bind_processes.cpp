@@ -1,4 +1,4 @@
-// Process entries on the CPU scene: solve_physiology_cpu.
+// Process entries on the CPU scene: solve_physiology_cpu, then the photosynthesis processes.
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
 #include "module/bind_request.h"
@@ -93,6 +93,7 @@ void bind_processes(py::module_& m) {
       "'converged' (non-convergence is reported here, never raised), with the energy\n"
       "balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'\n"
       "W m-2, and '_execution'.");
+  bind_photosynthesis_static(m);
   bind_energy_balance_processes(m);
 }
 

@@ -474,3 +474,39 @@ PhysiologyResult solve_physiology(const PhysiologyRequestView& v) {
 }
 
 }  // namespace vesk::backend
+
+namespace vesk::physiology {
+
+__attribute__((target_clones("avx512f", "avx2", "default"))) void solve_leaves(
+    const LeafInput* in, LeafOutput* out, size_t count, const LeafSettings& s) {
+  constexpr int L = backend::LANES;
+  Block<L> b;
+  BlockOut<L> o;
+  for (size_t first = 0; first < count; first += L) {
+    const size_t n = std::min(size_t(L), count - first);
+    for (size_t l = 0; l < size_t(L); ++l) {
+      const LeafInput& x = in[first + (l < n ? l : 0)];
+      b.apar_sum[l] = x.apar_sum, b.T0[l] = x.temperature, b.co2[l] = x.co2;
+      b.rh[l] = x.relative_humidity, b.pressure[l] = x.pressure, b.wind[l] = x.wind;
+      b.vcmax25[l] = x.vcmax25, b.jmax25[l] = x.jmax25, b.rd25[l] = x.rd25;
+      b.slope[l] = x.ball_berry_slope, b.g0[l] = x.ball_berry_intercept;
+      b.qy[l] = x.quantum_yield, b.sw[l] = x.absorbed_shortwave;
+      b.lw[l] = x.absorbed_longwave, b.ta[l] = x.air_temperature, b.ea[l] = x.vapor_pressure;
+      b.emis[l] = x.emissivity, b.side[l] = x.sidedness, b.width[l] = x.leaf_width;
+      b.stom[l] = x.stomata_sides;
+    }
+    solve_block(b, s, o);
+    for (size_t l = 0; l < n; ++l) {
+      LeafOutput y;
+      y.an = o.an[l], y.gs = o.gs[l], y.ci = o.ci[l], y.phi_f = o.phi_f[l];
+      y.converged = o.converged[l] != 0;
+      if (s.energy_balance) {
+        y.temperature = o.T[l], y.net_radiation = o.rn[l];
+        y.sensible_heat = o.h[l], y.latent_heat = o.le[l];
+      }
+      out[first + l] = y;
+    }
+  }
+}
+
+}  // namespace vesk::physiology

@@ -244,6 +244,7 @@ TEST(LeafPhysiology, BatchKernelEqualsTheSingleElementSolveAndExpIsAccurate) {
   for (bool eb : {false, true}) {
     q.eb = eb;
     const auto batch = q.solve();
+    std::vector<vesk::physiology::LeafInput> leaves;
     for (int i = 0; i < 131; ++i) {
       vesk::physiology::LeafInput in;
       const size_t k = size_t(i);
@@ -259,6 +260,7 @@ TEST(LeafPhysiology, BatchKernelEqualsTheSingleElementSolveAndExpIsAccurate) {
       in.air_temperature = q.a["air_temperature"][k], in.vapor_pressure = q.a["vapor_pressure"][k];
       in.emissivity = q.a["emissivity"][k], in.sidedness = q.a["sidedness"][k];
       in.leaf_width = q.a["leaf_width"][k], in.stomata_sides = q.a["stomata_sides"][k];
+      leaves.push_back(in);
       const auto one = vesk::physiology::solve_leaf(in, {eb, true, q.max_iterations, q.tolerance});
       ASSERT_EQ(one.an, batch.an[k]) << "element " << i;
       ASSERT_EQ(one.ci, batch.ci[k]);
@@ -267,6 +269,19 @@ TEST(LeafPhysiology, BatchKernelEqualsTheSingleElementSolveAndExpIsAccurate) {
       if (eb) {
         ASSERT_EQ(one.temperature, batch.temperature[k]);
         ASSERT_EQ(one.latent_heat, batch.latent_heat[k]);
+      }
+    }
+    // The same leaves gathered by a driver: lane blocks of its own making, same bits.
+    std::vector<vesk::physiology::LeafOutput> gathered(leaves.size());
+    vesk::physiology::solve_leaves(leaves.data(), gathered.data(), leaves.size(),
+                                   {eb, true, q.max_iterations, q.tolerance});
+    for (size_t k = 0; k < leaves.size(); ++k) {
+      ASSERT_EQ(gathered[k].an, batch.an[k]) << "gathered leaf " << k;
+      ASSERT_EQ(gathered[k].gs, batch.gs[k]);
+      ASSERT_EQ(gathered[k].phi_f, batch.phi_f[k]);
+      ASSERT_EQ(gathered[k].converged, batch.converged[k] != 0);
+      if (eb) {
+        ASSERT_EQ(gathered[k].temperature, batch.temperature[k]);
       }
     }
   }

@@ -18,6 +18,7 @@ import numpy as np
 import vesk_gpu as vk
 from conftest import scene_state, unit_cube
 from test_energy_balance import dyn_request, eb_request
+from test_photosynthesis import photosynthesis_request
 from test_physiology import leaf_request
 
 F = np.float32
@@ -77,10 +78,14 @@ def req(energy=False, drop=(), **changes):
     return {**{k: v for k, v in leaf_request(energy=energy).items() if k not in drop}, **changes}
 
 
+def preq(drop=(), **changes):
+    return {**{k: v for k, v in photosynthesis_request().items() if k not in drop}, **changes}
+
+
 # The names case statements use; arrays are copied for every case.
 NAMES = dict(
     np=np, vk=vk, F=F, nan=float("nan"), inf=float("inf"), CallbackError=CallbackError,
-    boom=boom, req=req, make_scene=make_scene, scene_state=scene_state,
+    boom=boom, req=req, preq=preq, make_scene=make_scene, scene_state=scene_state,
     first=lambda a, x: np.where(np.arange(np.size(a)).reshape(np.shape(a)) == 0, x, a),
     SPECTRAL=SPECTRAL, SUN=SUN, CAMERA=CAMERA, EYE12=np.eye(3, 4, dtype=F).ravel(),
     UP=np.array([0, 0, 1], F), LAYERS=np.array([0, 1, 2.5], F), **{
@@ -111,8 +116,8 @@ def bar(text):
 # Every entry point that takes arguments, with positional arguments that work on a ready
 # scene as `class:expression`; ! marks a size, whose odd values may ask for more than any
 # machine has. Classes: i int, l photon count, f float, c complex, b bool, fa / ia float /
-# int32 array, fl float list, o outputs, s scene, r leaf request, e energy-balance request,
-# d dynamic photosynthesis request, p progress callback.
+# int32 array, fl float list, o outputs, s scene, r leaf request, q photosynthesis request,
+# e energy-balance request, d dynamic photosynthesis request, p progress callback.
 ENTRIES = {item.split()[0]: [(t[0] == "!",) + tuple(t.lstrip("!").split(":", 1))
                              for t in item.split()[1:]] for item in bar("""
 s.add_mesh fa:CUBE_V fa:CUBE_N ia:CUBE_I i:1 | s.add_instance i:0 f:1.0 f:1.0 f:0.5 f:0.5
@@ -137,7 +142,8 @@ vk.simulate_cpu s:s i:1 i:2 p:None o:['radiance'] i:0
 vk.simulate_brf_cpu s:s fa:BRF_DIRS l:200 i:4 p:None
 vk.simulate_forward_cpu s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None
 vk.simulate_flux_cpu s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None
-vk.solve_physiology_cpu s:s r:req() | vk._evaluate_microwave_trunk f:1.4e9 fa:TRUNK fa:COSINES
+vk.solve_physiology_cpu s:s r:req() | vk.execute_photosynthesis_process_static_cpu s:s q:preq()
+vk._evaluate_microwave_trunk f:1.4e9 fa:TRUNK fa:COSINES
 vk._evaluate_microwave_soil f:1.4e9 fa:SOIL fa:COSINES b:True
 vk._evaluate_microwave_soil_reflectivity f:5.3e9 fa:SOIL fa:COSINES b:True
 vk._evaluate_microwave_trunk_ground f:1.4e9 fa:SOIL fa:TRUNK fa:TO_TRUNK fa:TO_GROUND fa:UP2
@@ -193,6 +199,18 @@ d: dynreq(co2=nan) | dynreq(apar=np.zeros(3, F)) | dynreq(emissivity=prim(0)) | 
 d: dynreq(n_samples=0) | dynreq(active=prim(2).astype(np.uint8)) | dynreq(max_iterations=2**31)
 d: dynreq(conditional=True, sunlit_fraction=prim(2), apar_sunlit=prim(1), apar_shaded=prim(1), \
 shortwave_sunlit=prim(1), shortwave_shaded=prim(-1)) | dynreq(initial_temperature=prim(-5))
+q: [] | None | preq(drop=['absorbed_direct']) | preq(absorbed_top=np.zeros(20, F))
+q: preq(absorbed_bottom=np.zeros((4, 5), F)) | preq(wavelengths=np.zeros((2, 2), F))
+q: preq(material_active=np.zeros(0, np.uint8)) | preq(material_active=np.ones(2**16, np.uint8))
+q: preq(material_ids=np.full(5, 2**31-1, np.int32)) | preq(material_ids=np.full(5, -2**31))
+q: preq(material_fluorescent=np.full(3, 255, np.uint8))
+q: preq(wavelengths=np.full(4, nan, F)) | preq(wavelengths=np.full(4, -550.0, F))
+q: preq(absorbed_direct=np.full((5, 4), -1.0, F)) | preq(sunlit_fraction=np.full(5, inf, F))
+q: preq(absorbed_top=np.full((5, 4), 3e38, F), absorbed_bottom=np.full((5, 4), 3e38, F))
+q: preq(absorbed_top=np.zeros((2**31, 0), F)) | preq(temperature_sunlit=np.full(5, 1e38, F))
+q: preq(co2=nan) | preq(co2=1e38) | preq(relative_humidity=-0.0) | preq(max_iterations=2**31)
+q: preq(tolerance=1e-45) | preq(tolerance='small') | preq(quantum_yield=np.full(3, 2.0, F))
+q: preq(vcmax25=None) | preq(jmax25=np.full(3, 1e38, F)) | preq(rd25=np.full(3, -0.0, F))
 """.strip().splitlines():
     classes, values = line.split(": ", 1)
     for cls in classes.split():
