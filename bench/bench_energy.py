@@ -1,5 +1,14 @@
 """Energy and photosynthesis process benchmarks, one function per figure.
 
+transport: the energy-balance transports (longwave and shortwave single band, the 3-band
+walk with split leaf optics) on the benchmark canopy (bench_util.build_canopy), at 1 and
+2 threads: primitives/s, and segments/s (closest-hit plus shadow rays, counted by the
+benchmark build) against raw Embree in the same run, on random rays and on a replay of
+the transport's own rays.
+
+coupling: rounds/s of execute_energy_balance_process_cpu on a 100k-primitive canopy
+(4 samples per primitive and side, 3 rounds that never close, then the final block).
+
 static_photosynthesis: elements/s of execute_photosynthesis_process_static_cpu at 2 threads
 on 1M elements with 5 bands, against NumPy doing the same arithmetic (PAR integral, sunlit
 and shaded leaf through the leaf model of bench_physiology, blends) in the same run. Module
@@ -15,7 +24,8 @@ import time
 import numpy as np
 
 from bench_physiology import np_biochemistry, np_ci_solve
-from bench_util import ROOT, emit, import_bench_module
+from bench_util import (ROOT, best_seconds, build_canopy, compare_with_raw, count_and_record, emit,
+                        import_bench_module, random_rays)
 
 F = np.float32
 BENCH = "energy"
@@ -126,6 +136,72 @@ def static_photosynthesis(vk, n, repeat, threads=2):
          "relative", per_output=worst)
 
 
+# ---- energy-balance transports and the coupling loop ------------------------------------
+
+def transport_figures(vk, build_dir, repeat, rng):
+    """rays/s of both transports on the benchmark canopy against raw Embree in the same run."""
+    scene, meshes, instances = build_canopy(vk, rng)
+    n = scene.n_primitives()
+    scene.set_primitive_temperatures(rng.uniform(285, 310, n).astype(F))
+    scene.set_primitive_emissivities(np.full(n, 0.97, F))
+    sun = np.array([0.35, 0.25, 0.9]) / np.linalg.norm([0.35, 0.25, 0.9])
+    sun_kw = dict(sun_dir_x=sun[0], sun_dir_y=sun[1], sun_dir_z=sun[2])
+    bands = 3
+    refl = np.tile(np.array([0.05, 0.1, 0.45], F)[:, None], (1, n))
+    trans = np.tile(np.array([0.04, 0.09, 0.42], F)[:, None], (1, n))
+    runs = {
+        "longwave": lambda: vk.run_energy_balance_cpu(scene, n_samples=2, band_type=1,
+                                                      sky_lw_radiance=100.0),
+        "shortwave": lambda: vk.run_energy_balance_cpu(
+            scene, n_samples=2, sun_irradiance=800.0, sky_diffuse_radiance=30.0,
+            sw_albedos=np.full(n, 0.2, F), **sun_kw),
+        "multiband": lambda: vk.run_energy_balance_multiband_cpu(
+            scene, bands, n_samples=1, max_depth=8, sun_irradiance=np.array([1200, 1500, 900], F),
+            sky_diffuse_radiance=np.array([30, 40, 25], F), sw_reflectance=refl,
+            sw_back_reflectance=refl, sw_transmittance=trans, **sun_kw),
+    }
+    random = random_rays(rng, scene, 1_000_000)
+    for name, run in runs.items():
+        os.environ["VESK_NUM_THREADS"] = "1"
+        recorded = count_and_record(vk, run)
+        for threads in (1, 2):
+            os.environ["VESK_NUM_THREADS"] = str(threads)
+            seconds = best_seconds(run, repeat)
+            emit("energy", f"{name}_primitives_per_s_{threads}t", round(n / seconds, 1),
+                 "primitives/s", primitives=n)
+            compare_with_raw("energy", name, seconds, recorded, build_dir, meshes, instances,
+                             random, threads, repeat)
+    os.environ.pop("VESK_NUM_THREADS", None)
+
+
+def coupling_figures(vk, repeat, rng):
+    """Coupling rounds per second of the energy-balance process on a 100k-primitive canopy."""
+    scene, _, _ = build_canopy(vk, rng, n_instances=50)
+    n = scene.n_primitives()
+    request = dict(primitive_material_ids=np.zeros(n, np.int32), material_active=np.ones(1, np.uint8),
+                   material_initial_temperature=np.full(1, 290, F),
+                   material_emissivity=np.full(1, 0.97, F), material_sidedness=np.full(1, 2, F),
+                   material_sensible_derivative=np.full(1, 20, F),
+                   material_latent_coefficient=np.full(1, 0.02, F),
+                   material_ground_heat=np.zeros(1, F), material_sw_albedo=np.full(1, 0.2, F),
+                   air_temperature=298.0, vapor_pressure=1500.0, sky_lw_radiance=100.0,
+                   sw_direct=800.0, sw_diffuse_radiance=30.0, n_samples=4, max_iterations=3,
+                   convergence_tolerance=1e-9, damping=0.5)
+    for threads in (1, 2):
+        os.environ["VESK_NUM_THREADS"] = str(threads)
+        times = []
+        for _ in range(repeat):
+            t0 = time.perf_counter()
+            r = vk.execute_energy_balance_process_cpu(scene, request)
+            times.append(time.perf_counter() - t0)
+        rounds = r["iterations"]
+        emit("energy", f"coupling_rounds_per_s_{threads}t", round(rounds / np.median(times), 3),
+             "rounds/s", primitives=n, n_samples=4, rounds=rounds,
+             spread_s=[round(min(times), 3), round(max(times), 3)],
+             note="each call: shortwave once, 3 rounds, then the final longwave and solves")
+    os.environ.pop("VESK_NUM_THREADS", None)
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build", default=str(ROOT / "build"))
@@ -137,6 +213,8 @@ def main():
         emit(BENCH, "error", None, "", error="benchmark build missing: run `make bench`")
         return
     static_photosynthesis(vk, args.elements, args.repeat)
+    transport_figures(vk, args.build, args.repeat, np.random.default_rng(2))
+    coupling_figures(vk, args.repeat, np.random.default_rng(3))
 
 
 if __name__ == "__main__":
