@@ -60,7 +60,11 @@ template <class T>
 std::vector<T> fan_out(const py::dict& request, const char* key, const std::vector<int32_t>& ids,
                        const char* expected) {
   using Array = py::array_t<T, py::array::c_style | py::array::forcecast>;
-  const Array per_material = get<Array>(request, key, expected);
+  Array per_material;
+  if constexpr (std::is_integral_v<T>)
+    per_material = get_int_array<T>(request, key, expected);
+  else
+    per_material = get<Array>(request, key, expected);
   std::vector<T> out(ids.size());
   for (size_t i = 0; i < ids.size(); ++i) {
     if (ids[i] < 0 || ids[i] >= per_material.size())

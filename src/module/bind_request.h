@@ -3,7 +3,10 @@
 // lookups with errors that name the key, arrays kept alive for the call, and a warning
 // for keys that no entry reads.
 
+#include <cmath>
 #include <initializer_list>
+#include <limits>
+#include <type_traits>
 #include <string>
 #include <vector>
 
@@ -31,8 +34,40 @@ T get(const py::dict& request, const char* key, const char* expected) {
     } catch (const py::error_already_set&) {
     }
   }
+  // An int that does not fit is out of range, not of the wrong type.
+  if constexpr (std::is_integral_v<T> && !std::is_same_v<T, bool>)
+    if (py::isinstance<py::int_>(value) && !py::isinstance<py::bool_>(value))
+      throw py::value_error(std::string("request['") + key + "'] must lie in [" +
+                            std::to_string(std::numeric_limits<T>::min()) + ", " +
+                            std::to_string(std::numeric_limits<T>::max()) + "]");
   throw py::type_error(std::string("request['") + key + "'] must be " + expected + ", not " +
                        type_name(value));
+}
+
+// An integer array as T without silent wrapping or truncation: integer and bool arrays
+// must hold values T can represent, float arrays whole numbers in that range.
+template <class T>
+py::array_t<T, py::array::c_style | py::array::forcecast> get_int_array(const py::dict& request,
+                                                                      const char* key,
+                                                                      const char* expected) {
+  const py::array any = get<py::array>(request, key, expected);
+  const char kind = any.dtype().kind();
+  if (kind != 'i' && kind != 'u' && kind != 'b' && kind != 'f')
+    throw py::type_error(std::string("request['") + key + "'] must be " + expected + ", not " +
+                         std::string(py::str(any.dtype())) + " values");
+  using Wide = py::array_t<double, py::array::c_style | py::array::forcecast>;
+  if (kind == 'f' || any.dtype().itemsize() >= int(sizeof(T))) {
+    const Wide wide = py::cast<Wide>(any);
+    for (py::ssize_t i = 0; i < wide.size(); ++i) {
+      const double x = wide.data()[i];
+      if (!(x >= double(std::numeric_limits<T>::min()) &&
+            x <= double(std::numeric_limits<T>::max()) && x == std::floor(x)))
+        throw py::value_error(std::string("request['") + key + "'] must hold whole numbers in [" +
+                              std::to_string(std::numeric_limits<T>::min()) + ", " +
+                              std::to_string(std::numeric_limits<T>::max()) + "]");
+    }
+  }
+  return py::cast<py::array_t<T, py::array::c_style | py::array::forcecast>>(any);
 }
 
 using ByteArray = py::array_t<uint8_t, py::array::c_style | py::array::forcecast>;
@@ -43,7 +78,11 @@ struct RequestArrays {
   template <class T>
   backend::Span<T> take_as(const py::dict& request, const char* key, const char* expected) {
     using Array = py::array_t<T, py::array::c_style | py::array::forcecast>;
-    Array a = get<Array>(request, key, expected);
+    Array a;
+    if constexpr (std::is_integral_v<T>)
+      a = get_int_array<T>(request, key, expected);
+    else
+      a = get<Array>(request, key, expected);
     keep.push_back(a);
     return {a.data(), size_t(a.size())};
   }

@@ -241,6 +241,10 @@ def test_coupling_loop_edge_cases(over, iterations, converged):
     (dict(damping=2.0, material_sidedness=np.full(1, 3, F)), ValueError,
      "energy balance scalar is outside its domain"),
     (dict(sun_dir_z=np.inf), ValueError, "energy balance scalar must be finite"),
+    # Integers that do not fit are refused, never wrapped to a valid id or count.
+    (dict(primitive_material_ids=np.array([0, 2**32])), ValueError, "must hold whole numbers in"),
+    (dict(material_active=np.array([257])), ValueError, r"must hold whole numbers in \[0, 255\]"),
+    (dict(max_iterations=2**31), ValueError, r"request\['max_iterations'\] must lie in"),
     (dict(material_sidedness=np.full(1, 3, F)), ValueError,
      "energy balance element is outside its domain"),
     (dict(precomputed_shortwave=True, absorbed_shortwave_top=np.ones(2, F),
