@@ -12,6 +12,7 @@
 #include "core/array_check.h"
 #include "core/tile.h"
 #include "embree/scene_handles.h"
+#include "turbid/domain.h"  // complete for the owner of the Turbid holding
 
 namespace vesk::embree {
 

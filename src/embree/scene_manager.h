@@ -25,6 +25,13 @@ struct PhotosynthesisProcessRequestView;
 struct PhotosynthesisStaticResult;
 }  // namespace vesk::backend
 
+namespace vesk::turbid {
+struct TurbidHolding;
+struct TurbidSamplingDebugRequest;
+struct TurbidSamplingDebugResult;
+struct TurbidRelationTable;
+}  // namespace vesk::turbid
+
 namespace vesk::embree {
 
 struct EmbreeMesh {
@@ -254,6 +261,27 @@ class EmbreeSceneManager {
   backend::PhotosynthesisStaticResult execute_photosynthesis_process_static(
       const backend::PhotosynthesisProcessRequestView& view) const;
 
+  // ---- Turbid domains: leaf-area samples of closed leaf volumes ----
+  // What the manager holds: domains, relation table, derived tokens, the armed failure.
+  turbid::TurbidHolding& turbid();
+  const turbid::TurbidHolding& turbid() const;
+  // Builds every request into a domain and commits them together (one relation table
+  // per request, or one synthesized from its owners); returns the new domain ids. A
+  // failure anywhere leaves the manager as it was.
+  std::vector<uint64_t> build_turbid_domains(
+      const std::vector<turbid::TurbidSamplingDebugRequest>& requests,
+      const std::vector<const turbid::TurbidRelationTable*>& relations,
+      const std::vector<std::pair<uint64_t, uint64_t>>& global_overlaps);
+  // Raises a domain's budget; its accepted samples stay a prefix of the new ones.
+  void extend_turbid_samples(uint64_t domain_id, uint32_t sample_budget);
+  // The sampler alone, on the CPU; nothing is stored.
+  turbid::TurbidSamplingDebugResult debug_turbid_samples(
+      const turbid::TurbidSamplingDebugRequest& request) const;
+  // One instance's mesh in world space, indexed; a mirroring transform's winding is
+  // turned back, so the mesh's own orientation holds.
+  void instance_world_mesh(int32_t instance, std::vector<float3>& vertices,
+                           std::vector<int3>& triangles) const;
+
   // ---- ray queries (const and re-entrant once built) ----
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,
                       float t_max) const;
@@ -272,6 +300,7 @@ class EmbreeSceneManager {
 
   struct Handles;  // the Embree device and scenes, kept out of this header
   std::unique_ptr<Handles> rtc_;
+  std::unique_ptr<turbid::TurbidHolding> turbid_;
 
   std::vector<EmbreeMesh> meshes_;
   std::vector<EmbreeInstance> instances_;

@@ -74,6 +74,7 @@ void bind_forward(py::module_& m);
 void bind_processes(py::module_& m);
 void bind_photosynthesis_static(py::module_& m);
 void bind_lidar(py::module_& m);
+void bind_turbid(py::module_& m);
 void bind_energy_balance_transport(py::module_& m);
 void bind_energy_balance_processes(py::module_& m);
 void bind_bench(py::module_& m);

@@ -49,12 +49,6 @@ py::list history_list(const std::vector<float>& history) {
   return out;
 }
 
-// A key with a documented default when absent.
-template <class T>
-T get_or(const py::dict& request, const char* key, T fallback, const char* expected) {
-  return request.contains(key) ? get<T>(request, key, expected) : fallback;
-}
-
 // Per-material values spread over the elements by their material ids.
 template <class T>
 std::vector<T> fan_out(const py::dict& request, const char* key, const std::vector<int32_t>& ids,

@@ -44,6 +44,12 @@ T get(const py::dict& request, const char* key, const char* expected) {
                        type_name(value));
 }
 
+// A key with a documented default when absent.
+template <class T>
+T get_or(const py::dict& request, const char* key, T fallback, const char* expected) {
+  return request.contains(key) ? get<T>(request, key, expected) : fallback;
+}
+
 // An integer array as T without silent wrapping or truncation: integer and bool arrays
 // must hold values T can represent, float arrays whole numbers in that range.
 template <class T>

@@ -74,6 +74,16 @@ def boom(exc):
     return callback
 
 
+def turbid_owner(**changes):
+    g = vk.make_sphere(1.0, np.array([2.0, 2.0, 4.0], F), 1)
+    return {"owner_id": 5, "leaf_area_density": 1.0, "leaf_length": 0.05,
+            "vertices": g["vertices"], "triangles": g["indices"], **changes}
+
+
+def turbid_request(**changes):
+    return {"owners": [turbid_owner()], "sample_budget": 64, "seed": 3, **changes}
+
+
 def req(energy=False, drop=(), **changes):
     return {**{k: v for k, v in leaf_request(energy=energy).items() if k not in drop}, **changes}
 
@@ -85,7 +95,7 @@ def preq(drop=(), **changes):
 # The names case statements use; arrays are copied for every case.
 NAMES = dict(
     np=np, vk=vk, F=F, nan=float("nan"), inf=float("inf"), CallbackError=CallbackError,
-    boom=boom, req=req, preq=preq, make_scene=make_scene, scene_state=scene_state,
+    boom=boom, req=req, preq=preq, treq=turbid_request, towner=turbid_owner, make_scene=make_scene, scene_state=scene_state,
     first=lambda a, x: np.where(np.arange(np.size(a)).reshape(np.shape(a)) == 0, x, a),
     SPECTRAL=SPECTRAL, SUN=SUN, CAMERA=CAMERA, EYE12=np.eye(3, 4, dtype=F).ravel(),
     UP=np.array([0, 0, 1], F), LAYERS=np.array([0, 1, 2.5], F), **{
@@ -105,7 +115,8 @@ def namespace(s):
             "prim": lambda v, per=1: np.full(s.n_primitives() * per, v, F),
             "inst": lambda v, per=1, dtype=F: np.full(s.num_instances() * per, v, dtype),
             "ebreq": lambda **c: eb_request(s.n_primitives(), **c),
-            "dynreq": lambda **c: dyn_request(s.n_primitives(), **c)}
+            "dynreq": lambda **c: dyn_request(s.n_primitives(), **c),
+            "tdom": lambda: vk._build_turbid_domain_embree(s, turbid_request())["domain_id"]}
 
 
 def bar(text):
@@ -117,7 +128,8 @@ def bar(text):
 # scene as `class:expression`; ! marks a size, whose odd values may ask for more than any
 # machine has. Classes: i int, l photon count, f float, c complex, b bool, fa / ia float /
 # int32 array, fl float list, o outputs, s scene, r leaf request, q photosynthesis request,
-# e energy-balance request, d dynamic photosynthesis request, p progress callback.
+# e energy-balance request, d dynamic photosynthesis request, t Turbid domain request,
+# x string, p progress callback.
 ENTRIES = {item.split()[0]: [(t[0] == "!",) + tuple(t.lstrip("!").split(":", 1))
                              for t in item.split()[1:]] for item in bar("""
 s.add_mesh fa:CUBE_V fa:CUBE_N ia:CUBE_I i:1 | s.add_instance i:0 f:1.0 f:1.0 f:0.5 f:0.5
@@ -154,6 +166,12 @@ vk.run_energy_balance_cpu s:s !i:16 i:8 i:0 f:800.0 f:30.0 f:100.0 f:0.3 f:0.2 f
 fa:prim(0.3) | vk.run_energy_balance_multiband_cpu s:s i:2 !i:16 i:4 fa:np.array([800.0,600.0],F) \
 fa:np.array([30.0,20.0],F) fa:np.full(1024,0.1,F) f:0.3 f:0.2 f:0.93 b:True fa:prim(0.3,2) \
 fa:prim(0.4,2) fa:prim(0.3,2) fa:prim(0.2,2)
+vk._debug_turbid_samples_embree s:s t:treq() x:'preview' i:7 !i:64 !i:0
+vk._preflight_turbid_sampling_embree s:s t:treq() | vk._build_turbid_domain_embree s:s t:treq()
+vk._build_turbid_domains_embree s:s t:{'domains':[treq()]} | vk._test_turbid_domain_id_exhaustion
+vk._extend_turbid_samples_embree s:s i:tdom() !i:128 | vk._turbid_domain_revisions_embree s:s i:tdom()
+vk._debug_turbid_domain_samples_embree s:s i:tdom() | vk._debug_turbid_scene_relations_embree s:s
+vk._debug_turbid_residency_embree s:s | vk._set_turbid_commit_failure_embree s:s x:'table_stage'
 vk.execute_energy_balance_process_cpu s:s e:ebreq() | vk.execute_photosynthesis_process_dynamic_cpu s:s d:dynreq()
 vk.simulate_lidar_cpu s:s fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
 f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False""")}
@@ -190,6 +208,14 @@ r: req(True, drop=['leaf_width']) | req(True, absorbed_shortwave=np.full(4, nan,
 r: req(True, sidedness=np.zeros(4, F), stomata_sides=np.full(4, -1.0, F))
 r: req(True, dynamic_energy_balance='yes') | req(True, leaf_width=np.zeros(4, F))
 e d: [] | None | {} | V | {**V, 'air_temperature': None}
+x: '' | 'bogus' | None | 1 | 'preview' * 1000 | b'preview'
+t: treq(owners=[]) | treq(seed=-1) | treq(sample_budget=2**40) | treq(max_candidates=-5) | {}
+t: treq(owners=[towner(leaf_length=nan)]) | treq(owners=[towner(vertices=np.full((42, 3), nan, F))])
+t: treq(owners=[towner(triangles=np.full((80, 3), 99, np.int32))]) | treq(owners=[towner(instance_id=99)])
+t: treq(owners=[towner(triangles=np.zeros((0, 3), np.int32))]) | treq(relations={})
+t: treq(owners=[towner(owner_id=[0, 0, 0, 0])]) | treq(owners=[towner(), towner()]) | treq(owners=None)
+t: treq(owners=[towner(vertices=np.zeros((42, 2), F))]) | treq(quality=3) | treq(orientation_theta_bins=2**31)
+t: treq(owners=[towner(leaf_angle_distribution=9)]) | treq(owners=[towner(vertices=towner()['vertices'] * 1e30)])
 e: ebreq(air_temperature=nan) | ebreq(primitive_material_ids=prim(0).astype(np.int32)[1:])
 e: ebreq(material_active=np.full(1, 2, np.uint8)) | ebreq(damping=0.0) | ebreq(n_samples=2**31)
 e: ebreq(max_iterations=-1) | ebreq(precomputed_shortwave=True) | ebreq(material_sw_albedo=[])
