@@ -65,25 +65,33 @@ int sobol_row(int dimension) {
 // folded into the start vector, x = K * 2^30; 24 steps leave an error near 2^-23, and
 // the residual angle's sign picks each rotation. Shifts of negative values are
 // arithmetic in C++20, as on every device.
-constexpr int32_t CORDIC_ATAN_Q30[10] = {0x3243f6a9, 0x1dac6705, 0x0fadbafd, 0x07f56ea7,
-                                         0x03feab77, 0x01ffd55c, 0x00fffaab, 0x007fff55,
-                                         0x003fffeb, 0x001ffffd};
+constexpr int CORDIC_STEPS = 24;
+
+struct CordicAngles {
+  int32_t a[CORDIC_STEPS];
+};
+
+// atan(2^-step) in Q30; from step 10 on it equals 2^-step to the last bit kept.
+constexpr CordicAngles build_cordic_angles() {
+  CordicAngles t{{0x3243f6a9, 0x1dac6705, 0x0fadbafd, 0x07f56ea7, 0x03feab77, 0x01ffd55c,
+                  0x00fffaab, 0x007fff55, 0x003fffeb, 0x001ffffd}};
+  for (int step = 10; step < CORDIC_STEPS; ++step) t.a[step] = int32_t(1) << (30 - step);
+  return t;
+}
+
+constexpr CordicAngles CORDIC_ATAN_Q30 = build_cordic_angles();
 
 uint32_t cordic_sin_magnitude_q30(int32_t angle_q30) {
   if (angle_q30 == 0) return 0;
   int32_t x = 0x26dd3b6a, y = 0, z = angle_q30;
-  for (int step = 0; step < 24; ++step) {
+  for (int step = 0; step < CORDIC_STEPS; ++step) {
+    // The rotation direction as a mask (0 for z >= 0, -1 below): (v ^ m) - m is v or -v.
+    // The sign is data, so a branch here would mispredict half the time.
+    const int32_t m = z >> 31;
     const int32_t dx = y >> step, dy = x >> step;
-    const int32_t a = step < 10 ? CORDIC_ATAN_Q30[step] : int32_t(1) << (30 - step);
-    if (z >= 0) {
-      x -= dx;
-      y += dy;
-      z -= a;
-    } else {
-      x += dx;
-      y -= dy;
-      z += a;
-    }
+    x -= (dx ^ m) - m;
+    y += (dy ^ m) - m;
+    z -= (CORDIC_ATAN_Q30.a[step] ^ m) - m;
   }
   // Near a zero angle the rotation can overshoot below zero by a few units.
   return y < 0 ? uint32_t(-int64_t(y)) : uint32_t(y);
@@ -136,6 +144,39 @@ uint32_t de_wit_cdf(uint32_t c, int32_t type) {
     f += type == LAD_EXTREMOPHILE ? q : -q;
   }
   return uint32_t(std::clamp<int64_t>(f, 0, 0xffffffff));
+}
+
+// ---- scrambled points -----------------------------------------------------------------
+// Nested uniform scrambling (Owen 1995) driven by a hash instead of stored permutations:
+// each bit is flipped by a hash of the key, the dimension, its position and every output
+// bit above it, so that values sharing a k-bit prefix still share one afterwards and the
+// (t, m, s)-net structure survives. Within a dimension every bit waits for the hash of
+// the bit above it, a chain of multiplies, so several dimensions of one candidate run
+// side by side. XOR is associative: key and salt are combined once.
+template <int K>
+void owen_scramble_dimensions(const uint32_t (&raw)[K], uint32_t key, const int (&dims)[K],
+                              uint32_t (&out)[K]) {
+  uint32_t mixed[K], prefix[K];
+  for (int k = 0; k < K; ++k) {
+    mixed[k] = key ^ (uint32_t(dims[k]) * 0x9e3779b9u);
+    prefix[k] = 0;
+  }
+  uint32_t counter = 0x378d82f5u;
+  for (int p = 31; p >= 0; --p) {
+    for (int k = 0; k < K; ++k) {
+      const uint32_t bit = (lowbias32(counter ^ mixed[k] ^ prefix[k]) ^ (raw[k] >> p)) & 1u;
+      prefix[k] = 2u * prefix[k] + bit;
+    }
+    counter += 0x7a143595u;
+  }
+  for (int k = 0; k < K; ++k) out[k] = prefix[k];  // after 32 bits the prefix is the value
+}
+
+template <int K>
+void scrambled_point(uint32_t index, uint32_t key, const int (&dims)[K], uint32_t (&out)[K]) {
+  uint32_t raw[K];
+  for (int k = 0; k < K; ++k) raw[k] = sobol_raw(index, dims[k]);
+  owen_scramble_dimensions(raw, key, dims, out);
 }
 
 // ---- the leaf normal ----------------------------------------------------------------
@@ -213,21 +254,10 @@ uint32_t sobol_raw(uint32_t index, int dimension) {
   return out;
 }
 
-// Nested uniform scrambling (Owen 1995) driven by a hash instead of stored permutations:
-// each bit is flipped by a hash of the key, the dimension, its position and every output
-// bit above it, so that two values sharing a k-bit prefix still share it after the
-// scramble and the (t, m, s)-net structure survives.
 uint32_t owen_scramble(uint32_t raw, uint32_t key, int dimension) {
-  const uint32_t salt = uint32_t(dimension) * 0x9e3779b9u;
-  uint32_t counter = 0x378d82f5u, prefix = 0, out = 0;
-  for (int p = 31; p >= 0; --p) {
-    const uint32_t h = lowbias32(counter ^ key ^ prefix ^ salt);
-    const uint32_t bit = (h ^ (raw >> p)) & 1u;
-    prefix = 2u * prefix + bit;
-    out |= bit << p;
-    counter += 0x7a143595u;
-  }
-  return out;
+  uint32_t out[1];
+  owen_scramble_dimensions<1>({raw}, key, {dimension}, out);
+  return out[0];
 }
 
 float unit_float(uint32_t v) {
@@ -279,23 +309,23 @@ uint32_t de_wit_code(uint32_t w, int32_t leaf_angle_distribution) {
   return lo;
 }
 
+// The position is written for every candidate, so a debug dump shows the rejected ones
+// too; only an accepted one gets a leaf normal and draws its two angle dimensions.
 TurbidSamplingCandidate sample_candidate(const SamplingOwnerGeometry& owner, uint32_t index) {
   TurbidSamplingCandidate rec;
   rec.candidate_index = index;
-  const uint32_t key = owner.scramble_key;
-  float u[3];
-  for (int d = 0; d < 3; ++d) u[d] = unit_float(owen_scramble(sobol_raw(index, d), key, d));
-  const float3 p = {u[0] * (owner.bounds_max[0] - owner.bounds_min[0]) + owner.bounds_min[0],
-                    u[1] * (owner.bounds_max[1] - owner.bounds_min[1]) + owner.bounds_min[1],
-                    u[2] * (owner.bounds_max[2] - owner.bounds_min[2]) + owner.bounds_min[2]};
-  rec.position[0] = p.x;
-  rec.position[1] = p.y;
-  rec.position[2] = p.z;
+  uint32_t xyz[3];
+  scrambled_point<3>(index, owner.scramble_key, {0, 1, 2}, xyz);
+  for (int k = 0; k < 3; ++k)
+    rec.position[k] =
+        unit_float(xyz[k]) * (owner.bounds_max[k] - owner.bounds_min[k]) + owner.bounds_min[k];
+  const float3 p = {rec.position[0], rec.position[1], rec.position[2]};
   if (!inside_closed_boundary(p, owner.triangles, owner.n_triangles, owner.closed_orientation))
     return rec;
-  const SinCos zenith =
-      leaf_zenith(owen_scramble(sobol_raw(index, 3), key, 3), owner.leaf_angle_distribution);
-  const SinCos azimuth = leaf_azimuth(owen_scramble(sobol_raw(index, 5), key, 5));
+  uint32_t angles[2];
+  scrambled_point<2>(index, owner.scramble_key, {3, 5}, angles);
+  const SinCos zenith = leaf_zenith(angles[0], owner.leaf_angle_distribution);
+  const SinCos azimuth = leaf_azimuth(angles[1]);
   rec.normal[0] = zenith.s * azimuth.c;
   rec.normal[1] = zenith.s * azimuth.s;
   rec.normal[2] = zenith.c;
