@@ -35,7 +35,7 @@ request = {
          "leaf_angle_distribution": 0,              # spherical
          "vertices": crown_a["vertices"], "triangles": crown_a["indices"]},
         {"owner_id": 102, "medium_id": 2, "leaf_area_density": 0.8, "leaf_length": 0.04,
-         "leaf_angle_distribution": 2,              # planophile: mostly flat leaves
+         "leaf_angle_distribution": 1,              # planophile: mostly flat leaves
          "instance_id": crown_b},
     ],
 }

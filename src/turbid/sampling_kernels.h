@@ -36,8 +36,8 @@ struct TurbidSamplingCandidate {
 // What a filler needs of one owner (the rest of the prepared owner lives with the driver).
 struct SamplingOwnerGeometry {
   uint32_t scramble_key = 0;
-  int32_t leaf_angle_distribution = 0;  // 0 spherical, 1 uniform, 2 planophile,
-                                        // 3 erectophile, 4 plagiophile, 5 extremophile
+  int32_t leaf_angle_distribution = 0;  // 0 spherical, 1 planophile, 2 erectophile,
+                                        // 3 plagiophile, 4 extremophile, 5 uniform
   int8_t closed_orientation = 1;        // +1 outward winding, -1 inward
   float bounds_min[3] = {0, 0, 0}, bounds_max[3] = {0, 0, 0};
   const TurbidSamplingFloat4* triangles = nullptr;  // three vertices per triangle
@@ -61,7 +61,7 @@ float unit_float(uint32_t v);
 bool inside_closed_boundary(const float3& p, const TurbidSamplingFloat4* triangles,
                             size_t n_triangles, int8_t closed_orientation);
 
-// The fixed-point inverse CDF of the leaf zenith for the de Wit types (2..5): the 32-bit
+// The fixed-point inverse CDF of the leaf zenith for the de Wit types (1..4): the 32-bit
 // code c, zenith c * 3.6572953e-10 rad, from the scrambled dimension-3 value w.
 uint32_t de_wit_code(uint32_t w, int32_t leaf_angle_distribution);
 
