@@ -220,8 +220,10 @@ py::dict revisions_dict(const tb::TurbidDomainRevisions& r) {
 
 py::dict samples_dict(const tb::TurbidSamplingDebugResult& r) {
   const size_t n = r.samples.size();
-  std::vector<uint64_t> ids(n), owners(3 * n), props(4 * n), offsets = r.sample_offsets,
-      tested = r.candidates_tested, owner_list(3 * r.owners.size());
+  std::vector<uint64_t> ids(n), owners(3 * n), props(4 * n), owner_list(3 * r.owners.size());
+  // Counts as int64, so that NumPy index arithmetic on them stays integral.
+  std::vector<int64_t> offsets(r.sample_offsets.begin(), r.sample_offsets.end()),
+      tested(r.candidates_tested.begin(), r.candidates_tested.end());
   std::vector<float> pos(3 * n), nrm(3 * n), area(n);
   for (size_t i = 0; i < n; ++i) {
     const tb::TurbidLeafAreaSample& s = r.samples[i];

@@ -8,6 +8,8 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "core/workers.h"
+
 namespace vesk::turbid {
 namespace {
 
@@ -193,11 +195,50 @@ CandidateFiller cpu_candidate_filler() {
   };
 }
 
+namespace {
+
+// What the host finds of one returned candidate; the first failure in candidate order
+// ends the run with its message.
+enum Verdict : uint8_t { REJECTED, ACCEPTED, BAD_INDEX, BAD_STATUS, NON_FINITE, DE_WIT, NOT_UNIT, OUTSIDE };
+
+Verdict verify(const PreparedTurbidSamplingOwner& o, const TurbidSamplingCandidate& c,
+               uint64_t expected_index) {
+  if (c.candidate_index != expected_index) return BAD_INDEX;
+  if (c.status > 2) return BAD_STATUS;
+  for (float x : {c.position[0], c.position[1], c.position[2], c.normal[0], c.normal[1], c.normal[2]})
+    if (!std::isfinite(x)) return NON_FINITE;
+  if (c.status == 2) return DE_WIT;
+  if (c.status != 1) return REJECTED;
+  const float nn = c.normal[0] * c.normal[0] + c.normal[1] * c.normal[1] + c.normal[2] * c.normal[2];
+  if (std::fabs(nn - 1.0f) > 0.0001f) return NOT_UNIT;
+  if (!inside_closed_boundary({c.position[0], c.position[1], c.position[2]}, o.triangles.data(),
+                              o.triangles.size() / 3, int8_t(o.request.closed_orientation)))
+    return OUTSIDE;
+  return ACCEPTED;
+}
+
+[[noreturn]] void refuse(Verdict v) {
+  switch (v) {
+    case BAD_INDEX: no_fallback("Turbid downloaded candidate index is not sequential/in range.");
+    case BAD_STATUS: no_fallback("Turbid downloaded candidate status is outside the native ABI.");
+    case NON_FINITE: no_fallback("Turbid downloaded candidate contains non-finite data.");
+    case DE_WIT: no_fallback("Turbid de Wit LAD transform exhausted its checked attempts.");
+    case NOT_UNIT: no_fallback("Turbid downloaded accepted candidate normal is not unit length.");
+    default: no_fallback("Turbid downloaded accepted candidate is outside the closed boundary.");
+  }
+}
+
+constexpr uint32_t VERIFY_CHUNK = 4096;
+
+}  // namespace
+
 TurbidSamplingDebugResult execute_turbid_sampling_debug(const PreparedTurbidSamplingRequest& p,
                                                         const CandidateFiller& filler) {
   TurbidSamplingDebugResult out;
   out.sample_offsets.push_back(0);
   std::vector<TurbidSamplingCandidate> batch;
+  std::vector<uint8_t> verdicts;
+  const int threads = resolve_thread_count(0);
   for (const PreparedTurbidSamplingOwner& o : p.owners) {
     const uint32_t limit = p.config.max_candidates, budget = p.config.sample_budget;
     uint64_t first = 0, accepted = 0, consumed = 0;
@@ -207,33 +248,29 @@ TurbidSamplingDebugResult execute_turbid_sampling_debug(const PreparedTurbidSamp
       filler(o, uint32_t(first), batch);
       if (batch.size() != count)
         no_fallback("Turbid downloaded candidate index is not sequential/in range.");
-      for (uint32_t i = 0; i < count && accepted < budget; ++i) {
-        const TurbidSamplingCandidate& c = batch[i];
-        if (c.candidate_index != first + i)
-          no_fallback("Turbid downloaded candidate index is not sequential/in range.");
-        if (c.status > 2) no_fallback("Turbid downloaded candidate status is outside the native ABI.");
-        for (float x : {c.position[0], c.position[1], c.position[2], c.normal[0], c.normal[1],
-                        c.normal[2]})
-          if (!std::isfinite(x)) no_fallback("Turbid downloaded candidate contains non-finite data.");
-        if (c.status == 2)
-          no_fallback("Turbid de Wit LAD transform exhausted its checked attempts.");
-        if (c.status != 1) continue;
-        const float nn = c.normal[0] * c.normal[0] + c.normal[1] * c.normal[1] + c.normal[2] * c.normal[2];
-        if (std::fabs(nn - 1.0f) > 0.0001f)
-          no_fallback("Turbid downloaded accepted candidate normal is not unit length.");
-        const float3 pos{c.position[0], c.position[1], c.position[2]};
-        if (!inside_closed_boundary(pos, o.triangles.data(), o.triangles.size() / 3,
-                                    int8_t(o.request.closed_orientation)))
-          no_fallback("Turbid downloaded accepted candidate is outside the closed boundary.");
-        TurbidLeafAreaSample s;
-        s.sample_id = (uint64_t(o.owner_tag) << 32) | c.candidate_index;
-        std::copy(c.position, c.position + 3, s.position);
-        std::copy(c.normal, c.normal + 3, s.normal);
-        s.leaf_area = o.sample_weight_f;
-        s.owner = o.request.owner;
-        std::copy(o.request.property_ids, o.request.property_ids + 4, s.property_ids);
-        out.samples.push_back(s);
-        ++accepted;
+      // The host re-checks every candidate it takes, chunk by chunk in parallel, and reads
+      // the verdicts in candidate order, stopping at the budget as a serial check would.
+      verdicts.resize(std::min(count, VERIFY_CHUNK));
+      for (uint32_t begin = 0; begin < count && accepted < budget; begin += VERIFY_CHUNK) {
+        const int64_t n = int64_t(std::min(count - begin, VERIFY_CHUNK));
+#pragma omp parallel for schedule(static) num_threads(threads) if (n > 64)
+        for (int64_t i = 0; i < n; ++i)
+          verdicts[size_t(i)] = verify(o, batch[begin + size_t(i)], first + begin + uint64_t(i));
+        for (int64_t i = 0; i < n && accepted < budget; ++i) {
+          const Verdict v = Verdict(verdicts[size_t(i)]);
+          if (v == REJECTED) continue;
+          if (v != ACCEPTED) refuse(v);
+          const TurbidSamplingCandidate& c = batch[begin + size_t(i)];
+          TurbidLeafAreaSample s;
+          s.sample_id = (uint64_t(o.owner_tag) << 32) | c.candidate_index;
+          std::copy(c.position, c.position + 3, s.position);
+          std::copy(c.normal, c.normal + 3, s.normal);
+          s.leaf_area = o.sample_weight_f;
+          s.owner = o.request.owner;
+          std::copy(o.request.property_ids, o.request.property_ids + 4, s.property_ids);
+          out.samples.push_back(s);
+          ++accepted;
+        }
       }
       consumed = first + count;
       if (accepted >= budget) break;

@@ -315,6 +315,9 @@ thermal: s.add_instance(1, 1.0, 1.0, 2.0, 0.5); s.build(); SIM
 !ready: vk.make_ground_plane(23170.0, 23170.0, 0, 1.0)
 !ready: vk.make_sphere(1.0, np.zeros(3, F), 16)
 !ready: vk.make_cylinder(1.0, 2.0, 2**31-1)
+ready: vk._test_turbid_domain_id_exhaustion()
+ready: vk._set_turbid_commit_failure_embree(s, 'removal'); vk._build_turbid_domain_embree(s, treq())
+ready: vk._build_turbid_domain_embree(s, treq()); vk._build_turbid_domain_embree(s, treq())
 """.strip().splitlines()
 
 

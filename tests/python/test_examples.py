@@ -60,3 +60,10 @@ def test_canopy_energy_closes_the_balance_and_writes_a_thermal_image(tmp_path):
     closure = float(out.stdout.split("mean |Rn - H - LE| ")[1].split()[0])
     assert closure < 0.5, out.stdout
     assert (tmp_path / "out" / "canopy_energy.png").read_bytes()[:4] == b"\x89PNG"
+
+
+def test_turbid_domain_example_extends_and_survives_a_failed_commit(tmp_path):
+    out = run_example("turbid_domain.py", tmp_path).stdout
+    for line in ("earlier samples kept as prefix: True", "domain unchanged after the failure: True",
+                 "the same extension then passes: 8192 samples"):
+        assert line in out, out

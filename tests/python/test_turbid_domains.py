@@ -120,7 +120,7 @@ def test_samples_fill_a_sphere_uniformly_and_carry_its_leaf_area(monkeypatch):
     np.testing.assert_allclose(octants, 1 / 8, atol=0.012)
     assert p["leaf_area"].astype(np.float64).sum() == pytest.approx(1.5 * volume, rel=1e-6)
     np.testing.assert_allclose(np.linalg.norm(p["normal"], axis=1), 1, atol=1e-6)
-    assert (p["sample_id"] >> 32 == p["sample_id"][0] >> 32).all()
+    assert (p["sample_id"] >> np.uint64(32) == p["sample_id"][0] >> np.uint64(32)).all()
 
 
 def test_budget_prefix_and_orientation_invariance():
