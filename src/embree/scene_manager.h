@@ -78,6 +78,11 @@ struct InstanceSifSourceFields {
   bool empty() const { return grid_dims.empty(); }
 };
 
+// Whether every instance's grid can be looked up: dimensions of at least 1 whose cell
+// count fits spatial_cell_stride, and finite bounds with an extent above 0 that a float
+// holds. grid_dims, bounds_min and bounds_max must hold 3 values per instance.
+bool sif_source_grids_valid(const InstanceSifSourceFields& fields);
+
 // Limits of the settings: tile walls a ray may cross, the smallest tile (the tile
 // walk steps 1e-3 inside walls), and bands (so per-band index products fit in int32).
 constexpr int32_t MAX_REPETITIONS = 100000;
