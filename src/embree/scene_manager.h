@@ -21,6 +21,10 @@ struct EnergyBalanceProcessRequestView;
 struct EnergyBalanceProcessResult;
 struct DynamicPhotosynthesisProcessRequestView;
 struct DynamicPhotosynthesisResult;
+struct SifProcessRequestView;
+struct SifProcessResult;
+struct SifSourceAssemblyRequestView;
+struct SifSourceAssemblyResult;
 }  // namespace vesk::backend
 
 namespace vesk::embree {
@@ -253,6 +257,12 @@ class EmbreeSceneManager {
       const backend::EnergyBalanceProcessRequestView& view);
   backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
       const backend::DynamicPhotosynthesisProcessRequestView& view);
+  // The SIF steps read nothing from the scene and need no build: per-element yields and
+  // selected absorbed spectra, then the per-instance source tables that
+  // set_instance_sif_source_fields takes.
+  backend::SifProcessResult finalize_sif_process(const backend::SifProcessRequestView& view) const;
+  backend::SifSourceAssemblyResult assemble_sif_source(
+      const backend::SifSourceAssemblyRequestView& view) const;
 
   // ---- ray queries (const and re-entrant once built) ----
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,

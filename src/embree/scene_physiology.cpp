@@ -1,5 +1,5 @@
-// The CPU scene's entries to the leaf solver and to the processes that couple leaf
-// temperatures through the scene's longwave exchange.
+// The CPU scene's entries to the leaf solver, to the processes that couple leaf
+// temperatures through the scene's longwave exchange, and to the SIF source steps.
 #include <stdexcept>
 
 #include "embree/energy_balance.h"
@@ -7,6 +7,8 @@
 #include "physiology/energy_balance_process.h"
 #include "physiology/leaf_solver.h"
 #include "physiology/photosynthesis_dynamic.h"
+#include "physiology/sif_assembly.h"
+#include "physiology/sif_finalization.h"
 
 namespace vesk::embree {
 namespace {
@@ -101,6 +103,16 @@ backend::DynamicPhotosynthesisResult EmbreeSceneManager::execute_photosynthesis_
   return restoring_thermal_state(*this, [&](physiology::ThermalScene& scene) {
     return physiology::execute_photosynthesis_process_dynamic(scene, view);
   });
+}
+
+backend::SifProcessResult EmbreeSceneManager::finalize_sif_process(
+    const backend::SifProcessRequestView& view) const {
+  return backend::finalize_sif_process(view);
+}
+
+backend::SifSourceAssemblyResult EmbreeSceneManager::assemble_sif_source(
+    const backend::SifSourceAssemblyRequestView& view) const {
+  return backend::assemble_sif_source(view);
 }
 
 }  // namespace vesk::embree

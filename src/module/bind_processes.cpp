@@ -1,4 +1,5 @@
-// Process entries on the CPU scene: solve_physiology_cpu.
+// Process entries on the CPU scene: solve_physiology_cpu, then the energy-balance and
+// SIF processes in their documented order.
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
 #include "module/bind_request.h"
@@ -94,6 +95,7 @@ void bind_processes(py::module_& m) {
       "balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'\n"
       "W m-2, and '_execution'.");
   bind_energy_balance_processes(m);
+  bind_sif_processes(m);
 }
 
 }  // namespace vesk::module
