@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <initializer_list>
@@ -127,6 +128,12 @@ bool all_clear(const float* x, size_t n, bool non_negative) {
   return bad == 0;
 }
 
+// A source value the validator refuses: NaN, infinite, or below 0 (-0 is allowed).
+inline uint32_t not_clear(float x) {
+  const uint32_t bits = std::bit_cast<uint32_t>(x);
+  return uint32_t((bits & 0x7f800000u) == 0x7f800000u) | uint32_t(bits > 0x80000000u);
+}
+
 bool any_negative(const float* x, size_t n) {
   int32_t bad = 0;
 #pragma omp simd reduction(| : bad)
@@ -148,7 +155,15 @@ Sizes sizes_of(const SifSourceAssemblyRequestView& v) {
 
 }  // namespace
 
-void validate_sif_source_assembly_request(const SifSourceAssemblyRequestView& v) {
+namespace {
+
+// A request's counts and sizes, once the checks that read no values passed.
+struct Shape {
+  size_t instances, samples, bands, stride, bins, sample_xyz, bounds_xyz, source;
+};
+
+// The validator's first steps: counts, table sizes, array lengths.
+Shape checked_shape(const SifSourceAssemblyRequestView& v) {
   if (v.n_instances < 1) throw std::invalid_argument("n_instances must be positive");
   if (v.n_samples < 1) throw std::invalid_argument("n_samples must be positive");
   if (v.n_bands < 1) throw std::invalid_argument("n_bands must be positive");
@@ -156,57 +171,92 @@ void validate_sif_source_assembly_request(const SifSourceAssemblyRequestView& v)
   if (v.theta_bins < 1 || v.phi_bins < 1)
     throw std::invalid_argument("SIF orientation dimensions must be positive");
 
-  const size_t instances = size_t(v.n_instances), samples = size_t(v.n_samples);
-  const size_t bands = size_t(v.n_bands), stride = size_t(v.cell_stride);
-  const size_t bins = checked_size("SIF orientation", {size_t(v.theta_bins), size_t(v.phi_bins)});
-  checked_size("SIF joint field", {instances, stride, bins, bands});
-  const size_t sample_xyz = checked_size("sample xyz", {samples, 3});
-  const size_t bounds_xyz = checked_size("bounds xyz", {instances, 3});
-  const size_t source = checked_size("SIF source", {samples, bands});
-  checked_size("SIF spatial field", {instances, stride, bands});
-  checked_size("SIF orientation field", {instances, bins, bands});
+  Shape s;
+  s.instances = size_t(v.n_instances), s.samples = size_t(v.n_samples);
+  s.bands = size_t(v.n_bands), s.stride = size_t(v.cell_stride);
+  s.bins = checked_size("SIF orientation", {size_t(v.theta_bins), size_t(v.phi_bins)});
+  checked_size("SIF joint field", {s.instances, s.stride, s.bins, s.bands});
+  s.sample_xyz = checked_size("sample xyz", {s.samples, 3});
+  s.bounds_xyz = checked_size("bounds xyz", {s.instances, 3});
+  s.source = checked_size("SIF source", {s.samples, s.bands});
+  checked_size("SIF spatial field", {s.instances, s.stride, s.bands});
+  checked_size("SIF orientation field", {s.instances, s.bins, s.bands});
 
-  check_length("positions", length_of(v.positions), sample_xyz);
-  check_length("normals", length_of(v.normals), sample_xyz);
-  check_length("instance_ids", length_of(v.instance_ids), samples);
-  check_length("grid_dims", length_of(v.grid_dims), bounds_xyz);
-  check_length("source_band_major", length_of(v.source_band_major), source);
-  check_length("direct_source_band_major", length_of(v.direct_source_band_major), source);
-  check_length("bounds_min", length_of(v.bounds_min), bounds_xyz);
-  check_length("bounds_max", length_of(v.bounds_max), bounds_xyz);
+  check_length("positions", length_of(v.positions), s.sample_xyz);
+  check_length("normals", length_of(v.normals), s.sample_xyz);
+  check_length("instance_ids", length_of(v.instance_ids), s.samples);
+  check_length("grid_dims", length_of(v.grid_dims), s.bounds_xyz);
+  check_length("source_band_major", length_of(v.source_band_major), s.source);
+  check_length("direct_source_band_major", length_of(v.direct_source_band_major), s.source);
+  check_length("bounds_min", length_of(v.bounds_min), s.bounds_xyz);
+  check_length("bounds_max", length_of(v.bounds_max), s.bounds_xyz);
+  return s;
+}
+
+// Whether every check after the shape passes, the source values aside: finite
+// positions, normals and bounds, instance ids in range, usable grids.
+bool clear_but_sources(const SifSourceAssemblyRequestView& v, const Shape& s) {
   int32_t bad_id = 0;
 #pragma omp simd reduction(| : bad_id)
-  for (size_t i = 0; i < samples; ++i)
+  for (size_t i = 0; i < s.samples; ++i)
     bad_id |= (v.instance_ids.data[i] < 0) | (v.instance_ids.data[i] >= v.n_instances);
-  // The source arrays are the bulk of a request: valid input, the common case, is cleared
-  // by one pass over them; anything else goes through the checks in their order.
-  const bool clear = !bad_id && all_clear(v.positions.data, sample_xyz, false) &&
-                     all_clear(v.normals.data, sample_xyz, false) &&
-                     all_clear(v.source_band_major.data, source, true) &&
-                     all_clear(v.direct_source_band_major.data, source, true) &&
-                     all_clear(v.bounds_min.data, bounds_xyz, false) &&
-                     all_clear(v.bounds_max.data, bounds_xyz, false);
-  if (!clear) {
-    check_finite("positions", v.positions.data, sample_xyz);
-    check_finite("normals", v.normals.data, sample_xyz);
-    check_finite("source_band_major", v.source_band_major.data, source);
-    check_finite("direct_source_band_major", v.direct_source_band_major.data, source);
-    check_finite("bounds_min", v.bounds_min.data, bounds_xyz);
-    check_finite("bounds_max", v.bounds_max.data, bounds_xyz);
-    if (bad_id) throw std::invalid_argument("instance_ids is out of range");
-    // The direct share is a part of the source, so it cannot be negative either.
-    if (any_negative(v.source_band_major.data, source) ||
-        any_negative(v.direct_source_band_major.data, source))
-      throw std::invalid_argument("SIF source cannot be negative");
+  if (bad_id || !all_clear(v.positions.data, s.sample_xyz, false) ||
+      !all_clear(v.normals.data, s.sample_xyz, false) ||
+      !all_clear(v.bounds_min.data, s.bounds_xyz, false) ||
+      !all_clear(v.bounds_max.data, s.bounds_xyz, false))
+    return false;
+  for (size_t k = 0; k < s.instances; ++k) {
+    const int32_t* dims = v.grid_dims.data + 3 * k;
+    size_t cells = 1;
+    for (size_t a = 0; a < 3; ++a)
+      if (dims[a] < 1 || __builtin_mul_overflow(cells, size_t(dims[a]), &cells) ||
+          !(v.bounds_max[3 * k + a] > v.bounds_min[3 * k + a]))
+        return false;
+    // Within the stride, the count also fits the device index.
+    if (cells > s.stride) return false;
   }
+  return true;
+}
 
-  for (size_t k = 0; k < instances; ++k) {
+// Throws the validator's answer for a request found faulty by other means.
+[[noreturn]] void refuse(const SifSourceAssemblyRequestView& v) {
+  validate_sif_source_assembly_request(v);
+  throw std::logic_error("SIF source assembly: a check disagrees with the validator");
+}
+
+bool sources_clear(const SifSourceAssemblyRequestView& v, const Shape& s) {
+  return all_clear(v.source_band_major.data, s.source, true) &&
+         all_clear(v.direct_source_band_major.data, s.source, true);
+}
+
+}  // namespace
+
+void validate_sif_source_assembly_request(const SifSourceAssemblyRequestView& v) {
+  const Shape s = checked_shape(v);
+  // Valid input, the common case, is cleared by one pass over each array; anything else
+  // goes through the checks in their order to name its first fault.
+  if (clear_but_sources(v, s) && sources_clear(v, s)) return;
+  check_finite("positions", v.positions.data, s.sample_xyz);
+  check_finite("normals", v.normals.data, s.sample_xyz);
+  check_finite("source_band_major", v.source_band_major.data, s.source);
+  check_finite("direct_source_band_major", v.direct_source_band_major.data, s.source);
+  check_finite("bounds_min", v.bounds_min.data, s.bounds_xyz);
+  check_finite("bounds_max", v.bounds_max.data, s.bounds_xyz);
+  for (size_t i = 0; i < s.samples; ++i)
+    if (v.instance_ids[i] < 0 || v.instance_ids[i] >= v.n_instances)
+      throw std::invalid_argument("instance_ids is out of range");
+  // The direct share is a part of the source, so it cannot be negative either.
+  if (any_negative(v.source_band_major.data, s.source) ||
+      any_negative(v.direct_source_band_major.data, s.source))
+    throw std::invalid_argument("SIF source cannot be negative");
+
+  for (size_t k = 0; k < s.instances; ++k) {
     const int32_t* dims = v.grid_dims.data + 3 * k;
     if (dims[0] < 1 || dims[1] < 1 || dims[2] < 1)
       throw std::invalid_argument("SIF grid_dims must be positive");
     const size_t cells =
         checked_size("SIF instance cell", {size_t(dims[0]), size_t(dims[1]), size_t(dims[2])});
-    if (cells > stride)
+    if (cells > s.stride)
       throw std::invalid_argument("SIF grid_dims must be positive and fit cell_stride");
     for (size_t a = 0; a < 3; ++a)
       if (!(v.bounds_max[3 * k + a] > v.bounds_min[3 * k + a]))
@@ -408,14 +458,42 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void classify_range
 // per slot with its bands side by side, source and direct interleaved, so that a sample
 // updates one or two cache lines.
 constexpr size_t MAX_GROUP = 8;
-constexpr size_t GROUP_CACHE_BYTES = size_t(512) << 10;
+constexpr size_t GROUP_CACHE_BYTES = size_t(1) << 20;
 constexpr size_t ROUND_BYTES = size_t(64) << 20;
-// Samples per tile: within a tile each band's values are read as one run, and the
-// tile's slot rows stay in cache from band to band.
+// Samples per tile: a tile's source values are checked, then added while still in cache.
 constexpr size_t TILE = 256;
 
+// Whether any of n values is one the validator refuses; branch-free, so it vectorises.
+uint32_t any_not_clear(const float* x, size_t n) {
+  uint32_t bad = 0;
+#pragma omp simd reduction(| : bad)
+  for (size_t i = 0; i < n; ++i) bad |= not_clear(x[i]);
+  return bad;
+}
+
+// Samples [start, end) into the sums of W bands, in sample order. An unusable sample
+// (slot -1) adds to the spare row `spare`, which nothing reads: no branch in the loop.
+template <size_t W>
+void add_tile(const int32_t* slot, size_t start, size_t end, const float* const* source,
+              const float* const* direct, double* sums, size_t spare) {
+  for (size_t i = start; i < end; ++i) {
+    const int32_t q = slot[i];
+    double* cell = sums + (q >= 0 ? size_t(q) : spare) * (2 * W);
+    for (size_t j = 0; j < W; ++j) {
+      cell[2 * j] += double(source[j][i]);
+      cell[2 * j + 1] += double(direct[j][i]);
+    }
+  }
+}
+
+using TileAdder = void (*)(const int32_t*, size_t, size_t, const float* const*, const float* const*,
+                           double*, size_t);
+constexpr TileAdder TILE_ADDERS[MAX_GROUP + 1] = {nullptr,     add_tile<1>, add_tile<2>,
+                                                  add_tile<3>, add_tile<4>, add_tile<5>,
+                                                  add_tile<6>, add_tile<7>, add_tile<8>};
+
 struct GroupSums {
-  double* sums;         // [slot][band][source, direct]
+  double* sums;         // [slot, then a spare row][band][source, direct]
   double* spatial;      // [instance][cell][band]
   double* orientation;  // [instance][bin][band]
   double* instance;     // [instance][band][source, direct]
@@ -423,6 +501,11 @@ struct GroupSums {
 
 }  // namespace
 
+// Checks. The validator's answer, always, but valid sources are read once: the shape and
+// everything else are checked first, and the source values, the bulk of a request, in
+// the pass that adds them up. A request found faulty is handed to the validator to name
+// its first fault, and nothing computed leaves.
+//
 // Threads and determinism. Every double sum is built by one thread in a fixed order, so
 // the bits never depend on the thread count or on which thread runs what:
 //  1. each sample's joint slot is a pure function of the sample (parallel over samples);
@@ -432,7 +515,8 @@ struct GroupSums {
 //  3. the means are written in parallel over table rows, each value from those sums.
 // Rounds of groups bound the double scratch (to ROUND_BYTES, or a group per thread).
 SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& v) {
-  validate_sif_source_assembly_request(v);
+  const Shape shape = checked_shape(v);
+  if (!clear_but_sources(v, shape)) refuse(v);
   const Sizes z = sizes_of(v);
   const size_t n = size_t(v.n_samples), nb = size_t(v.n_bands);
   const size_t instances = size_t(v.n_instances), stride = size_t(v.cell_stride);
@@ -446,7 +530,7 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
   const size_t group = std::clamp<size_t>(
       std::min((nb + 2 * size_t(threads) - 1) / (2 * size_t(threads)), cached), 1, MAX_GROUP);
   const size_t groups = (nb + group - 1) / group;
-  const size_t group_doubles = group * (2 * slots + rows + orients + 2 * instances);
+  const size_t group_doubles = group * (2 * (slots + 1) + rows + orients + 2 * instances);
   // As many groups per round as ROUND_BYTES of sums hold (at least one per thread): each
   // round ends in barriers, which cost most when the machine is shared.
   const size_t per_round =
@@ -454,9 +538,15 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
 
   // Refused up front rather than failing half-way: the float tables and counts, a slot
   // per sample, and the double sums of one round.
-  check_request_memory("SIF source assembly", 4.0 * double(z.spatial + z.orientation + 2 * z.joint +
-                                                           rows + orients + slots + n + instances) +
-                                                  8.0 * double(per_round) * double(group_doubles));
+  const double table_bytes = 4.0 * double(z.spatial + z.orientation + 2 * z.joint + rows + orients +
+                                          slots + n + instances);
+  try {
+    check_request_memory("SIF source assembly",
+                         table_bytes + 8.0 * double(per_round) * double(group_doubles));
+  } catch (const RequestTooLarge&) {
+    if (!sources_clear(v, shape)) refuse(v);  // a fault in the request comes first
+    throw;
+  }
 
   SifSourceAssemblyResult r;
   r.spatial_field.resize(z.spatial);
@@ -483,29 +573,28 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
 
   auto sums_of = [&](size_t position) {
     double* base = scratch.get() + position * group_doubles;
-    return GroupSums{base, base + 2 * group * slots, base + group * (2 * slots + rows),
-                     base + group * (2 * slots + rows + orients)};
+    double* spatial = base + 2 * group * (slots + 1);
+    return GroupSums{base, spatial, spatial + group * rows, spatial + group * (rows + orients)};
   };
 
-  // Bands [b0, b0 + w) into a group's sums.
+  // Bands [b0, b0 + w) into a group's sums. Every value read, of usable samples or not,
+  // is checked on the way, while it is in cache.
+  std::atomic<uint32_t> source_fault{0};
   auto accumulate = [&](size_t b0, size_t w, const GroupSums& g) {
     const size_t row_width = 2 * w;
-    std::fill(g.sums, g.sums + row_width * slots, 0.0);
+    std::fill(g.sums, g.sums + row_width * (slots + 1), 0.0);
+    const float* s[MAX_GROUP];
+    const float* d[MAX_GROUP];
+    for (size_t j = 0; j < w; ++j) s[j] = source + (b0 + j) * n, d[j] = direct + (b0 + j) * n;
+    uint32_t fault = 0;
     for (size_t start = 0; start < n; start += TILE) {
       const size_t end = std::min(n, start + TILE);
-      for (size_t j = 0; j < w; ++j) {
-        const float* s = source + (b0 + j) * n;
-        const float* d = direct + (b0 + j) * n;
-        double* column = g.sums + 2 * j;
-        for (size_t i = start; i < end; ++i) {
-          const int32_t q = slot[i];
-          if (q < 0) continue;
-          double* cell = column + size_t(q) * row_width;
-          cell[0] += double(s[i]);
-          cell[1] += double(d[i]);
-        }
-      }
+      for (size_t j = 0; j < w; ++j)
+        fault |=
+            any_not_clear(s[j] + start, end - start) | any_not_clear(d[j] + start, end - start);
+      TILE_ADDERS[w](slot, start, end, s, d, g.sums, slots);
     }
+    if (fault) source_fault.fetch_or(1, std::memory_order_relaxed);
     std::fill(g.orientation, g.orientation + orients * w, 0.0);
     std::fill(g.instance, g.instance + instances * row_width, 0.0);
     for (size_t k = 0; k < instances; ++k) {
@@ -638,6 +727,7 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
       }
     }
   }
+  if (source_fault.load()) refuse(v);
   return r;
 }
 

@@ -287,6 +287,10 @@ ASSEMBLY_FAULTS = [
     (dict(direct_source=np.full((2, 8), np.nan, F), bounds_min=np.full((2, 3), np.nan, F)),
      "direct_source_band_major contains a non-finite value"),
     (dict(bounds_max=np.full((2, 3), np.inf, F)), "bounds_max contains a non-finite value"),
+    # A sample that is dropped (outside its box) still has its source checked.
+    (dict(positions=np.vstack([[5, 5, 5], np.full((7, 3), 0.5)]).astype(F),
+          source=np.vstack([np.ones(8), np.r_[np.nan, np.ones(7)]]).astype(F)),
+     "source_band_major contains a non-finite value"),
     (dict(instance_ids=np.full(8, 2, I), source=-np.ones((2, 8), F)),
      "instance_ids is out of range"),
     (dict(instance_ids=np.full(8, -1, I)), "instance_ids is out of range"),
