@@ -23,6 +23,10 @@ struct DynamicPhotosynthesisProcessRequestView;
 struct DynamicPhotosynthesisResult;
 struct PhotosynthesisProcessRequestView;
 struct PhotosynthesisStaticResult;
+struct SifProcessRequestView;
+struct SifProcessResult;
+struct SifSourceAssemblyRequestView;
+struct SifSourceAssemblyResult;
 }  // namespace vesk::backend
 
 namespace vesk::turbid {
@@ -86,6 +90,11 @@ struct InstanceSifSourceFields {
   int32_t orientation_theta_bins = 0, orientation_phi_bins = 0;
   bool empty() const { return grid_dims.empty(); }
 };
+
+// Whether every instance's grid can be looked up: dimensions of at least 1 whose cell
+// count fits spatial_cell_stride, and finite bounds with an extent above 0 that a float
+// holds. grid_dims, bounds_min and bounds_max must hold 3 values per instance.
+bool sif_source_grids_valid(const InstanceSifSourceFields& fields);
 
 // Limits of the settings: tile walls a ray may cross, the smallest tile (the tile
 // walk steps 1e-3 inside walls), and bands (so per-band index products fit in int32).
@@ -281,6 +290,12 @@ class EmbreeSceneManager {
   // turned back, so the mesh's own orientation holds.
   void instance_world_mesh(int32_t instance, std::vector<float3>& vertices,
                            std::vector<int3>& triangles) const;
+  // The SIF steps read nothing from the scene and need no build: per-element yields and
+  // selected absorbed spectra, then the per-instance source tables that
+  // set_instance_sif_source_fields takes.
+  backend::SifProcessResult finalize_sif_process(const backend::SifProcessRequestView& view) const;
+  backend::SifSourceAssemblyResult assemble_sif_source(
+      const backend::SifSourceAssemblyRequestView& view) const;
 
   // ---- ray queries (const and re-entrant once built) ----
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,

@@ -1,5 +1,6 @@
 // Per-primitive and per-instance overrides that the thermal and SIF paths read.
 // Every setter checks its whole input before it stores anything.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <initializer_list>
@@ -99,46 +100,58 @@ void EmbreeSceneManager::clear_instance_sif_spectra() {
   instance_n_sif_bands_ = 0;
 }
 
+namespace {
+
+// A size as a product that cannot wrap: a product past SIZE_MAX matches no array.
+size_t saturating_product(std::initializer_list<size_t> factors) {
+  size_t p = 1;
+  for (const size_t f : factors)
+    if (__builtin_mul_overflow(p, f, &p)) return SIZE_MAX;
+  return p;
+}
+
+}  // namespace
+
+bool sif_source_grids_valid(const InstanceSifSourceFields& f) {
+  constexpr float FMAX = std::numeric_limits<float>::max();
+  const size_t n = f.grid_dims.size() / 3;
+  for (size_t k = 0; k < n; ++k) {
+    size_t grid_cells = 1;
+    for (size_t a = 0; a < 3; ++a) {
+      const int32_t dim = f.grid_dims[3 * k + a];
+      const float e = f.bounds_max[3 * k + a] - f.bounds_min[3 * k + a];
+      if (dim < 1 || !std::isfinite(f.bounds_min[3 * k + a]) ||
+          !std::isfinite(f.bounds_max[3 * k + a]) || !(e > 0.0f) || e > FMAX)
+        return false;
+      grid_cells = saturating_product({grid_cells, size_t(dim)});
+    }
+    if (grid_cells > size_t(std::max(f.spatial_cell_stride, 0))) return false;
+  }
+  return true;
+}
+
 void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields f) {
   require_idle_();
   if (f.n_sif_bands < 1 || f.spatial_cell_stride < 1 || f.orientation_theta_bins < 1 ||
       f.orientation_phi_bins < 1)
-    throw std::invalid_argument("set_instance_sif_source_fields: dimensions must be positive");
-  // Table sizes as products that cannot wrap: a product past SIZE_MAX matches no array.
-  auto product = [](std::initializer_list<size_t> factors) {
-    size_t p = 1;
-    for (const size_t f : factors)
-      if (__builtin_mul_overflow(p, f, &p)) return SIZE_MAX;
-    return p;
-  };
+    throw std::invalid_argument("Embree instance SIF source fields: dimensions must be positive");
   const size_t n = instances_.size();
   const size_t bands = size_t(f.n_sif_bands), cells = size_t(f.spatial_cell_stride);
-  const size_t bins = product({size_t(f.orientation_theta_bins), size_t(f.orientation_phi_bins)});
-  const size_t joint = product({n, cells, bins, bands});
-  if (f.grid_dims.size() != 3 * n || f.bounds_min.size() != 3 * n ||
-      f.bounds_max.size() != 3 * n || f.spatial_spectra.size() != product({n, cells, bands}) ||
-      f.orientation_spectra.size() != product({n, bins, bands}) ||
+  const size_t bins =
+      saturating_product({size_t(f.orientation_theta_bins), size_t(f.orientation_phi_bins)});
+  const size_t joint = saturating_product({n, cells, bins, bands});
+  if (f.grid_dims.size() != 3 * n || f.bounds_min.size() != 3 * n || f.bounds_max.size() != 3 * n ||
+      f.spatial_spectra.size() != saturating_product({n, cells, bands}) ||
+      f.orientation_spectra.size() != saturating_product({n, bins, bands}) ||
       f.joint_spectra.size() != joint || f.direct_joint_spectra.size() != joint)
-    throw std::invalid_argument("set_instance_sif_source_fields: array length mismatch");
+    throw std::invalid_argument("Embree instance SIF source fields: array length mismatch");
   check_finite("spatial_spectra", f.spatial_spectra.data(), f.spatial_spectra.size());
   check_finite("orientation_spectra", f.orientation_spectra.data(), f.orientation_spectra.size());
   check_finite("joint_spectra", f.joint_spectra.data(), f.joint_spectra.size());
   check_finite("direct_joint_spectra", f.direct_joint_spectra.data(),
                f.direct_joint_spectra.size());
-  constexpr float FMAX = std::numeric_limits<float>::max();
-  for (size_t k = 0; k < n; ++k) {
-    size_t grid_cells = 1;
-    bool bad = false;
-    for (size_t a = 0; a < 3; ++a) {
-      const int32_t dim = f.grid_dims[3 * k + a];
-      const float e = f.bounds_max[3 * k + a] - f.bounds_min[3 * k + a];
-      bad |= dim < 1 || !std::isfinite(f.bounds_min[3 * k + a]) ||
-             !std::isfinite(f.bounds_max[3 * k + a]) || !(e > 0.0f) || e > FMAX;
-      grid_cells = product({grid_cells, size_t(std::max<int32_t>(dim, 1))});
-    }
-    if (bad || grid_cells > cells)
-      throw std::invalid_argument("set_instance_sif_source_fields: invalid instance grid");
-  }
+  if (!sif_source_grids_valid(f))
+    throw std::invalid_argument("Embree instance SIF source fields: invalid instance grid");
   instance_sif_source_fields_ = std::move(f);
 }
 

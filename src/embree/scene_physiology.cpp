@@ -1,5 +1,6 @@
-// The CPU scene's entries to the leaf solver, the photosynthesis processes and the
-// processes that couple leaf temperatures through the scene's longwave exchange.
+// The CPU scene's entries to the leaf solver, the photosynthesis processes, the
+// processes that couple leaf temperatures through the scene's longwave exchange, and
+// the SIF source steps.
 #include <stdexcept>
 
 #include "embree/energy_balance.h"
@@ -8,6 +9,8 @@
 #include "physiology/leaf_solver.h"
 #include "physiology/photosynthesis_dynamic.h"
 #include "physiology/photosynthesis_static.h"
+#include "physiology/sif_assembly.h"
+#include "physiology/sif_finalization.h"
 
 namespace vesk::embree {
 namespace {
@@ -107,6 +110,16 @@ backend::DynamicPhotosynthesisResult EmbreeSceneManager::execute_photosynthesis_
 backend::PhotosynthesisStaticResult EmbreeSceneManager::execute_photosynthesis_process_static(
     const backend::PhotosynthesisProcessRequestView& view) const {
   return backend::execute_photosynthesis_process_static(view);
+}
+
+backend::SifProcessResult EmbreeSceneManager::finalize_sif_process(
+    const backend::SifProcessRequestView& view) const {
+  return backend::finalize_sif_process(view);
+}
+
+backend::SifSourceAssemblyResult EmbreeSceneManager::assemble_sif_source(
+    const backend::SifSourceAssemblyRequestView& view) const {
+  return backend::assemble_sif_source(view);
 }
 
 }  // namespace vesk::embree

@@ -77,6 +77,7 @@ void bind_lidar(py::module_& m);
 void bind_turbid(py::module_& m);
 void bind_energy_balance_transport(py::module_& m);
 void bind_energy_balance_processes(py::module_& m);
+void bind_sif_processes(py::module_& m);
 void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 void bind_scene_overrides(SceneClass& cls);

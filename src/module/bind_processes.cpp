@@ -1,4 +1,5 @@
-// Process entries on the CPU scene: solve_physiology_cpu, then the photosynthesis processes.
+// Process entries on the CPU scene: solve_physiology_cpu, then the photosynthesis,
+// energy-balance and SIF processes in their documented order.
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
 #include "module/bind_request.h"
@@ -95,6 +96,7 @@ void bind_processes(py::module_& m) {
       "W m-2, and '_execution'.");
   bind_photosynthesis_static(m);
   bind_energy_balance_processes(m);
+  bind_sif_processes(m);
 }
 
 }  // namespace vesk::module

@@ -1,4 +1,5 @@
 // EmbreeSceneManager: per-primitive and per-instance overrides of the thermal and SIF paths.
+#include "core/array_check.h"
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
 
@@ -79,7 +80,7 @@ void bind_scene_overrides(SceneClass& cls) {
          int32_t orientation_phi_bins) {
         if (n_sif_bands < 1 || spatial_cell_stride < 1 || orientation_theta_bins < 1 ||
             orientation_phi_bins < 1)
-          throw py::value_error("Embree instance SIF source fields: dimensions must be positive");
+          throw py::value_error("set_instance_sif_source_fields: dimensions must be positive");
         // Products in double: exact below 2^53, and above it larger than any array, so huge
         // dimensions cannot wrap into a match.
         using real = double;
@@ -92,7 +93,7 @@ void bind_scene_overrides(SceneClass& cls) {
             real(orientation_spectra.size()) != n * bins * bands ||
             real(joint_spectra.size()) != n * cells * bins * bands ||
             real(direct_joint_spectra.size()) != n * cells * bins * bands)
-          throw py::value_error("Embree instance SIF source fields: array length mismatch");
+          throw py::value_error("set_instance_sif_source_fields: array length mismatch");
         vesk::embree::InstanceSifSourceFields f;
         f.spatial_spectra = to_vector(spatial_spectra);
         f.orientation_spectra = to_vector(orientation_spectra);
@@ -105,6 +106,15 @@ void bind_scene_overrides(SceneClass& cls) {
         f.spatial_cell_stride = spatial_cell_stride;
         f.orientation_theta_bins = orientation_theta_bins;
         f.orientation_phi_bins = orientation_phi_bins;
+        // The scene's own checks again, in the same order, with this entry's texts.
+        check_finite("spatial_spectra", f.spatial_spectra.data(), f.spatial_spectra.size());
+        check_finite("orientation_spectra", f.orientation_spectra.data(),
+                     f.orientation_spectra.size());
+        check_finite("joint_spectra", f.joint_spectra.data(), f.joint_spectra.size());
+        check_finite("direct_joint_spectra", f.direct_joint_spectra.data(),
+                     f.direct_joint_spectra.size());
+        if (!vesk::embree::sif_source_grids_valid(f))
+          throw py::value_error("set_instance_sif_source_fields: invalid instance grid");
         s.set_instance_sif_source_fields(std::move(f));
       },
       py::arg("spatial_spectra"), py::arg("orientation_spectra"), py::arg("joint_spectra"),

@@ -458,21 +458,24 @@ TEST(SceneManager, OverrideSettersCheckEverythingBeforeStoring) {
   s.set_instance_sif_source_fields(f);
   auto bad = f;
   bad.grid_dims = {3, 3, 1, 1, 1, 1};  // 9 cells do not fit a stride of 8
-  expect_throw_text<std::invalid_argument>([&] { s.set_instance_sif_source_fields(bad); },
-                                           "set_instance_sif_source_fields: invalid instance grid");
+  expect_throw_text<std::invalid_argument>(
+      [&] { s.set_instance_sif_source_fields(bad); },
+      "Embree instance SIF source fields: invalid instance grid");
   bad = f;
   bad.bounds_max[4] = 0;
-  expect_throw_text<std::invalid_argument>([&] { s.set_instance_sif_source_fields(bad); },
-                                           "set_instance_sif_source_fields: invalid instance grid");
+  expect_throw_text<std::invalid_argument>(
+      [&] { s.set_instance_sif_source_fields(bad); },
+      "Embree instance SIF source fields: invalid instance grid");
   bad = f;
   bad.joint_spectra.pop_back();
-  expect_throw_text<std::invalid_argument>([&] { s.set_instance_sif_source_fields(bad); },
-                                           "set_instance_sif_source_fields: array length mismatch");
+  expect_throw_text<std::invalid_argument>(
+      [&] { s.set_instance_sif_source_fields(bad); },
+      "Embree instance SIF source fields: array length mismatch");
   bad = f;
   bad.orientation_phi_bins = 0;
   expect_throw_text<std::invalid_argument>(
       [&] { s.set_instance_sif_source_fields(bad); },
-      "set_instance_sif_source_fields: dimensions must be positive");
+      "Embree instance SIF source fields: dimensions must be positive");
   EXPECT_EQ(s.instance_sif_source_fields().grid_dims, f.grid_dims);
   s.clear_instance_sif_source_fields();
   EXPECT_TRUE(s.instance_sif_source_fields().empty());

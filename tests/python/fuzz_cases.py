@@ -20,6 +20,7 @@ from conftest import scene_state, unit_cube
 from test_energy_balance import dyn_request, eb_request
 from test_photosynthesis import photosynthesis_request
 from test_physiology import leaf_request
+from test_sif import assembly_request, sif_request
 
 F = np.float32
 SEED = 20261121
@@ -95,7 +96,8 @@ def preq(drop=(), **changes):
 # The names case statements use; arrays are copied for every case.
 NAMES = dict(
     np=np, vk=vk, F=F, nan=float("nan"), inf=float("inf"), CallbackError=CallbackError,
-    boom=boom, req=req, preq=preq, treq=turbid_request, towner=turbid_owner, make_scene=make_scene, scene_state=scene_state,
+    boom=boom, req=req, preq=preq, treq=turbid_request, towner=turbid_owner,
+    make_scene=make_scene, scene_state=scene_state, sifreq=sif_request, asmreq=assembly_request,
     first=lambda a, x: np.where(np.arange(np.size(a)).reshape(np.shape(a)) == 0, x, a),
     SPECTRAL=SPECTRAL, SUN=SUN, CAMERA=CAMERA, EYE12=np.eye(3, 4, dtype=F).ravel(),
     UP=np.array([0, 0, 1], F), LAYERS=np.array([0, 1, 2.5], F), **{
@@ -129,7 +131,7 @@ def bar(text):
 # machine has. Classes: i int, l photon count, f float, c complex, b bool, fa / ia float /
 # int32 array, fl float list, o outputs, s scene, r leaf request, q photosynthesis request,
 # e energy-balance request, d dynamic photosynthesis request, t Turbid domain request,
-# x string, p progress callback.
+# g SIF finalisation request, a SIF assembly request, x string, p progress callback.
 ENTRIES = {item.split()[0]: [(t[0] == "!",) + tuple(t.lstrip("!").split(":", 1))
                              for t in item.split()[1:]] for item in bar("""
 s.add_mesh fa:CUBE_V fa:CUBE_N ia:CUBE_I i:1 | s.add_instance i:0 f:1.0 f:1.0 f:0.5 f:0.5
@@ -173,6 +175,7 @@ vk._extend_turbid_samples_embree s:s i:tdom() !i:128 | vk._turbid_domain_revisio
 vk._debug_turbid_domain_samples_embree s:s i:tdom() | vk._debug_turbid_scene_relations_embree s:s
 vk._debug_turbid_residency_embree s:s | vk._set_turbid_commit_failure_embree s:s x:'table_stage'
 vk.execute_energy_balance_process_cpu s:s e:ebreq() | vk.execute_photosynthesis_process_dynamic_cpu s:s d:dynreq()
+vk.finalize_sif_process_cpu s:s g:sifreq() | vk.assemble_sif_source_cpu s:s a:asmreq()
 vk.simulate_lidar_cpu s:s fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
 f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False""")}
 
@@ -237,6 +240,19 @@ q: preq(absorbed_top=np.zeros((2**31, 0), F)) | preq(temperature_sunlit=np.full(
 q: preq(co2=nan) | preq(co2=1e38) | preq(relative_humidity=-0.0) | preq(max_iterations=2**31)
 q: preq(tolerance=1e-45) | preq(tolerance='small') | preq(quantum_yield=np.full(3, 2.0, F))
 q: preq(vcmax25=None) | preq(jmax25=np.full(3, 1e38, F)) | preq(rd25=np.full(3, -0.0, F))
+g a: [] | None | {} | V | {**V, 'cell_stride': 4, 'element_phi_f': None}
+g: {**V, 'material_ids': None} | sifreq(element_phi_f=np.zeros(0, F))
+g: sifreq(absorbed_top=np.zeros(20, F)) | sifreq(element_phi_f=np.full(4, 2.0, F))
+g: sifreq(absorbed_top=np.zeros((0, 5), F), absorbed_bottom=np.zeros((0, 5), F))
+g: sifreq(selected_band_indices=np.array([4, 2], np.int32))
+g: sifreq(material_ids=np.full(4, 2**31-1, np.int32)) | sifreq(absorbed_bottom=np.full((4, 5), nan))
+g: sifreq(selected_band_indices=np.arange(5, dtype=np.int32), material_phi_f=np.ones(1, F) * inf)
+a: {**V, 'source': None} | asmreq(theta_bins=65536, phi_bins=65536) | asmreq(cell_stride=2**31-1)
+a: asmreq(grid_dims=np.full((2, 3), 2**31-1, np.int32)) | asmreq(instance_ids=np.full(8, -1))
+a: asmreq(bounds_max=np.zeros((2, 3), F)) | asmreq(normals=np.zeros((8, 3), F)) | asmreq(source=[])
+a: asmreq(source=np.zeros((2**31-1, 0), F), cell_stride=2**31-1, phi_bins=2**31-1, theta_bins=1)
+a: asmreq(positions=np.full((8, 3), 1e38, F), bounds_min=np.full((2, 3), -3e38, F), \
+bounds_max=np.full((2, 3), 3e38, F)) | asmreq(direct_source=np.full((2, 8), -1.0, F))
 """.strip().splitlines():
     classes, values = line.split(": ", 1)
     for cls in classes.split():

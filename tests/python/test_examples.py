@@ -67,3 +67,11 @@ def test_turbid_domain_example_extends_and_survives_a_failed_commit(tmp_path):
     for line in ("earlier samples kept as prefix: True", "domain unchanged after the failure: True",
                  "the same extension then passes: 8192 samples"):
         assert line in out, out
+
+
+def test_fluorescence_example_renders_sif_where_the_leaves_are(tmp_path):
+    out = run_example("fluorescence.py", tmp_path).stdout
+    sif = float(out.split("seen from above: ")[1].split()[0])
+    assert 0.1 < sif < 20, out  # mW m-2 sr-1 nm-1: a canopy's far-red SIF
+    for name in ("fluorescence_740nm.png", "fluorescence_spectrum.png"):
+        assert (tmp_path / "out" / name).read_bytes()[:4] == b"\x89PNG"

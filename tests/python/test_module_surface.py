@@ -79,7 +79,8 @@ def test_cpu_entries_are_registered_in_their_documented_order():
     order = ["simulate_cpu", "simulate_brf_cpu", "simulate_forward_cpu", "simulate_flux_cpu",
              "run_energy_balance_cpu", "run_energy_balance_multiband_cpu", "solve_physiology_cpu",
              "execute_photosynthesis_process_static_cpu",
-             "execute_photosynthesis_process_dynamic_cpu", "execute_energy_balance_process_cpu"]
+             "execute_photosynthesis_process_dynamic_cpu", "execute_energy_balance_process_cpu",
+             "finalize_sif_process_cpu", "assemble_sif_source_cpu"]
     assert [names.index(n) for n in order] == sorted(names.index(n) for n in order)
     kept = {"run_energy_balance_cpu": "Run the energy balance reverse RT kernel. Returns (top, "
             "bot) numpy arrays of length n_primitives. bot is empty when two_sided=False. "

@@ -55,14 +55,19 @@ BAD_CALLS = [
      "mesh triangle 2 references a vertex outside the vertex buffer"),
     ("set_instance_sif_source_fields",
      lambda s, c: s.set_instance_sif_source_fields(**sif_fields(2, orientation_phi_bins=0)),
-     "Embree instance SIF source fields: dimensions must be positive"),
+     "set_instance_sif_source_fields: dimensions must be positive"),
     ("set_instance_sif_source_fields",
      lambda s, c: s.set_instance_sif_source_fields(**sif_fields(1)),
-     "Embree instance SIF source fields: array length mismatch"),
+     "set_instance_sif_source_fields: array length mismatch"),
     ("set_instance_sif_source_fields",
      lambda s, c: s.set_instance_sif_source_fields(
          **sif_fields(2, grid_dims=np.array([3, 3, 1, 2, 2, 2], np.int32))),
      "set_instance_sif_source_fields: invalid instance grid"),
+    ("set_instance_sif_source_fields",  # values are checked before the grids
+     lambda s, c: s.set_instance_sif_source_fields(**sif_fields(
+         2, spatial_spectra=np.full(32, np.nan, F),
+         grid_dims=np.array([3, 3, 1, 2, 2, 2], np.int32))),
+     "spatial_spectra contains a non-finite value"),
     ("set_instance_turbid_thermal_state",
      lambda s, c: s.set_instance_turbid_thermal_state(np.ones(2, F), np.ones(2, F),
                                                       np.full(2, 1.5, F), np.ones(2, F)),
