@@ -82,6 +82,25 @@ py::array_t<bool> per_element_flags(std::vector<uint8_t>&& v) {
   return move_to_numpy<uint8_t, bool>(std::move(v), {n});
 }
 
+// The keys both coupled processes share: the longwave, the fluxes and the loop's record.
+template <class Result>
+void put_coupled(py::dict& d, Result& r) {
+  d["absorbed_longwave_top"] = per_element(std::move(r.absorbed_longwave_top));
+  d["absorbed_longwave_bottom"] = per_element(std::move(r.absorbed_longwave_bottom));
+  d["absorbed_longwave"] = per_element(std::move(r.absorbed_longwave));
+  d["emitted_longwave"] = per_element(std::move(r.emitted_longwave));
+  d["net_radiation"] = per_element(std::move(r.net_radiation));
+  d["sensible_heat"] = per_element(std::move(r.sensible_heat));
+  d["latent_heat"] = per_element(std::move(r.latent_heat));
+  d["history"] = history_list(r.history);
+  d["active_mask"] = per_element_flags(std::move(r.active_mask));
+  d["element_converged"] = per_element_flags(std::move(r.element_converged));
+  d["iterations"] = r.iterations;
+  d["converged"] = r.converged;
+  d["final_max_temperature_change"] = r.final_max_temperature_change;
+  d["_execution"] = execution_dict(r.execution);
+}
+
 }  // namespace
 
 void bind_energy_balance_transport(py::module_& m) {
@@ -255,8 +274,6 @@ void bind_energy_balance_processes(py::module_& m) {
         d["ci"] = per_element(std::move(r.ci));
         d["phi_f"] = per_element(std::move(r.phi_f));
         d["apar"] = per_element(std::move(r.apar));
-        d["active_mask"] = per_element_flags(std::move(r.active_mask));
-        d["element_converged"] = per_element_flags(std::move(r.element_converged));
         d["temperature_sunlit"] = per_element(std::move(r.temperature_sunlit));
         d["temperature_shaded"] = per_element(std::move(r.temperature_shaded));
         d["sunlit_fraction"] = per_element(std::move(r.sunlit_fraction));
@@ -264,18 +281,7 @@ void bind_energy_balance_processes(py::module_& m) {
         d["apar_shaded"] = per_element(std::move(r.apar_shaded));
         d["an_sunlit"] = per_element(std::move(r.an_sunlit));
         d["an_shaded"] = per_element(std::move(r.an_shaded));
-        d["absorbed_longwave_top"] = per_element(std::move(r.absorbed_longwave_top));
-        d["absorbed_longwave_bottom"] = per_element(std::move(r.absorbed_longwave_bottom));
-        d["absorbed_longwave"] = per_element(std::move(r.absorbed_longwave));
-        d["emitted_longwave"] = per_element(std::move(r.emitted_longwave));
-        d["net_radiation"] = per_element(std::move(r.net_radiation));
-        d["sensible_heat"] = per_element(std::move(r.sensible_heat));
-        d["latent_heat"] = per_element(std::move(r.latent_heat));
-        d["history"] = history_list(r.history);
-        d["iterations"] = r.iterations;
-        d["converged"] = r.converged;
-        d["final_max_temperature_change"] = r.final_max_temperature_change;
-        d["_execution"] = execution_dict(r.execution);
+        put_coupled(d, r);
         return d;
       },
       py::arg("scene"), py::arg("request"),
@@ -363,21 +369,8 @@ void bind_energy_balance_processes(py::module_& m) {
         d["absorbed_shortwave_top"] = per_element(std::move(r.absorbed_shortwave_top));
         d["absorbed_shortwave_bottom"] = per_element(std::move(r.absorbed_shortwave_bottom));
         d["absorbed_shortwave"] = per_element(std::move(r.absorbed_shortwave));
-        d["absorbed_longwave_top"] = per_element(std::move(r.absorbed_longwave_top));
-        d["absorbed_longwave_bottom"] = per_element(std::move(r.absorbed_longwave_bottom));
-        d["absorbed_longwave"] = per_element(std::move(r.absorbed_longwave));
-        d["emitted_longwave"] = per_element(std::move(r.emitted_longwave));
-        d["net_radiation"] = per_element(std::move(r.net_radiation));
-        d["sensible_heat"] = per_element(std::move(r.sensible_heat));
-        d["latent_heat"] = per_element(std::move(r.latent_heat));
         d["ground_heat"] = per_element(std::move(r.ground_heat));
-        d["history"] = history_list(r.history);
-        d["active_mask"] = per_element_flags(std::move(r.active_mask));
-        d["element_converged"] = per_element_flags(std::move(r.element_converged));
-        d["iterations"] = r.iterations;
-        d["converged"] = r.converged;
-        d["final_max_temperature_change"] = r.final_max_temperature_change;
-        d["_execution"] = execution_dict(r.execution);
+        put_coupled(d, r);
         return d;
       },
       py::arg("scene"), py::arg("request"),

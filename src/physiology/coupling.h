@@ -58,6 +58,21 @@ struct CouplingSettings {
   float damping = 1.0f;
 };
 
+// The loop's settings from a process request that names them alike.
+template <class View>
+CouplingSettings coupling_settings(const View& v) {
+  CouplingSettings s;
+  s.active = v.active.data;
+  s.emissivity = v.emissivity.data;
+  s.sidedness = v.sidedness.data;
+  s.n_samples = v.n_samples;
+  s.sky_lw_radiance = v.sky_lw_radiance;
+  s.max_iterations = v.max_iterations;
+  s.tolerance = v.convergence_tolerance;
+  s.damping = v.damping;
+  return s;
+}
+
 // Steps must provide
 //   void solve(const std::vector<float>& T, const std::vector<float>& absorbed_longwave,
 //              bool solve_temperature, Result& out);

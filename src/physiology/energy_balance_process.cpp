@@ -199,15 +199,7 @@ backend::EnergyBalanceProcessResult execute_energy_balance_process(
     out.absorbed_shortwave[i] = top[i] + bottom[i];
   }
 
-  CouplingSettings cs;
-  cs.active = v.active.data;
-  cs.emissivity = v.emissivity.data;
-  cs.sidedness = v.sidedness.data;
-  cs.n_samples = v.n_samples;
-  cs.sky_lw_radiance = v.sky_lw_radiance;
-  cs.max_iterations = v.max_iterations;
-  cs.tolerance = v.convergence_tolerance;
-  cs.damping = v.damping;
+  const CouplingSettings cs = coupling_settings(v);
   FixedEnergySteps steps{v, out.absorbed_shortwave};
   RadiativeTemperatureCouplingResult<FixedEnergyBatch> c = couple_radiative_temperatures<FixedEnergyBatch>(
       scene, std::vector<float>(v.initial_temperature.data, v.initial_temperature.data + n), cs,

@@ -197,15 +197,7 @@ backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
   scene.set_primitive_emissivities(std::vector<float>(v.emissivity.data, v.emissivity.data + n));
 
   LeafSolves solves(v);
-  CouplingSettings cs;
-  cs.active = v.active.data;
-  cs.emissivity = v.emissivity.data;
-  cs.sidedness = v.sidedness.data;
-  cs.n_samples = v.n_samples;
-  cs.sky_lw_radiance = v.sky_lw_radiance;
-  cs.max_iterations = v.max_iterations;
-  cs.tolerance = v.convergence_tolerance;
-  cs.damping = v.damping;
+  const CouplingSettings cs = coupling_settings(v);
   RadiativeTemperatureCouplingResult<LeafBatch> c = couple_radiative_temperatures<LeafBatch>(
       scene, std::vector<float>(v.initial_temperature.data, v.initial_temperature.data + n), cs,
       solves);
