@@ -275,6 +275,13 @@ s.set_sensor(0, 4, 3, 4.0, 3.0, np.full(16, nan, F)) | s.set_sensor(0, 4, 3, 4, 
 s.set_sensor(0, 4, 3, 4.0, 3.0, CAMERA, 60.0, 0, True)
 s.set_repetitive(3, 1e-30, 1e-30) | s.set_repetitive(3, nan, nan) | s.set_repetitive(3, inf, inf)
 s.set_repetitive(3, -4.0, -4.0)""")] + """
+ready: vk.list_vulkan_devices(); vk._vulkan_validation_message_count()
+ready: vk.device_info(0)
+ready: vk.device_info(-1)
+ready: vk.device_info(2**31)
+ready: vk.device_info(None)
+ready: vk.VulkanContext(2**31-1)
+ready: vk.VulkanContext(-2**31)
 repeated: s.set_measurement_plane(nan)
 repeated: s.set_measurement_plane(-inf)
 thermal: s.add_instance(1, 1.0, 1.0, 2.0, 0.5); s.build(); SIM
