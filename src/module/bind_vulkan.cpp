@@ -51,6 +51,21 @@ void bind_vulkan_scene(py::module_& m) {
   bind_scene_geometry_of(cls);
   bind_scene_settings_of(cls);
   cls.def(
+      "simulate_backward",
+      [](VulkanSceneManager& s, int spp, int max_depth, const py::object& progress,
+         const py::object& outputs, int max_output_order) {
+        const backend::OpticalProductRequest request = optical_request(outputs, max_output_order);
+        return optical_product_dict(
+            s.simulate_backward(spp, max_depth, progress_bridge(progress), request));
+      },
+      py::arg("spp") = 16, py::arg("max_depth") = 16, py::arg("progress") = py::none(),
+      py::arg("outputs") = "radiance", py::arg("max_output_order") = 0,
+      "Render the sensor image by backward path tracing on the device: the path of\n"
+      "simulate_cpu (same seeds and draws, sun next-event estimation through repeated\n"
+      "tiles, sky, thermal and SIF emission), one invocation per pixel and sample, summed in\n"
+      "64 bits. Scenes with optical turbid media are refused. Arguments and the returned\n"
+      "dict as simulate_cpu's; '_execution' names 'vulkan.ray_query.optical_backward'.");
+  cls.def(
       "update_spectral_params",
       [](VulkanSceneManager& s, size_t offset, const FloatArray& values) {
         s.update_spectral_params(offset, values.data(), size_t(values.size()));
