@@ -48,6 +48,9 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
     int spp, int max_depth, const ProgressFn& progress,
     const backend::OpticalProductRequest& request) {
   if (spp < 1) throw std::invalid_argument("spp must be positive");
+  // The program's bindings belong to the run in flight (a progress callback may call in).
+  if (running_ > 0)
+    throw std::runtime_error("simulate_backward: a simulation is already running on this scene");
   embree::validate_optical_scene(*this, num_bands_);
   embree::validate_band_wavelengths(*this, num_bands_);
   if (sensor_.width < 1 || sensor_.height < 1)
