@@ -19,7 +19,7 @@ py::dict device_dict(const DeviceInfo& d) {
   r["vendor_id"] = d.vendor_id;
   r["device_id"] = d.device_id;
   r["device_type"] = d.device_type;
-  r["is_discrete"] = d.device_type == VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU;
+  r["is_discrete"] = d.is_discrete();
   r["api_version"] = d.api_version;
   r["device_local_memory_mb"] = d.device_local_memory_mb;
   r["has_compute_queue"] = d.has_compute_queue;

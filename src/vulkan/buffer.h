@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "vulkan/context.h"
+#include "vulkan/vulkan_api.h"
 
 namespace vesk::vulkan {
 

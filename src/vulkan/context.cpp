@@ -1,6 +1,8 @@
 // Device listing, ranking and opening; the one-shot command path.
 #include "vulkan/context.h"
 
+#include "vulkan/vulkan_api.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +11,19 @@
 namespace vesk::vulkan {
 
 void count_validation_message();
+
+// An instance with its entry points (and the validation messenger when asked for).
+struct Instance {
+  VkInstance handle = VK_NULL_HANDLE;
+  InstanceFunctions fn;
+  VkDebugUtilsMessengerEXT messenger = VK_NULL_HANDLE;
+  Instance();  // throws when there is no loader or no usable instance
+  ~Instance();
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
+  // Every physical device with its facts, in enumeration order (not yet ranked).
+  std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> probe_devices() const;
+};
 
 namespace {
 
@@ -48,6 +63,8 @@ int type_rank(int32_t type) {
 }
 
 }  // namespace
+
+bool DeviceInfo::is_discrete() const { return device_type == VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU; }
 
 void judge_compatibility(DeviceInfo& d) {
   const char* reason = nullptr;
@@ -242,7 +259,7 @@ std::vector<DeviceInfo> VulkanContext::enumerate_devices() {
   return rank_devices(std::move(devices));
 }
 
-VulkanContext::VulkanContext(int device_index) {
+VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunctions>()) {
   if (device_index < 0) throw std::out_of_range("Vulkan device index must be non-negative");
   instance_ = std::make_unique<Instance>();
   const InstanceFunctions& ifn = instance_->fn;
@@ -326,8 +343,8 @@ VulkanContext::VulkanContext(int device_index) {
     const VkDevice dev = device_;
     const char* missing = nullptr;
 #define VESK_VK_LOAD_DEVICE(name)                                                  \
-  fn_.name = reinterpret_cast<PFN_##name>(ifn.vkGetDeviceProcAddr(dev, #name)); \
-  if (!fn_.name && !missing) missing = #name;
+  fn_->name = reinterpret_cast<PFN_##name>(ifn.vkGetDeviceProcAddr(dev, #name)); \
+  if (!fn_->name && !missing) missing = #name;
     VESK_VK_RAY_FUNCTIONS(VESK_VK_LOAD_DEVICE)
     VESK_VK_DEVICE_FUNCTIONS(VESK_VK_LOAD_DEVICE)
 #undef VESK_VK_LOAD_DEVICE
@@ -338,29 +355,32 @@ VulkanContext::VulkanContext(int device_index) {
       throw std::runtime_error(std::string("Vulkan: failed to load ") + missing);
     }
   }
-  ifn.vkGetPhysicalDeviceMemoryProperties(physical_, &memory_);
-  fn_.vkGetDeviceQueue(device_, queue_family_, 0, &queue_);
+  VkPhysicalDeviceMemoryProperties memory{};
+  ifn.vkGetPhysicalDeviceMemoryProperties(physical_, &memory);
+  for (uint32_t i = 0; i < memory.memoryTypeCount; ++i)
+    memory_type_flags_.push_back(memory.memoryTypes[i].propertyFlags);
+  fn_->vkGetDeviceQueue(device_, queue_family_, 0, &queue_);
 
   try {
     VkCommandPoolCreateInfo pi{};
     pi.sType = VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO;
     pi.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
     pi.queueFamilyIndex = queue_family_;
-    check(fn_.vkCreateCommandPool(device_, &pi, nullptr, &pool_), "vkCreateCommandPool(immediate)");
+    check(fn_->vkCreateCommandPool(device_, &pi, nullptr, &pool_), "vkCreateCommandPool(immediate)");
     VkCommandBufferAllocateInfo ai{};
     ai.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO;
     ai.commandPool = pool_;
     ai.level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
     ai.commandBufferCount = 1;
-    check(fn_.vkAllocateCommandBuffers(device_, &ai, &command_buffer_),
+    check(fn_->vkAllocateCommandBuffers(device_, &ai, &command_buffer_),
           "vkAllocateCommandBuffers(immediate)");
     VkFenceCreateInfo fi{};
     fi.sType = VK_STRUCTURE_TYPE_FENCE_CREATE_INFO;
     fi.flags = VK_FENCE_CREATE_SIGNALED_BIT;
-    check(fn_.vkCreateFence(device_, &fi, nullptr, &fence_), "vkCreateFence(immediate)");
+    check(fn_->vkCreateFence(device_, &fi, nullptr, &fence_), "vkCreateFence(immediate)");
   } catch (...) {
-    if (pool_) fn_.vkDestroyCommandPool(device_, pool_, nullptr);
-    fn_.vkDestroyDevice(device_, nullptr);
+    if (pool_) fn_->vkDestroyCommandPool(device_, pool_, nullptr);
+    fn_->vkDestroyDevice(device_, nullptr);
     device_ = VK_NULL_HANDLE;
     throw;
   }
@@ -368,43 +388,42 @@ VulkanContext::VulkanContext(int device_index) {
 
 VulkanContext::~VulkanContext() {
   if (!device_) return;
-  fn_.vkDeviceWaitIdle(device_);
-  if (fence_) fn_.vkDestroyFence(device_, fence_, nullptr);
-  if (pool_) fn_.vkDestroyCommandPool(device_, pool_, nullptr);
-  fn_.vkDestroyDevice(device_, nullptr);
+  fn_->vkDeviceWaitIdle(device_);
+  if (fence_) fn_->vkDestroyFence(device_, fence_, nullptr);
+  if (pool_) fn_->vkDestroyCommandPool(device_, pool_, nullptr);
+  fn_->vkDestroyDevice(device_, nullptr);
 }
 
 uint32_t VulkanContext::find_memory_type(unsigned type_bits, unsigned properties) const {
-  for (uint32_t i = 0; i < memory_.memoryTypeCount; ++i)
-    if ((type_bits & (1u << i)) &&
-        (memory_.memoryTypes[i].propertyFlags & properties) == properties)
+  for (uint32_t i = 0; i < memory_type_flags_.size(); ++i)
+    if ((type_bits & (1u << i)) && (memory_type_flags_[i] & properties) == properties)
       return i;
   throw std::runtime_error("Vulkan: no compatible memory type");
 }
 
 void VulkanContext::immediate_submit(const std::function<void(VkCommandBuffer)>& record) const {
-  check(fn_.vkWaitForFences(device_, 1, &fence_, VK_TRUE, UINT64_MAX), "vkWaitForFences(immediate)");
-  check(fn_.vkResetFences(device_, 1, &fence_), "vkResetFences(immediate)");
-  check(fn_.vkResetCommandBuffer(command_buffer_, 0), "vkResetCommandBuffer(immediate)");
+  check(fn_->vkWaitForFences(device_, 1, &fence_, VK_TRUE, UINT64_MAX), "vkWaitForFences(immediate)");
+  check(fn_->vkResetFences(device_, 1, &fence_), "vkResetFences(immediate)");
+  check(fn_->vkResetCommandBuffer(command_buffer_, 0), "vkResetCommandBuffer(immediate)");
   VkCommandBufferBeginInfo bi{};
   bi.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
   bi.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
-  check(fn_.vkBeginCommandBuffer(command_buffer_, &bi), "vkBeginCommandBuffer(immediate)");
+  check(fn_->vkBeginCommandBuffer(command_buffer_, &bi), "vkBeginCommandBuffer(immediate)");
   try {
     record(command_buffer_);
   } catch (...) {
     // Leave the fence signalled, so the next call does not wait for ever.
-    fn_.vkEndCommandBuffer(command_buffer_);
-    fn_.vkQueueSubmit(queue_, 0, nullptr, fence_);
+    fn_->vkEndCommandBuffer(command_buffer_);
+    fn_->vkQueueSubmit(queue_, 0, nullptr, fence_);
     throw;
   }
-  check(fn_.vkEndCommandBuffer(command_buffer_), "vkEndCommandBuffer(immediate)");
+  check(fn_->vkEndCommandBuffer(command_buffer_), "vkEndCommandBuffer(immediate)");
   VkSubmitInfo si{};
   si.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO;
   si.commandBufferCount = 1;
   si.pCommandBuffers = &command_buffer_;
-  check(fn_.vkQueueSubmit(queue_, 1, &si, fence_), "vkQueueSubmit(immediate)");
-  check(fn_.vkWaitForFences(device_, 1, &fence_, VK_TRUE, UINT64_MAX),
+  check(fn_->vkQueueSubmit(queue_, 1, &si, fence_), "vkQueueSubmit(immediate)");
+  check(fn_->vkWaitForFences(device_, 1, &fence_, VK_TRUE, UINT64_MAX),
         "vkWaitForFences(immediate completion)");
 }
 

@@ -8,9 +8,23 @@
 #include <string>
 #include <vector>
 
-#include "vulkan/vulkan_api.h"
+// Vulkan's handles, declared as vulkan_core.h declares them on 64-bit targets, so that
+// this header (which the bindings include) needs no Vulkan header.
+typedef struct VkInstance_T* VkInstance;
+typedef struct VkPhysicalDevice_T* VkPhysicalDevice;
+typedef struct VkDevice_T* VkDevice;
+typedef struct VkQueue_T* VkQueue;
+typedef struct VkCommandBuffer_T* VkCommandBuffer;
+typedef struct VkCommandPool_T* VkCommandPool;
+typedef struct VkFence_T* VkFence;
 
 namespace vesk::vulkan {
+
+struct DeviceFunctions;  // vulkan_api.h
+struct Instance;         // context.cpp
+
+// Messages the validation layer reported in this process (see vulkan_api.h).
+uint64_t validation_message_count();
 
 struct DeviceInfo {
   int32_t device_index = -1;    // place among compatible devices after ranking, else -1
@@ -23,6 +37,7 @@ struct DeviceInfo {
   bool has_compute_queue = false, has_acceleration_structure = false, has_ray_query = false,
        has_buffer_device_address = false, compatible = false;
   std::string unavailable_reason;  // empty for a compatible device
+  bool is_discrete() const;
 };
 
 // Sets `compatible` and `unavailable_reason` from the other fields: the first missing
@@ -34,19 +49,6 @@ void judge_compatibility(DeviceInfo& d);
 // more device-local memory, lower vendor id, lower device id, name bytewise. Compatible
 // devices get device_index in that order.
 std::vector<DeviceInfo> rank_devices(std::vector<DeviceInfo> devices);
-
-// An instance with its entry points (and the validation messenger when asked for).
-struct Instance {
-  VkInstance handle = VK_NULL_HANDLE;
-  InstanceFunctions fn;
-  VkDebugUtilsMessengerEXT messenger = VK_NULL_HANDLE;
-  Instance();  // throws when there is no loader or no usable instance
-  ~Instance();
-  Instance(const Instance&) = delete;
-  Instance& operator=(const Instance&) = delete;
-  // Every physical device with its facts, in enumeration order (not yet ranked).
-  std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> probe_devices() const;
-};
 
 class VulkanContext {
  public:
@@ -76,20 +78,20 @@ class VulkanContext {
   uint32_t min_scratch_alignment() const { return min_scratch_alignment_; }
 
   VkDevice device() const { return device_; }
-  const DeviceFunctions& fn() const { return fn_; }
+  const DeviceFunctions& fn() const { return *fn_; }
 
  private:
   std::unique_ptr<Instance> instance_;
-  VkPhysicalDevice physical_ = VK_NULL_HANDLE;
-  VkDevice device_ = VK_NULL_HANDLE;
-  VkQueue queue_ = VK_NULL_HANDLE;
+  VkPhysicalDevice physical_ = nullptr;
+  VkDevice device_ = nullptr;
+  VkQueue queue_ = nullptr;
   uint32_t queue_family_ = 0;
-  VkPhysicalDeviceMemoryProperties memory_{};
+  std::vector<uint32_t> memory_type_flags_;  // property flags of each memory type
   DeviceInfo info_;
-  DeviceFunctions fn_;
-  VkCommandPool pool_ = VK_NULL_HANDLE;
-  VkCommandBuffer command_buffer_ = VK_NULL_HANDLE;
-  VkFence fence_ = VK_NULL_HANDLE;
+  std::unique_ptr<DeviceFunctions> fn_;
+  VkCommandPool pool_ = nullptr;
+  VkCommandBuffer command_buffer_ = nullptr;
+  VkFence fence_ = nullptr;
   bool int64_float64_ = false;
   uint32_t min_scratch_alignment_ = 256;
 };
