@@ -395,15 +395,21 @@ void VulkanSceneManager::clear_primitive_sif_spectra() {
 void VulkanSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
   require_idle_();
   const size_t n = instances_.size();
-  for (const auto* v : {&s.temperature_sunlit, &s.temperature_shaded, &s.sunlit_fraction,
-                        &s.emissivity})
-    check_length("instance turbid thermal state", v->size(), n);
-  for (size_t i = 0; i < n; ++i)
-    if (!(s.temperature_sunlit[i] >= 0.0f && s.temperature_shaded[i] >= 0.0f &&
-          s.sunlit_fraction[i] >= 0.0f && s.sunlit_fraction[i] <= 1.0f &&
-          s.emissivity[i] >= 0.0f && s.emissivity[i] <= 1.0f &&
-          std::isfinite(s.temperature_sunlit[i]) && std::isfinite(s.temperature_shaded[i])))
+  check_length("temperature_sunlit", s.temperature_sunlit.size(), n);
+  check_length("temperature_shaded", s.temperature_shaded.size(), n);
+  check_length("sunlit_fraction", s.sunlit_fraction.size(), n);
+  check_length("emissivity", s.emissivity.size(), n);
+  check_finite("temperature_sunlit", s.temperature_sunlit.data(), n);
+  check_finite("temperature_shaded", s.temperature_shaded.data(), n);
+  check_finite("sunlit_fraction", s.sunlit_fraction.data(), n);
+  check_finite("emissivity", s.emissivity.data(), n);
+  for (size_t i = 0; i < n; ++i) {
+    // A temperature of 0 marks an instance without turbid thermal state.
+    if (s.temperature_sunlit[i] < 0.0f || s.temperature_shaded[i] < 0.0f ||
+        s.sunlit_fraction[i] < 0.0f || s.sunlit_fraction[i] > 1.0f || s.emissivity[i] < 0.0f ||
+        s.emissivity[i] > 1.0f)
       throw std::invalid_argument("instance turbid thermal state is outside its domain");
+  }
   instance_turbid_thermal_ = std::move(s);
 }
 
