@@ -40,8 +40,8 @@ build-sanitize: deps $(SAN_BUILD)/CMakeCache.txt
 	cmake --build $(SAN_BUILD) -j $(JOBS) --target vesk_gpu vesk_tests vesk_python
 
 test-sanitize: build-sanitize
-	ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1
-	ASAN_OPTIONS=detect_leaks=0:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_PY) $(PY) -m pytest -q tests/python
+	$(VK_TEST) ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1
+	$(VK_TEST) ASAN_OPTIONS=detect_leaks=0:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_PY) $(PY) -m pytest -q tests/python
 
 demo: build
 	$(PYPATH) $(PY) examples/quickstart.py

@@ -9,7 +9,7 @@ packages=(
   pybind11-dev python3-dev python3-numpy python3-pytest python3-pil python3-scipy
   python3-matplotlib
   libgtest-dev
-  libvulkan-dev glslc vulkan-validationlayers
+  libvulkan-dev glslc spirv-tools vulkan-validationlayers
 )
 
 missing=()

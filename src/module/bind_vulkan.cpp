@@ -159,6 +159,20 @@ void bind_vulkan_scene(py::module_& m) {
          const FloatArray& bounds_max, const IntArray& grid_dims, int32_t n_sif_bands,
          int32_t spatial_cell_stride, int32_t orientation_theta_bins,
          int32_t orientation_phi_bins) {
+        // The CPU binding's checks and texts.
+        if (n_sif_bands < 1 || spatial_cell_stride < 1 || orientation_theta_bins < 1 ||
+            orientation_phi_bins < 1)
+          throw py::value_error("Embree instance SIF source fields: dimensions must be positive");
+        const double n = double(size_t(grid_dims.size()) / 3);
+        const double bands = n_sif_bands, cells = spatial_cell_stride;
+        const double bins = double(orientation_theta_bins) * double(orientation_phi_bins);
+        if (double(grid_dims.size()) != 3 * n || n != double(s.num_instances()) ||
+            double(bounds_min.size()) != 3 * n || double(bounds_max.size()) != 3 * n ||
+            double(spatial_spectra.size()) != n * cells * bands ||
+            double(orientation_spectra.size()) != n * bins * bands ||
+            double(joint_spectra.size()) != n * cells * bins * bands ||
+            double(direct_joint_spectra.size()) != n * cells * bins * bands)
+          throw py::value_error("Embree instance SIF source fields: array length mismatch");
         vesk::embree::InstanceSifSourceFields f;
         f.spatial_spectra = to_vector(spatial_spectra);
         f.orientation_spectra = to_vector(orientation_spectra);

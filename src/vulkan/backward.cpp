@@ -37,8 +37,6 @@ struct Push {
   uint32_t sample_index, pixel_base;
 };
 
-// Pixels per dispatch: within every device's limit on workgroups along x.
-constexpr uint32_t PIXELS_PER_DISPATCH = 65535u * WORKGROUP;
 
 constexpr VkDescriptorType SB = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER;
 
@@ -181,9 +179,9 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
                                            VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT, 0, 1, &mb, 0,
                                            nullptr, 0, nullptr);
       }
-      for (uint64_t base = 0; base < pixels; base += PIXELS_PER_DISPATCH) {
+      for (uint64_t base = 0; base < pixels; base += MAX_DISPATCH) {
         const Push push{uint32_t(s), uint32_t(base)};
-        prog.dispatch(cb, uint32_t(std::min<uint64_t>(PIXELS_PER_DISPATCH, pixels - base)), &push);
+        prog.dispatch(cb, uint32_t(std::min<uint64_t>(MAX_DISPATCH, pixels - base)), &push);
       }
     });
     if (progress) progress(long(s + 1), long(spp), elapsed_ms(start));

@@ -246,16 +246,17 @@ std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> Instance::probe_devices() c
 
 std::vector<DeviceInfo> VulkanContext::enumerate_devices() {
   if (!loader()) return {};
-  std::unique_ptr<Instance> instance;
+  std::vector<DeviceInfo> devices;
   try {
-    instance = std::make_unique<Instance>();
-  } catch (const std::runtime_error&) {
-    // A loader without any driver refuses the instance: nothing to list.
-    if (validation_requested()) throw;
+    Instance instance;
+    for (auto& [pd, d] : instance.probe_devices()) devices.push_back(d);
+  } catch (const VulkanError& e) {
+    // A loader without a usable driver refuses the instance, or the enumeration: there
+    // is nothing to list.
+    if (e.result != VK_ERROR_INCOMPATIBLE_DRIVER && e.result != VK_ERROR_INITIALIZATION_FAILED)
+      throw;
     return {};
   }
-  std::vector<DeviceInfo> devices;
-  for (auto& [pd, d] : instance->probe_devices()) devices.push_back(d);
   return rank_devices(std::move(devices));
 }
 

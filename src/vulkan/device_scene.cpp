@@ -269,7 +269,7 @@ std::vector<InstanceRecord> make_instance_records(const std::vector<EmbreeInstan
 
 VulkanSceneManager::Device::Device(const VulkanContext& c, const std::string& trace_program)
     : context(c),
-      trace(c, trace_program, {AS, SB, SB, SB, SB, SB, SB, SB}, 4) {}
+      trace(c, trace_program, {AS, SB, SB, SB, SB, SB, SB, SB}, 8) {}
 
 VulkanSceneManager::Device::~Device() { release_structures(); }
 
@@ -398,8 +398,15 @@ std::vector<VulkanHit> VulkanSceneManager::trace_closest(
   dev_->bind_scene(dev_->trace);
   dev_->trace.bind(6, ray_buf);
   dev_->trace.bind(7, hit_buf);
+  if (rays.size() >= (size_t(1) << 32) / 16)
+    throw std::invalid_argument("trace_closest: at most 2^28 rays per call on Vulkan");
   const uint32_t count = uint32_t(rays.size());
-  context_.immediate_submit([&](VkCommandBuffer cb) { dev_->trace.dispatch(cb, count, &count); });
+  context_.immediate_submit([&](VkCommandBuffer cb) {
+    for (uint32_t base = 0; base < count; base += std::min(count - base, MAX_DISPATCH)) {
+      const uint32_t push[2] = {count, base};
+      dev_->trace.dispatch(cb, std::min(count - base, MAX_DISPATCH), push);
+    }
+  });
 
   std::vector<uint32_t> out(rays.size() * 16);
   hit_buf.download(out.data(), out.size() * sizeof(uint32_t));

@@ -44,8 +44,10 @@ class Program {
   VkDescriptorSet set_ = VK_NULL_HANDLE;
 };
 
-// Workgroup width of every program (local_size_x in the shaders).
+// Workgroup width of every program (local_size_x in the shaders), and the most
+// invocations one dispatch may have on any device (65535 workgroups along x).
 constexpr uint32_t WORKGROUP = 64;
+constexpr uint32_t MAX_DISPATCH = 65535u * WORKGROUP;
 
 // Storage buffer the host fills and reads; at least 16 bytes, since Vulkan has no empty
 // buffers.

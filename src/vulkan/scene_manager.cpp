@@ -352,11 +352,13 @@ std::vector<float3> VulkanSceneManager::primitive_normals() const {
 }
 
 // ---- overrides ----
+// The texts are the CPU scene's, word for word (its backend's name included), so that a
+// caller sees one set of refusals whichever scene it fills.
 
 void VulkanSceneManager::set_primitive_emissivities(std::vector<float> values) {
   require_idle_();
   if (values.size() != n_primitives())
-    throw std::invalid_argument("Vulkan primitive emissivity count must equal n_primitives()");
+    throw std::invalid_argument("Embree primitive emissivity count must equal n_primitives()");
   check_non_negative("emissivities", values.data(), values.size());
   primitive_emissivities_ = std::move(values);
 }
@@ -364,7 +366,7 @@ void VulkanSceneManager::set_primitive_emissivities(std::vector<float> values) {
 void VulkanSceneManager::set_primitive_temperatures(std::vector<float> values) {
   require_idle_();
   if (values.size() != n_primitives())
-    throw std::invalid_argument("Vulkan primitive temperature count must equal n_primitives()");
+    throw std::invalid_argument("Embree primitive temperature count must equal n_primitives()");
   check_non_negative("temperatures", values.data(), values.size());
   primitive_temperatures_ = std::move(values);
 }
@@ -377,10 +379,10 @@ void VulkanSceneManager::clear_primitive_temperatures() {
 void VulkanSceneManager::set_primitive_sif_spectra(std::vector<float> spectra,
                                                    int32_t n_sif_bands) {
   require_idle_();
-  if (n_sif_bands < 1) throw std::invalid_argument("Vulkan SIF band count must be positive");
+  if (n_sif_bands < 1) throw std::invalid_argument("Embree SIF band count must be positive");
   if (spectra.size() != size_t(n_sif_bands) * n_primitives())
     throw std::invalid_argument(
-        "Vulkan primitive SIF spectrum size must equal bands * n_primitives()");
+        "Embree primitive SIF spectrum size must equal bands * n_primitives()");
   check_finite("spectra", spectra.data(), spectra.size());
   primitive_sif_spectra_ = std::move(spectra);
   n_sif_bands_ = n_sif_bands;
@@ -421,10 +423,10 @@ void VulkanSceneManager::clear_instance_turbid_thermal_state() {
 void VulkanSceneManager::set_instance_sif_spectra(std::vector<float> spectra,
                                                   int32_t n_sif_bands) {
   require_idle_();
-  if (n_sif_bands < 1) throw std::invalid_argument("Vulkan SIF band count must be positive");
+  if (n_sif_bands < 1) throw std::invalid_argument("Embree SIF band count must be positive");
   if (spectra.size() != size_t(n_sif_bands) * instances_.size())
     throw std::invalid_argument(
-        "Vulkan instance SIF spectrum size must equal bands * num_instances()");
+        "Embree instance SIF spectrum size must equal bands * num_instances()");
   check_finite("spectra", spectra.data(), spectra.size());
   instance_sif_spectra_ = std::move(spectra);
   instance_n_sif_bands_ = n_sif_bands;

@@ -62,9 +62,11 @@ const GlobalFunctions* loader() {
 
 const std::string& loader_failure() { return the_loader().failure; }
 
+VulkanError::VulkanError(const std::string& label, VkResult r)
+    : std::runtime_error(label + " failed (" + std::to_string(int(r)) + ")"), result(r) {}
+
 void check(VkResult r, const char* label) {
-  if (r != VK_SUCCESS)
-    throw std::runtime_error(std::string(label) + " failed (" + std::to_string(int(r)) + ")");
+  if (r != VK_SUCCESS) throw VulkanError(label, r);
 }
 
 bool validation_requested() {

@@ -7,6 +7,7 @@
 #include <vulkan/vulkan.h>
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 
 namespace vesk::vulkan {
@@ -110,7 +111,13 @@ struct DeviceFunctions {
 const GlobalFunctions* loader();
 const std::string& loader_failure();
 
-// Throws std::runtime_error "<label> failed (<code>)" unless r is VK_SUCCESS.
+// A failed Vulkan call: "<label> failed (<code>)", with the code kept.
+struct VulkanError : std::runtime_error {
+  VulkanError(const std::string& label, VkResult r);
+  VkResult result;
+};
+
+// Throws VulkanError unless r is VK_SUCCESS.
 void check(VkResult r, const char* label);
 
 // Whether the run asked for the Khronos validation layer (VESK_VULKAN_VALIDATION set to

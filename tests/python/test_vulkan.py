@@ -176,6 +176,8 @@ def test_moved_instances_are_traced_after_refit_only(context, rng):
     "s.set_optical_turbid_media([1.0], [9], [1], [0.0], [0])",
     "s.set_sif_only_mode(True); s.set_thermal_mode(True, [np.inf])",
     "s.set_instance_turbid_thermal_state([300.0], [290.0], [0.5], [0.9])",
+    "s.set_primitive_temperatures(np.full(3, 300.0))", "s.set_primitive_sif_spectra([1.0], 0)",
+    "s.set_instance_sif_source_fields(*[np.zeros(1)] * 6, np.zeros(3, np.int32), 1, 1, 1, 1)",
 ])
 def test_refusals_match_the_cpu_scene(context, call):
     texts = []
