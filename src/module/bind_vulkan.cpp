@@ -97,7 +97,8 @@ void bind_vulkan_scene(py::module_& m) {
         if (emissivities.ndim() != 1) throw py::value_error("emissivities must be 1D");
         s.set_primitive_emissivities(to_vector(emissivities));
       },
-      py::arg("emissivities"), "Upload per-primitive emissivities: (n_primitives(),) float32, 0..1.");
+      py::arg("emissivities"),
+      "Upload per-primitive emissivities: (n_primitives(),) float32, 0..1.");
   cls.def(
       "get_primitive_emissivities",
       [](const VulkanSceneManager& s) { return to_numpy(s.primitive_emissivities()); },
@@ -193,8 +194,7 @@ void bind_vulkan_scene(py::module_& m) {
       py::arg("orientation_theta_bins"), py::arg("orientation_phi_bins"),
       "Per-instance SIF source tables in the CPU scene's layout. Leaves inside media read\n"
       "them, and the Vulkan tracers refuse media: the tables are kept for the host.");
-  cls.def("clear_instance_sif_source_fields",
-          &VulkanSceneManager::clear_instance_sif_source_fields,
+  cls.def("clear_instance_sif_source_fields", &VulkanSceneManager::clear_instance_sif_source_fields,
           "Remove the per-instance SIF source tables.");
 }
 

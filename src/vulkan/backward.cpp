@@ -37,7 +37,6 @@ struct Push {
   uint32_t sample_index, pixel_base;
 };
 
-
 constexpr VkDescriptorType SB = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER;
 
 }  // namespace
@@ -77,7 +76,8 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   const uint64_t plane = pixels * uint64_t(bands);
   const int32_t order_count = request.scattering_order ? request.max_output_order + 2 : 0;
   const double planes = 1.0 + (request.standard_error ? 1.0 : 0.0) +
-                        (request.event_aov ? double(backend::EVENT_SLOTS) : 0.0) + double(order_count);
+                        (request.event_aov ? double(backend::EVENT_SLOTS) : 0.0) +
+                        double(order_count);
   // The film on the device and twice on the host, and the path scratch.
   check_request_memory("simulate_backward: a " + std::to_string(width) + " x " +
                            std::to_string(height) + " x " + std::to_string(bands) + " image",
@@ -141,8 +141,9 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   Buffer wl_buf = filled(band_wavelengths_.data(), band_wavelengths_.size() * 4);
   Buffer temp_buf = p.has_temperatures ? filled(primitive_temperatures_.data(), n_prims * 4)
                                        : storage_buffer(context_, 0);
-  Buffer sif_buf = p.has_sif ? filled(primitive_sif_spectra_.data(), primitive_sif_spectra_.size() * 4)
-                             : storage_buffer(context_, 0);
+  Buffer sif_buf = p.has_sif
+                       ? filled(primitive_sif_spectra_.data(), primitive_sif_spectra_.size() * 4)
+                       : storage_buffer(context_, 0);
   Buffer param_buf = filled(&p, sizeof(p));
   Buffer film_buf = storage_buffer(context_, film_values * sizeof(double));
   Buffer scratch_buf = storage_buffer(context_, size_t(plane) * 2 * sizeof(double));
@@ -150,8 +151,8 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   if (!dev_->backward)
     dev_->backward = std::make_unique<Program>(
         context_, resolve_program("backward.spv", program_dir_),
-        std::vector<VkDescriptorType>{VK_DESCRIPTOR_TYPE_ACCELERATION_STRUCTURE_KHR, SB, SB, SB,
-                                      SB, SB, SB, SB, SB, SB, SB, SB, SB, SB},
+        std::vector<VkDescriptorType>{VK_DESCRIPTOR_TYPE_ACCELERATION_STRUCTURE_KHR, SB, SB, SB, SB,
+                                      SB, SB, SB, SB, SB, SB, SB, SB, SB},
         uint32_t(sizeof(Push)));
   Program& prog = *dev_->backward;
   dev_->bind_scene(prog);
@@ -192,15 +193,16 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   film_buf.download(film.data(), film.size() * sizeof(double));
   backend::OpticalFilm f(request, width, height, bands);
   auto take = [&](std::vector<double>& dst, size_t offset) {
-    std::copy(film.begin() + std::ptrdiff_t(offset), film.begin() + std::ptrdiff_t(offset + dst.size()),
-              dst.begin());
+    std::copy(film.begin() + std::ptrdiff_t(offset),
+              film.begin() + std::ptrdiff_t(offset + dst.size()), dst.begin());
   };
   take(f.sum, 0);
   if (request.standard_error) take(f.sum_sq, p.sq_offset);
   if (request.event_aov) take(f.aov, p.aov_offset);
   if (request.scattering_order) take(f.orders, p.orders_offset);
   backend::OpticalProductResult r = f.finish(spp);
-  r.execution = {BACKEND_VULKAN, WORKFLOW_OPTICAL_BACKWARD, "vulkan.ray_query.optical_backward", true};
+  r.execution = {BACKEND_VULKAN, WORKFLOW_OPTICAL_BACKWARD, "vulkan.ray_query.optical_backward",
+                 true};
   return r;
 }
 

@@ -5,8 +5,8 @@
 
 namespace vesk::vulkan {
 
-Buffer::Buffer(const VulkanContext& context, unsigned long size, unsigned usage,
-               unsigned preferred, std::optional<unsigned> fallback)
+Buffer::Buffer(const VulkanContext& context, unsigned long size, unsigned usage, unsigned preferred,
+               std::optional<unsigned> fallback)
     : context_(&context) {
   if (size == 0) throw std::invalid_argument("Vulkan buffer size must be non-zero");
   const DeviceFunctions& fn = context.fn();
@@ -79,10 +79,12 @@ void Buffer::upload(const void* data, unsigned long size, unsigned long offset) 
   if (size == 0) return;
   const DeviceFunctions& fn = context_->fn();
   void* p = nullptr;
-  check(fn.vkMapMemory(context_->device(), memory_, 0, VK_WHOLE_SIZE, 0, &p), "vkMapMemory(upload)");
+  check(fn.vkMapMemory(context_->device(), memory_, 0, VK_WHOLE_SIZE, 0, &p),
+        "vkMapMemory(upload)");
   std::memcpy(static_cast<char*>(p) + offset, data, size);
   if (!(flags_ & VK_MEMORY_PROPERTY_HOST_COHERENT_BIT)) {
-    VkMappedMemoryRange r{VK_STRUCTURE_TYPE_MAPPED_MEMORY_RANGE, nullptr, memory_, 0, VK_WHOLE_SIZE};
+    VkMappedMemoryRange r{VK_STRUCTURE_TYPE_MAPPED_MEMORY_RANGE, nullptr, memory_, 0,
+                          VK_WHOLE_SIZE};
     const VkResult res = fn.vkFlushMappedMemoryRanges(context_->device(), 1, &r);
     fn.vkUnmapMemory(context_->device(), memory_);
     check(res, "vkFlushMappedMemoryRanges(upload)");
@@ -102,7 +104,8 @@ void Buffer::download(void* data, unsigned long size, unsigned long offset) cons
   check(fn.vkMapMemory(context_->device(), memory_, 0, VK_WHOLE_SIZE, 0, &p),
         "vkMapMemory(download)");
   if (!(flags_ & VK_MEMORY_PROPERTY_HOST_COHERENT_BIT)) {
-    VkMappedMemoryRange r{VK_STRUCTURE_TYPE_MAPPED_MEMORY_RANGE, nullptr, memory_, 0, VK_WHOLE_SIZE};
+    VkMappedMemoryRange r{VK_STRUCTURE_TYPE_MAPPED_MEMORY_RANGE, nullptr, memory_, 0,
+                          VK_WHOLE_SIZE};
     const VkResult res = fn.vkInvalidateMappedMemoryRanges(context_->device(), 1, &r);
     if (res != VK_SUCCESS) {
       fn.vkUnmapMemory(context_->device(), memory_);

@@ -1,12 +1,12 @@
 // Device listing, ranking and opening; the one-shot command path.
 #include "vulkan/context.h"
 
-#include "vulkan/vulkan_api.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
+
+#include "vulkan/vulkan_api.h"
 
 namespace vesk::vulkan {
 
@@ -32,9 +32,9 @@ const char* const DEVICE_EXTENSIONS[] = {VK_KHR_ACCELERATION_STRUCTURE_EXTENSION
                                          VK_KHR_DEFERRED_HOST_OPERATIONS_EXTENSION_NAME,
                                          VK_KHR_RAY_QUERY_EXTENSION_NAME};
 
-VKAPI_ATTR VkBool32 VKAPI_CALL on_validation_message(
-    VkDebugUtilsMessageSeverityFlagBitsEXT, VkDebugUtilsMessageTypeFlagsEXT,
-    const VkDebugUtilsMessengerCallbackDataEXT* data, void*) {
+VKAPI_ATTR VkBool32 VKAPI_CALL
+on_validation_message(VkDebugUtilsMessageSeverityFlagBitsEXT, VkDebugUtilsMessageTypeFlagsEXT,
+                      const VkDebugUtilsMessengerCallbackDataEXT* data, void*) {
   count_validation_message();
   std::fprintf(stderr, "[Vulkan validation] %s\n", data && data->pMessage ? data->pMessage : "");
   std::fflush(stderr);
@@ -46,33 +46,45 @@ VkDebugUtilsMessengerCreateInfoEXT messenger_info() {
   m.sType = VK_STRUCTURE_TYPE_DEBUG_UTILS_MESSENGER_CREATE_INFO_EXT;
   m.messageSeverity = VK_DEBUG_UTILS_MESSAGE_SEVERITY_WARNING_BIT_EXT |
                       VK_DEBUG_UTILS_MESSAGE_SEVERITY_ERROR_BIT_EXT;
-  m.messageType = VK_DEBUG_UTILS_MESSAGE_TYPE_GENERAL_BIT_EXT |
-                  VK_DEBUG_UTILS_MESSAGE_TYPE_VALIDATION_BIT_EXT;
+  m.messageType =
+      VK_DEBUG_UTILS_MESSAGE_TYPE_GENERAL_BIT_EXT | VK_DEBUG_UTILS_MESSAGE_TYPE_VALIDATION_BIT_EXT;
   m.pfnUserCallback = on_validation_message;
   return m;
 }
 
 int type_rank(int32_t type) {
   switch (type) {
-    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU: return 0;
-    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU: return 1;
-    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU: return 2;
-    case VK_PHYSICAL_DEVICE_TYPE_CPU: return 3;
-    default: return 4;
+    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU:
+      return 0;
+    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU:
+      return 1;
+    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU:
+      return 2;
+    case VK_PHYSICAL_DEVICE_TYPE_CPU:
+      return 3;
+    default:
+      return 4;
   }
 }
 
 }  // namespace
 
-bool DeviceInfo::is_discrete() const { return device_type == VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU; }
+bool DeviceInfo::is_discrete() const {
+  return device_type == VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU;
+}
 
 void judge_compatibility(DeviceInfo& d) {
   const char* reason = nullptr;
-  if (d.api_version < VK_API_VERSION_1_2) reason = "requires Vulkan 1.2";
-  else if (!d.has_compute_queue) reason = "no compute queue";
-  else if (!d.has_acceleration_structure) reason = "acceleration structures unavailable";
-  else if (!d.has_ray_query) reason = "ray query unavailable";
-  else if (!d.has_buffer_device_address) reason = "buffer device address unavailable";
+  if (d.api_version < VK_API_VERSION_1_2)
+    reason = "requires Vulkan 1.2";
+  else if (!d.has_compute_queue)
+    reason = "no compute queue";
+  else if (!d.has_acceleration_structure)
+    reason = "acceleration structures unavailable";
+  else if (!d.has_ray_query)
+    reason = "ray query unavailable";
+  else if (!d.has_buffer_device_address)
+    reason = "buffer device address unavailable";
   d.compatible = reason == nullptr;
   d.unavailable_reason = reason ? reason : "";
 }
@@ -173,8 +185,8 @@ std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> Instance::probe_devices() c
   uint32_t n = 0;
   check(fn.vkEnumeratePhysicalDevices(handle, &n, nullptr), "vkEnumeratePhysicalDevices(count)");
   std::vector<VkPhysicalDevice> physical(n);
-  if (n) check(fn.vkEnumeratePhysicalDevices(handle, &n, physical.data()),
-               "vkEnumeratePhysicalDevices");
+  if (n)
+    check(fn.vkEnumeratePhysicalDevices(handle, &n, physical.data()), "vkEnumeratePhysicalDevices");
   physical.resize(n);
 
   std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> out;
@@ -194,7 +206,8 @@ std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> Instance::probe_devices() c
     fn.vkGetPhysicalDeviceMemoryProperties(pd, &mem);
     uint64_t local = 0;
     for (uint32_t h = 0; h < mem.memoryHeapCount; ++h)
-      if (mem.memoryHeaps[h].flags & VK_MEMORY_HEAP_DEVICE_LOCAL_BIT) local += mem.memoryHeaps[h].size;
+      if (mem.memoryHeaps[h].flags & VK_MEMORY_HEAP_DEVICE_LOCAL_BIT)
+        local += mem.memoryHeaps[h].size;
     d.device_local_memory_mb = local / (1024u * 1024u);
 
     uint32_t nq = 0;
@@ -208,8 +221,9 @@ std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> Instance::probe_devices() c
     check(fn.vkEnumerateDeviceExtensionProperties(pd, nullptr, &ne, nullptr),
           "vkEnumerateDeviceExtensionProperties(count)");
     std::vector<VkExtensionProperties> exts(ne);
-    if (ne) check(fn.vkEnumerateDeviceExtensionProperties(pd, nullptr, &ne, exts.data()),
-                  "vkEnumerateDeviceExtensionProperties");
+    if (ne)
+      check(fn.vkEnumerateDeviceExtensionProperties(pd, nullptr, &ne, exts.data()),
+            "vkEnumerateDeviceExtensionProperties");
     auto has = [&](const char* name) {
       for (uint32_t k = 0; k < ne; ++k)
         if (std::strcmp(exts[k].extensionName, name) == 0) return true;
@@ -269,8 +283,8 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
   std::vector<DeviceInfo> infos;
   for (auto& [pd, d] : probed) infos.push_back(d);
   infos = rank_devices(std::move(infos));
-  const int32_t compatible =
-      int32_t(std::count_if(infos.begin(), infos.end(), [](const DeviceInfo& d) { return d.compatible; }));
+  const int32_t compatible = int32_t(
+      std::count_if(infos.begin(), infos.end(), [](const DeviceInfo& d) { return d.compatible; }));
   if (compatible == 0)
     throw std::runtime_error("Vulkan: no device supports acceleration structures and ray query");
   if (device_index >= compatible)
@@ -305,7 +319,8 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
   p2.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2;
   p2.pNext = &asp;
   ifn.vkGetPhysicalDeviceProperties2(physical_, &p2);
-  min_scratch_alignment_ = std::max<uint32_t>(asp.minAccelerationStructureScratchOffsetAlignment, 1);
+  min_scratch_alignment_ =
+      std::max<uint32_t>(asp.minAccelerationStructureScratchOffsetAlignment, 1);
 
   const float priority = 1.0f;
   VkDeviceQueueCreateInfo qi{};
@@ -343,14 +358,15 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
   {
     const VkDevice dev = device_;
     const char* missing = nullptr;
-#define VESK_VK_LOAD_DEVICE(name)                                                  \
+#define VESK_VK_LOAD_DEVICE(name)                                                \
   fn_->name = reinterpret_cast<PFN_##name>(ifn.vkGetDeviceProcAddr(dev, #name)); \
   if (!fn_->name && !missing) missing = #name;
     VESK_VK_RAY_FUNCTIONS(VESK_VK_LOAD_DEVICE)
     VESK_VK_DEVICE_FUNCTIONS(VESK_VK_LOAD_DEVICE)
 #undef VESK_VK_LOAD_DEVICE
     if (missing) {
-      auto destroy = reinterpret_cast<PFN_vkDestroyDevice>(ifn.vkGetDeviceProcAddr(dev, "vkDestroyDevice"));
+      auto destroy =
+          reinterpret_cast<PFN_vkDestroyDevice>(ifn.vkGetDeviceProcAddr(dev, "vkDestroyDevice"));
       if (destroy) destroy(dev, nullptr);
       device_ = VK_NULL_HANDLE;
       throw std::runtime_error(std::string("Vulkan: failed to load ") + missing);
@@ -367,7 +383,8 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
     pi.sType = VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO;
     pi.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
     pi.queueFamilyIndex = queue_family_;
-    check(fn_->vkCreateCommandPool(device_, &pi, nullptr, &pool_), "vkCreateCommandPool(immediate)");
+    check(fn_->vkCreateCommandPool(device_, &pi, nullptr, &pool_),
+          "vkCreateCommandPool(immediate)");
     VkCommandBufferAllocateInfo ai{};
     ai.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO;
     ai.commandPool = pool_;
@@ -397,13 +414,13 @@ VulkanContext::~VulkanContext() {
 
 uint32_t VulkanContext::find_memory_type(unsigned type_bits, unsigned properties) const {
   for (uint32_t i = 0; i < memory_type_flags_.size(); ++i)
-    if ((type_bits & (1u << i)) && (memory_type_flags_[i] & properties) == properties)
-      return i;
+    if ((type_bits & (1u << i)) && (memory_type_flags_[i] & properties) == properties) return i;
   throw std::runtime_error("Vulkan: no compatible memory type");
 }
 
 void VulkanContext::immediate_submit(const std::function<void(VkCommandBuffer)>& record) const {
-  check(fn_->vkWaitForFences(device_, 1, &fence_, VK_TRUE, UINT64_MAX), "vkWaitForFences(immediate)");
+  check(fn_->vkWaitForFences(device_, 1, &fence_, VK_TRUE, UINT64_MAX),
+        "vkWaitForFences(immediate)");
   check(fn_->vkResetFences(device_, 1, &fence_), "vkResetFences(immediate)");
   check(fn_->vkResetCommandBuffer(command_buffer_, 0), "vkResetCommandBuffer(immediate)");
   VkCommandBufferBeginInfo bi{};

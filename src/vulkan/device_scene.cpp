@@ -43,12 +43,12 @@ void build_barrier(const VulkanContext& c, VkCommandBuffer cb) {
   VkMemoryBarrier b{};
   b.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER;
   b.srcAccessMask = VK_ACCESS_ACCELERATION_STRUCTURE_WRITE_BIT_KHR;
-  b.dstAccessMask =
-      VK_ACCESS_ACCELERATION_STRUCTURE_READ_BIT_KHR | VK_ACCESS_ACCELERATION_STRUCTURE_WRITE_BIT_KHR;
-  c.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR,
-                              VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR |
-                                  VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT,
-                              0, 1, &b, 0, nullptr, 0, nullptr);
+  b.dstAccessMask = VK_ACCESS_ACCELERATION_STRUCTURE_READ_BIT_KHR |
+                    VK_ACCESS_ACCELERATION_STRUCTURE_WRITE_BIT_KHR;
+  c.fn().vkCmdPipelineBarrier(
+      cb, VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR,
+      VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR | VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT,
+      0, 1, &b, 0, nullptr, 0, nullptr);
 }
 
 // Creates the structure for one geometry and records its build into cb.
@@ -103,8 +103,8 @@ void destroy(const VulkanContext& c, AccelerationStructure& as) {
 void run_builds(const VulkanContext& c, std::vector<PendingBuild>& builds, VkDeviceSize scratch) {
   if (builds.empty()) return;
   const VkDeviceSize align = c.min_scratch_alignment();
-  Buffer buf(c, scratch + align, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT |
-                                     VK_BUFFER_USAGE_SHADER_DEVICE_ADDRESS_BIT,
+  Buffer buf(c, scratch + align,
+             VK_BUFFER_USAGE_STORAGE_BUFFER_BIT | VK_BUFFER_USAGE_SHADER_DEVICE_ADDRESS_BIT,
              VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT, HOST_ONLY);
   const VkDeviceAddress base = (buf.device_address() + align - 1) / align * align;
   c.immediate_submit([&](VkCommandBuffer cb) {
@@ -234,7 +234,8 @@ void Program::dispatch(VkCommandBuffer cb, uint32_t invocations, const void* pus
   const DeviceFunctions& fn = context_.fn();
   fn.vkCmdBindPipeline(cb, VK_PIPELINE_BIND_POINT_COMPUTE, pipeline_);
   fn.vkCmdBindDescriptorSets(cb, VK_PIPELINE_BIND_POINT_COMPUTE, layout_, 0, 1, &set_, 0, nullptr);
-  if (push_bytes_) fn.vkCmdPushConstants(cb, layout_, VK_SHADER_STAGE_COMPUTE_BIT, 0, push_bytes_, push);
+  if (push_bytes_)
+    fn.vkCmdPushConstants(cb, layout_, VK_SHADER_STAGE_COMPUTE_BIT, 0, push_bytes_, push);
   fn.vkCmdDispatch(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, 1);
 }
 
@@ -252,8 +253,9 @@ struct InstanceRecord {
   int32_t mesh_id, material_id, primitive_offset, pad;
 };
 
-std::vector<InstanceRecord> make_instance_records(const std::vector<EmbreeInstance>& instances,
-                                             const std::vector<VulkanSceneManager::InstanceInfo>& info) {
+std::vector<InstanceRecord> make_instance_records(
+    const std::vector<EmbreeInstance>& instances,
+    const std::vector<VulkanSceneManager::InstanceInfo>& info) {
   std::vector<InstanceRecord> r(instances.size());
   for (size_t i = 0; i < instances.size(); ++i) {
     std::memcpy(r[i].rows, instances[i].transform, sizeof(r[i].rows));
@@ -268,10 +270,11 @@ std::vector<InstanceRecord> make_instance_records(const std::vector<EmbreeInstan
 }  // namespace
 
 VulkanSceneManager::Device::Device(const VulkanContext& c, const std::string& trace_program)
-    : context(c),
-      trace(c, trace_program, {AS, SB, SB, SB, SB, SB, SB, SB}, 8) {}
+    : context(c), trace(c, trace_program, {AS, SB, SB, SB, SB, SB, SB, SB}, 8) {}
 
-VulkanSceneManager::Device::~Device() { release_structures(); }
+VulkanSceneManager::Device::~Device() {
+  release_structures();
+}
 
 void VulkanSceneManager::Device::release_structures() {
   destroy(context, top);

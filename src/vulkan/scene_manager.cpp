@@ -288,7 +288,8 @@ void VulkanSceneManager::set_thermal_mode(bool enabled, std::vector<float> wavel
   check_finite("wavelengths", wavelengths_nm.data(), wavelengths_nm.size());
   thermal_mode_ = enabled;
   if (enabled && !sif_only_mode_) emission_mode_ = embree::EMISSION_THERMAL;
-  if (!enabled && emission_mode_ == embree::EMISSION_THERMAL) emission_mode_ = embree::EMISSION_OPTICAL;
+  if (!enabled && emission_mode_ == embree::EMISSION_THERMAL)
+    emission_mode_ = embree::EMISSION_OPTICAL;
   band_wavelengths_ = std::move(wavelengths_nm);
 }
 
@@ -303,7 +304,8 @@ void VulkanSceneManager::set_sif_only_mode(bool enabled) {
 
 size_t VulkanSceneManager::total_triangles() const {
   size_t n = 0;
-  for (const EmbreeInstance& inst : instances_) n += meshes_.at(size_t(inst.mesh_id)).indices.size();
+  for (const EmbreeInstance& inst : instances_)
+    n += meshes_.at(size_t(inst.mesh_id)).indices.size();
   return n;
 }
 
@@ -346,7 +348,9 @@ backend::PrimitiveGeometry VulkanSceneManager::primitive_geometry() const {
 std::vector<int32_t> VulkanSceneManager::primitive_material_ids() const {
   return primitive_geometry().material_ids;
 }
-std::vector<float> VulkanSceneManager::primitive_areas() const { return primitive_geometry().areas; }
+std::vector<float> VulkanSceneManager::primitive_areas() const {
+  return primitive_geometry().areas;
+}
 std::vector<float3> VulkanSceneManager::primitive_normals() const {
   return primitive_geometry().normals;
 }
@@ -420,8 +424,7 @@ void VulkanSceneManager::clear_instance_turbid_thermal_state() {
   instance_turbid_thermal_ = {};
 }
 
-void VulkanSceneManager::set_instance_sif_spectra(std::vector<float> spectra,
-                                                  int32_t n_sif_bands) {
+void VulkanSceneManager::set_instance_sif_spectra(std::vector<float> spectra, int32_t n_sif_bands) {
   require_idle_();
   if (n_sif_bands < 1) throw std::invalid_argument("Embree SIF band count must be positive");
   if (spectra.size() != size_t(n_sif_bands) * instances_.size())

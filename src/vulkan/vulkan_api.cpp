@@ -60,7 +60,9 @@ const GlobalFunctions* loader() {
   return l.ok ? &l.fn : nullptr;
 }
 
-const std::string& loader_failure() { return the_loader().failure; }
+const std::string& loader_failure() {
+  return the_loader().failure;
+}
 
 VulkanError::VulkanError(const std::string& label, VkResult r)
     : std::runtime_error(label + " failed (" + std::to_string(int(r)) + ")"), result(r) {}
@@ -74,9 +76,13 @@ bool validation_requested() {
   return v && *v && std::string(v) != "0";
 }
 
-uint64_t validation_message_count() { return validation_messages.load(); }
+uint64_t validation_message_count() {
+  return validation_messages.load();
+}
 
 // Called by the messenger (context.cpp).
-void count_validation_message() { ++validation_messages; }
+void count_validation_message() {
+  ++validation_messages;
+}
 
 }  // namespace vesk::vulkan

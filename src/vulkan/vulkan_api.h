@@ -13,9 +13,9 @@
 namespace vesk::vulkan {
 
 // Fetched with vkGetInstanceProcAddr(nullptr, ...).
-#define VESK_VK_GLOBAL_FUNCTIONS(X)        \
-  X(vkEnumerateInstanceVersion)            \
-  X(vkEnumerateInstanceLayerProperties)    \
+#define VESK_VK_GLOBAL_FUNCTIONS(X)         \
+  X(vkEnumerateInstanceVersion)             \
+  X(vkEnumerateInstanceLayerProperties)     \
   X(vkEnumerateInstanceExtensionProperties) \
   X(vkCreateInstance)
 
@@ -36,57 +36,57 @@ namespace vesk::vulkan {
   X(vkCreateDebugUtilsMessengerEXT) \
   X(vkDestroyDebugUtilsMessengerEXT)
 
-#define VESK_VK_DEVICE_FUNCTIONS(X)    \
-  X(vkDestroyDevice)                   \
-  X(vkDeviceWaitIdle)                  \
-  X(vkGetDeviceQueue)                  \
-  X(vkCreateCommandPool)               \
-  X(vkDestroyCommandPool)              \
-  X(vkAllocateCommandBuffers)          \
-  X(vkCreateFence)                     \
-  X(vkDestroyFence)                    \
-  X(vkWaitForFences)                   \
-  X(vkResetFences)                     \
-  X(vkResetCommandBuffer)              \
-  X(vkBeginCommandBuffer)              \
-  X(vkEndCommandBuffer)                \
-  X(vkQueueSubmit)                     \
-  X(vkCreateBuffer)                    \
-  X(vkDestroyBuffer)                   \
-  X(vkGetBufferMemoryRequirements)     \
-  X(vkAllocateMemory)                  \
-  X(vkFreeMemory)                      \
-  X(vkBindBufferMemory)                \
-  X(vkMapMemory)                       \
-  X(vkUnmapMemory)                     \
-  X(vkFlushMappedMemoryRanges)         \
-  X(vkInvalidateMappedMemoryRanges)    \
-  X(vkGetBufferDeviceAddress)          \
-  X(vkCreateShaderModule)              \
-  X(vkDestroyShaderModule)             \
-  X(vkCreateDescriptorSetLayout)       \
-  X(vkDestroyDescriptorSetLayout)      \
-  X(vkCreatePipelineLayout)            \
-  X(vkDestroyPipelineLayout)           \
-  X(vkCreateComputePipelines)          \
-  X(vkDestroyPipeline)                 \
-  X(vkCreateDescriptorPool)            \
-  X(vkDestroyDescriptorPool)           \
-  X(vkAllocateDescriptorSets)          \
-  X(vkUpdateDescriptorSets)            \
-  X(vkCmdBindPipeline)                 \
-  X(vkCmdBindDescriptorSets)           \
-  X(vkCmdPushConstants)                \
-  X(vkCmdDispatch)                     \
-  X(vkCmdPipelineBarrier)              \
+#define VESK_VK_DEVICE_FUNCTIONS(X) \
+  X(vkDestroyDevice)                \
+  X(vkDeviceWaitIdle)               \
+  X(vkGetDeviceQueue)               \
+  X(vkCreateCommandPool)            \
+  X(vkDestroyCommandPool)           \
+  X(vkAllocateCommandBuffers)       \
+  X(vkCreateFence)                  \
+  X(vkDestroyFence)                 \
+  X(vkWaitForFences)                \
+  X(vkResetFences)                  \
+  X(vkResetCommandBuffer)           \
+  X(vkBeginCommandBuffer)           \
+  X(vkEndCommandBuffer)             \
+  X(vkQueueSubmit)                  \
+  X(vkCreateBuffer)                 \
+  X(vkDestroyBuffer)                \
+  X(vkGetBufferMemoryRequirements)  \
+  X(vkAllocateMemory)               \
+  X(vkFreeMemory)                   \
+  X(vkBindBufferMemory)             \
+  X(vkMapMemory)                    \
+  X(vkUnmapMemory)                  \
+  X(vkFlushMappedMemoryRanges)      \
+  X(vkInvalidateMappedMemoryRanges) \
+  X(vkGetBufferDeviceAddress)       \
+  X(vkCreateShaderModule)           \
+  X(vkDestroyShaderModule)          \
+  X(vkCreateDescriptorSetLayout)    \
+  X(vkDestroyDescriptorSetLayout)   \
+  X(vkCreatePipelineLayout)         \
+  X(vkDestroyPipelineLayout)        \
+  X(vkCreateComputePipelines)       \
+  X(vkDestroyPipeline)              \
+  X(vkCreateDescriptorPool)         \
+  X(vkDestroyDescriptorPool)        \
+  X(vkAllocateDescriptorSets)       \
+  X(vkUpdateDescriptorSets)         \
+  X(vkCmdBindPipeline)              \
+  X(vkCmdBindDescriptorSets)        \
+  X(vkCmdPushConstants)             \
+  X(vkCmdDispatch)                  \
+  X(vkCmdPipelineBarrier)           \
   X(vkCmdFillBuffer)
 
 // The ray-tracing entry points; a device that lacks one cannot serve this backend.
-#define VESK_VK_RAY_FUNCTIONS(X)                 \
-  X(vkCreateAccelerationStructureKHR)            \
-  X(vkDestroyAccelerationStructureKHR)           \
-  X(vkGetAccelerationStructureBuildSizesKHR)     \
-  X(vkCmdBuildAccelerationStructuresKHR)         \
+#define VESK_VK_RAY_FUNCTIONS(X)             \
+  X(vkCreateAccelerationStructureKHR)        \
+  X(vkDestroyAccelerationStructureKHR)       \
+  X(vkGetAccelerationStructureBuildSizesKHR) \
+  X(vkCmdBuildAccelerationStructuresKHR)     \
   X(vkGetAccelerationStructureDeviceAddressKHR)
 
 #define VESK_VK_DECLARE(name) PFN_##name name = nullptr;

@@ -149,7 +149,9 @@ TEST_F(VulkanDevice, AFallbackThatIsNotHostVisibleShowsInTheFlagsAndRefusesUploa
   expect_throw_text<std::runtime_error>([&] { b.upload(&x, 4, 0); },
                                         "Vulkan: buffer memory is not host visible");
   expect_throw_text<std::runtime_error>(
-      [&] { Buffer(*context, 16, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT, VK_MEMORY_PROPERTY_PROTECTED_BIT); },
+      [&] {
+        Buffer(*context, 16, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT, VK_MEMORY_PROPERTY_PROTECTED_BIT);
+      },
       "Vulkan: no compatible memory type");
 }
 
