@@ -375,3 +375,56 @@ def test_sensors_skies_and_materials_render_as_on_the_cpu(context, variant):
     assert np.mean(rel > 1e-3) < 0.02, f"{np.mean(rel > 1e-3):.1%} of pixels differ"
     for k in a["event_aov"]:
         assert np.isclose(a["event_aov"][k].sum(), b["event_aov"][k].sum(), rtol=2e-3, atol=1e-6), k
+
+
+@needs_device
+@pytest.mark.parametrize("case", ["max_depth 0", "VESK_MAX_DEPTH", "terrain following",
+                                  "sun disc", "reused structure", "one sample"])
+def test_edge_cases_of_the_backward_tracer_match_the_cpu(context, rng, monkeypatch, capfd, case):
+    leaves = canopy(rng, 60)
+    leaves[:, [3, 7]] = rng.uniform(0, 6, (60, 2))
+    cpu, gpu = (leaf_canopy(s, leaves) for s in both(context))
+    spp, depth, outputs = 4, 5, ["standard_error", "scattering_order"]
+    if case == "max_depth 0":
+        depth = 0
+    elif case == "VESK_MAX_DEPTH":
+        monkeypatch.setenv("VESK_MAX_DEPTH", "2")
+    elif case == "one sample":
+        spp = 1
+    elif case == "terrain following":
+        spp = 32
+    for s in (cpu, gpu):
+        if case == "terrain following":
+            s.set_sensor(0, 16, 12, 6.0, 4.5, TOP_CAMERA, 60.0, 0, True)
+        elif case == "sun disc":  # looking straight at the sun through the canopy gaps
+            s.set_emitter(0, np.array([0.0, 0.0, 1.0], F), 8)
+            s.set_sensor(0, 16, 12, 6.0, 4.5, np.diag([1, 1, -1, 1]).astype(F).ravel())
+        elif case == "reused structure":  # other materials on the same structure
+            s.clear_for_reuse()
+            s.set_num_bands(1)
+            s.upload_spectral_params(np.array([0.5, 0.2, 0.1, 0.3, 600.0, 10.0], F))
+            s.add_material(0, 0, [0.5])
+            s.add_material(13, 1, [0.2, 0.3])
+            s.set_emitter(0, np.array([0.2, 0.1, 0.97], F), 4)
+            s.set_sky(5)
+            s.build_reuse_gas()
+    a = vk.simulate_cpu(cpu, spp=spp, max_depth=depth, outputs=outputs)
+    b = gpu.simulate_backward(spp=spp, max_depth=depth, outputs=outputs)
+    if case == "terrain following":
+        # Rays start 1e5 back along the view: the two ray tracers round their distances
+        # differently there, so paths part ways and only the statistics must agree.
+        se = np.hypot(a["standard_error"], b["standard_error"])
+        z = (a["payload"] - b["payload"]) / np.where(se > 0, se, 1)
+        assert np.mean(np.abs(z) > 4) < 0.01 and abs(z.mean()) < 4 / np.sqrt(z.size), z.mean()
+        return
+    rel = np.abs(a["payload"] - b["payload"]) / np.maximum(np.abs(a["payload"]), 1e-6)
+    assert np.mean(rel > 1e-3) < 0.02, f"{np.mean(rel > 1e-3):.1%} of pixels differ"
+    np.testing.assert_allclose(b["scattering_order"], a["scattering_order"], rtol=0.05, atol=1e-3)
+    if case == "max_depth 0":
+        assert not b["payload"].any(), "no ray may be traced without a bounce allowed"
+    if case == "one sample":
+        assert not b["standard_error"].any()
+    if case == "sun disc":
+        assert b["payload"].max() > 900.0 / 6.794e-05 * 0.99, "the disc is seen between the leaves"
+    if case == "VESK_MAX_DEPTH":
+        assert "[Vulkan bwd] VESK_MAX_DEPTH=2" in capfd.readouterr().out
