@@ -3,6 +3,9 @@ PY      := /usr/bin/python3
 BUILD   := build
 JOBS    ?= $(shell nproc)
 PYPATH  := PYTHONPATH=$(CURDIR)/$(BUILD)/python
+# Vulkan runs of the test suites: the Khronos validation layer on, its messages counted
+# (a test fails on any), and Mesa's compiled shaders cached inside the build folder.
+VK_TEST := VESK_VULKAN_VALIDATION=1 MESA_SHADER_CACHE_DIR=$(CURDIR)/$(BUILD)/mesa-shader-cache
 
 # ASan + UBSan build of the module and the C++ suite. The interpreter is not instrumented,
 # so libasan must come first (preloaded, with libstdc++ for its exception hooks), and
@@ -27,8 +30,8 @@ build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
 test: build
-	$(BUILD)/vesk_tests --gtest_brief=1
-	$(PYPATH) $(PY) -m pytest -q tests/python
+	$(VK_TEST) $(BUILD)/vesk_tests --gtest_brief=1
+	$(VK_TEST) $(PYPATH) $(PY) -m pytest -q tests/python
 
 $(SAN_BUILD)/CMakeCache.txt:
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=Release -DVESK_SANITIZE=ON
@@ -37,8 +40,8 @@ build-sanitize: deps $(SAN_BUILD)/CMakeCache.txt
 	cmake --build $(SAN_BUILD) -j $(JOBS) --target vesk_gpu vesk_tests vesk_python
 
 test-sanitize: build-sanitize
-	ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1
-	ASAN_OPTIONS=detect_leaks=0:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_PY) $(PY) -m pytest -q tests/python
+	$(VK_TEST) ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1
+	$(VK_TEST) ASAN_OPTIONS=detect_leaks=0:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_PY) $(PY) -m pytest -q tests/python
 
 demo: build
 	$(PYPATH) $(PY) examples/quickstart.py

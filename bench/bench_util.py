@@ -85,11 +85,12 @@ def import_bench_module(build_dir):
     return vk if hasattr(vk, "_bench_render_backward") else None
 
 
-def build_canopy(vk, rng, n_meshes=12, tris=2000, n_instances=120):
+def build_canopy(vk, rng, n_meshes=12, tris=2000, n_instances=120, scene=None):
     """The benchmark canopy: 120 instances of 12 leaf-cluster meshes (2000 leaves each,
     240k instanced leaf triangles) over a ground, in a repeated 40 m tile, sun and sky,
-    3 bands, a perspective camera. Returns (scene, meshes, instances) for the raw loop."""
-    s = vk.EmbreeSceneManager()
+    3 bands, a perspective camera. Returns (scene, meshes, instances) for the raw loop.
+    scene: an empty scene of another class to fill (a CPU scene by default)."""
+    s = vk.EmbreeSceneManager() if scene is None else scene
     bands = 3
     s.set_num_bands(bands)
     spectra = np.concatenate([[0.08, 0.15, 0.3],                       # ground

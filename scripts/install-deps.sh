@@ -9,6 +9,7 @@ packages=(
   pybind11-dev python3-dev python3-numpy python3-pytest python3-pil python3-scipy
   python3-matplotlib
   libgtest-dev
+  libvulkan-dev glslc spirv-tools vulkan-validationlayers
 )
 
 missing=()
@@ -25,6 +26,30 @@ if [ ${#missing[@]} -gt 0 ]; then
   export DEBIAN_FRONTEND=noninteractive
   $SUDO apt-get update -qq
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The Vulkan tests run on lavapipe, Mesa's CPU driver, which traces ray queries from Mesa
+# 24 on: Debian 12 has 22.3, so Mesa comes from bookworm-backports (a deb822 source, added
+# once). Machines with a GPU driver of their own still list lavapipe, ranked last.
+mesa_ok() {
+  local v
+  v=$(dpkg-query -W -f='${Status} ${Version}' mesa-vulkan-drivers 2>/dev/null) || return 1
+  [[ $v == "install ok installed "* ]] || return 1
+  dpkg --compare-versions "${v##* }" ge 24
+}
+if ! mesa_ok; then
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+  export DEBIAN_FRONTEND=noninteractive
+  if ! grep -rqs 'bookworm-backports' /etc/apt/sources.list /etc/apt/sources.list.d/; then
+    echo "adding bookworm-backports (for Mesa's lavapipe with ray queries)"
+    printf '%s\n' 'Types: deb' 'URIs: http://deb.debian.org/debian' 'Suites: bookworm-backports' \
+      'Components: main' 'Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg' |
+      $SUDO tee /etc/apt/sources.list.d/bookworm-backports.sources >/dev/null
+  fi
+  echo "installing: mesa-vulkan-drivers from bookworm-backports"
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends -t bookworm-backports mesa-vulkan-drivers
 fi
 
 # Test-only: an independent LAS reader (npm's copc), kept outside the source tree. The

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "core/array_check.h"
+#include "core/scene_checks.h"
 #include "core/tile.h"
 #include "embree/scene_handles.h"
 #include "turbid/domain.h"  // complete for the owner of the Turbid holding
@@ -127,19 +128,7 @@ void EmbreeSceneManager::require_idle_() const {
 int32_t EmbreeSceneManager::add_mesh(std::vector<float3> vertices, std::vector<float3> normals,
                                      std::vector<int3> indices, int32_t material_id) {
   require_idle_();
-  if (vertices.empty()) throw std::invalid_argument("mesh must contain at least one vertex");
-  if (indices.empty()) throw std::invalid_argument("mesh must contain at least one triangle");
-  if (!normals.empty() && normals.size() != vertices.size())
-    throw std::invalid_argument("mesh normals must be empty or have one entry per vertex");
-  const int64_t n = int64_t(vertices.size());
-  for (size_t i = 0; i < indices.size(); ++i) {
-    const int3& t = indices[i];
-    if (t.x < 0 || t.y < 0 || t.z < 0 || t.x >= n || t.y >= n || t.z >= n)
-      throw std::invalid_argument("mesh triangle " + std::to_string(i) +
-                                  " references a vertex outside the vertex buffer");
-  }
-  check_coordinates("vertices", &vertices[0].x, 3 * vertices.size());
-  if (!normals.empty()) check_finite("normals", &normals[0].x, 3 * normals.size());
+  check_mesh(vertices, normals, indices);
   meshes_.push_back(
       EmbreeMesh{std::move(vertices), std::move(normals), std::move(indices), material_id});
   return int32_t(meshes_.size() - 1);
@@ -160,11 +149,7 @@ int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, const float* transform
 }
 
 int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, float x, float y, float z, float scale) {
-  check_coordinates("x", &x, 1);
-  check_coordinates("y", &y, 1);
-  check_coordinates("z", &z, 1);
-  check_coordinates("scale", &scale, 1);
-  if (!(std::fabs(scale) >= 1e-10f)) throw std::invalid_argument("scale must be nonzero");
+  check_instance_placement(x, y, z, scale);
   float m[12];
   scaled_translation(x, y, z, scale, m);
   return add_instance(mesh_id, m);

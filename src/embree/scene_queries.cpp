@@ -5,6 +5,7 @@
 #include <string>
 
 #include "core/array_check.h"
+#include "core/scene_checks.h"
 
 #include "embree/scene_manager.h"
 
@@ -84,43 +85,16 @@ std::vector<float3> EmbreeSceneManager::primitive_normals() const {
   return primitive_geometry().normals;
 }
 
-namespace {
-
-// -1 (absent) or an index into the spectral buffer; whether the block fits is checked
-// when a simulation starts, since the buffer may be uploaded later.
-void check_offset(const char* name, int32_t offset) {
-  if (offset < -1)
-    throw std::invalid_argument(std::string(name) + " must be -1 (absent) or a buffer index");
-}
-
-// Towards the sun, made unit length (in double, so huge components do not overflow);
-// a zero vector stays zero and means no sun.
-float3 unit_direction(const char* name, float3 d) {
-  check_finite(name, &d.x, 3);
-  const double l = std::sqrt(double(d.x) * d.x + double(d.y) * d.y + double(d.z) * d.z);
-  if (!(l > 0.0)) return {};
-  return {float(d.x / l), float(d.y / l), float(d.z / l)};
-}
-
-void check_tile_size(const char* name, float size) {
-  check_finite(name, &size, 1);
-  if (size != 0.0f && !(size >= MIN_TILE_SIZE && size <= MAX_COORDINATE))
-    throw std::invalid_argument(std::string(name) + " must be 0 or lie in [0.01, 1e9]");
-}
-
-}  // namespace
-
 void EmbreeSceneManager::set_num_bands(int32_t n) {
   require_idle_();
-  if (n < 1 || n > MAX_BANDS)
-    throw std::invalid_argument("num_bands must lie in [1, " + std::to_string(MAX_BANDS) + "]");
+  check_num_bands(n, MAX_BANDS);
   num_bands_ = n;
 }
 
 int32_t EmbreeSceneManager::add_material(int32_t type, int32_t offset, const float* params,
                                          size_t count) {
   require_idle_();
-  check_offset("offset", offset);
+  check_spectral_offset("offset", offset);
   check_finite("scalar_params", params, std::min<size_t>(count, 8));
   MaterialData m;
   m.type = MaterialType(type);
@@ -153,7 +127,7 @@ void EmbreeSceneManager::update_spectral_params(size_t offset, const float* valu
 
 void EmbreeSceneManager::set_emitter(int32_t type, float3 direction, int32_t spectral_offset) {
   require_idle_();
-  check_offset("spectral_offset", spectral_offset);
+  check_spectral_offset("spectral_offset", spectral_offset);
   emitter_ = Emitter{type, unit_direction("direction", direction), spectral_offset};
 }
 
@@ -164,7 +138,7 @@ void EmbreeSceneManager::update_emitter_direction(float3 direction) {
 
 void EmbreeSceneManager::set_sky(int32_t spectral_offset) {
   require_idle_();
-  check_offset("spectral_offset", spectral_offset);
+  check_spectral_offset("spectral_offset", spectral_offset);
   sky_.uniform_offset = spectral_offset;
   sky_.directional_offset = -1;
   sky_.hw_offset = -1;
@@ -172,14 +146,14 @@ void EmbreeSceneManager::set_sky(int32_t spectral_offset) {
 
 void EmbreeSceneManager::set_directional_sky(int32_t spectral_offset) {
   require_idle_();
-  check_offset("spectral_offset", spectral_offset);
+  check_spectral_offset("spectral_offset", spectral_offset);
   sky_.directional_offset = spectral_offset;
   sky_.hw_offset = -1;
 }
 
 void EmbreeSceneManager::set_hw_sky(int32_t spectral_offset, float3 sun_direction) {
   require_idle_();
-  check_offset("spectral_offset", spectral_offset);
+  check_spectral_offset("spectral_offset", spectral_offset);
   const float3 sun = unit_direction("sun direction", sun_direction);
   sky_.hw_offset = spectral_offset;
   sky_.hw_sun_direction = sun;
@@ -189,16 +163,7 @@ void EmbreeSceneManager::set_hw_sky(int32_t spectral_offset, float3 sun_directio
 
 void EmbreeSceneManager::set_sensor(const SensorData& sensor, bool terrain_following) {
   require_idle_();
-  if (sensor.width < 0 || sensor.height < 0)
-    throw std::invalid_argument("sensor width and height must not be negative");
-  if (sensor.type != SENSOR_ORTHOGRAPHIC && sensor.type != SENSOR_PERSPECTIVE &&
-      sensor.type != SENSOR_PUSHBROOM && sensor.type != SENSOR_FISHEYE)
-    throw std::invalid_argument(
-        "sensor type must be 0 (orthographic), 1 (perspective), 3 (pushbroom) or 4 (fisheye)");
-  check_coordinates("ortho_w", &sensor.ortho_width, 1);
-  check_coordinates("ortho_h", &sensor.ortho_height, 1);
-  check_coordinates("cam_xform", sensor.camera_to_world, 16);
-  check_finite("fov", &sensor.fov, 1);
+  check_sensor(sensor);
   sensor_ = sensor;
   terrain_following_ = terrain_following;
 }
@@ -206,11 +171,7 @@ void EmbreeSceneManager::set_sensor(const SensorData& sensor, bool terrain_follo
 void EmbreeSceneManager::set_repetitive(int32_t num_repetitions, float scene_x_size,
                                         float scene_y_size) {
   require_idle_();
-  if (num_repetitions < 0 || num_repetitions > MAX_REPETITIONS)
-    throw std::invalid_argument("num_repetitions must lie in [0, " +
-                                std::to_string(MAX_REPETITIONS) + "]");
-  check_tile_size("scene_x_size", scene_x_size);
-  check_tile_size("scene_y_size", scene_y_size);
+  check_repetition(num_repetitions, scene_x_size, scene_y_size, MAX_REPETITIONS, MIN_TILE_SIZE);
   repetition_ = Repetition{num_repetitions, scene_x_size, scene_y_size};
 }
 

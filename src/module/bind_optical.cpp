@@ -1,7 +1,7 @@
 // Optical simulations on the CPU scene: simulate_cpu (backward images).
 #include "embree/backward.h"
 #include "embree/scene_manager.h"
-#include "module/bind_common.h"
+#include "module/bind_scene_surface.h"
 
 namespace vesk::module {
 
@@ -12,23 +12,8 @@ void bind_optical(py::module_& m) {
       "simulate_cpu",
       [](const EmbreeSceneManager& scene, int spp, int max_depth, const py::object& progress,
          const py::object& outputs, int max_output_order) {
-        // One string is one name; otherwise an iterable of strings.
-        std::vector<std::string> names;
-        if (py::isinstance<py::str>(outputs)) {
-          names.push_back(outputs.cast<std::string>());
-        } else {
-          if (!py::isinstance<py::iterable>(outputs))
-            throw py::type_error("outputs must be a string or an iterable of strings, not " +
-                                 std::string(py::str(outputs.get_type().attr("__name__"))));
-          for (const py::handle& h : outputs) {
-            if (!py::isinstance<py::str>(h))
-              throw py::type_error("outputs must hold strings, not " +
-                                   std::string(py::str(h.get_type().attr("__name__"))));
-            names.push_back(h.cast<std::string>());
-          }
-        }
         const backend::OpticalProductRequest request =
-            backend::parse_optical_outputs(names, max_output_order);
+            optical_request(outputs, max_output_order);
         return optical_product_dict(embree::render_backward(
             scene, spp, max_depth, /*rr_depth=*/3, /*threads=*/0, progress_bridge(progress),
             request));

@@ -27,8 +27,11 @@ PYBIND11_MODULE(vesk_gpu, m) {
     }
   });
   vesk::module::bind_microwave(m);
-  // This build has no Vulkan and no OptiX backend; their blocks are absent.
-  m.attr("HAS_VULKAN") = false;
+  // The Vulkan block is always there: the loader is opened at run time, so a machine
+  // without Vulkan lists no device and refuses a context instead of failing the import.
+  m.attr("HAS_VULKAN") = true;
+  vesk::module::bind_vulkan(m);
+  // This build has no OptiX backend; its block is absent.
   m.attr("HAS_OPTIX") = false;
   vesk::module::bind_generators(m);
   m.attr("HAS_EMBREE") = true;

@@ -40,8 +40,23 @@ SUN = np.array([0.3, 0.2, 0.93], F)
 CAMERA = np.array([[1, 0, 0, 2], [0, 1, 0, 2], [0, 0, 1, 6], [0, 0, 0, 1]], F).ravel()
 
 
+_CONTEXT = []
+
+
+def vulkan_context():
+    """One Vulkan context per worker: opening a device costs more than a case."""
+    if not _CONTEXT:
+        _CONTEXT.append(vk.VulkanContext(0))
+    return _CONTEXT[0]
+
+
 def make_scene(kind):
-    s = vk.EmbreeSceneManager()
+    """A CPU scene, or for the kinds that start with "vulkan" the same scene on the Vulkan
+    backend (without the turbid medium, which its tracer refuses)."""
+    vulkan = kind.startswith("vulkan")
+    s = vk.VulkanSceneManager(vulkan_context(), "trace_closest.spv") if vulkan else \
+        vk.EmbreeSceneManager()
+    kind = {"vulkan": "repeated", "vulkan-empty": "empty"}.get(kind, kind)
     if kind == "empty":
         return s
     s.set_num_bands(2)
@@ -53,7 +68,7 @@ def make_scene(kind):
     s.add_instance(s.add_mesh(**unit_cube(), material_id=1), 2.0, 2.0, 0.6)
     s.set_emitter(0, SUN, 8)
     s.set_sky(10)
-    if kind != "repeated":  # the leaf cube bounds a turbid medium, except in the tiles
+    if kind != "repeated" and not vulkan:  # the leaf cube bounds a medium, but not in the tiles
         s.set_optical_turbid_media([1.0], [0], [1], [0.05], [-1, 0])
     s.set_sensor(0, 4, 3, 4.0, 3.0, CAMERA)
     s.set_measurement_plane(2.0)
@@ -153,6 +168,7 @@ s.set_instance_turbid_thermal_state fa:inst(300.0) fa:inst(290.0) fa:inst(0.5) f
 s.set_instance_sif_source_fields fa:inst(0.01,16) fa:inst(0.01,12) fa:inst(0.01,96) \
 fa:inst(0.01,96) fa:inst(0.0,3) fa:inst(4.0,3) ia:inst(2,3,np.int32) i:2 i:8 i:2 i:3
 vk.simulate_cpu s:s i:1 i:2 p:None o:['radiance'] i:0
+s.simulate_backward i:1 i:2 p:None o:['radiance'] i:0 | s.update_spectral_params i:2 fa:np.ones(2,F)
 vk.simulate_brf_cpu s:s fa:BRF_DIRS l:200 i:4 p:None
 vk.simulate_forward_cpu s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None
 vk.simulate_flux_cpu s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None
@@ -268,6 +284,25 @@ lambda *a: (s.add_instance(s.add_mesh(**CUBE), 1, 1, 1), s.build())
 lambda *a: s.set_num_bands(7) | lambda *a: s.set_sensor(0, 64, 64, 4.0, 4.0, CAMERA)""")
 
 
+VULKAN_DEVICES = any(d["compatible"] for d in vk.list_vulkan_devices())
+
+
+def kinds_for(target, kinds):
+    """The scene kinds a target can be called on: a method on the scene classes that
+    have it, Vulkan scenes only on a machine with a Vulkan device."""
+    if not target.startswith("s."):
+        return kinds
+    name = target[2:]
+    cpu = [k for k in kinds if hasattr(vk.EmbreeSceneManager, name)]
+    gpu = ["vulkan"] if VULKAN_DEVICES and hasattr(vk.VulkanSceneManager, name) else []
+    return cpu + gpu if cpu else gpu * 2
+
+
+def working_kind(target):
+    """The scene the entry's working call is run on."""
+    return "ready" if "ready" in kinds_for(target, ["ready"]) else "vulkan"
+
+
 def call(target, over=None):
     """The entry's working call, with the arguments at the positions in `over` replaced."""
     args = ((over or {}).get(i, e) for i, (_, _, e) in enumerate(ENTRIES[target]))
@@ -317,6 +352,13 @@ s.set_sensor(0, 4, 3, 4.0, 3.0, np.full(16, nan, F)) | s.set_sensor(0, 4, 3, 4, 
 s.set_sensor(0, 4, 3, 4.0, 3.0, CAMERA, 60.0, 0, True)
 s.set_repetitive(3, 1e-30, 1e-30) | s.set_repetitive(3, nan, nan) | s.set_repetitive(3, inf, inf)
 s.set_repetitive(3, -4.0, -4.0)""")] + """
+ready: vk.list_vulkan_devices(); vk._vulkan_validation_message_count()
+ready: vk.device_info(0)
+ready: vk.device_info(-1)
+ready: vk.device_info(2**31)
+ready: vk.device_info(None)
+ready: vk.VulkanContext(2**31-1)
+ready: vk.VulkanContext(-2**31)
 repeated: s.set_measurement_plane(nan)
 repeated: s.set_measurement_plane(-inf)
 thermal: s.add_instance(1, 1.0, 1.0, 2.0, 0.5); s.build(); SIM
@@ -353,21 +395,30 @@ def build_cases():
         n = max(PER_ARG * len(where), len(vals)) if vals else 0
         draws = [v for _ in range(n) for v in rng.sample(vals, len(vals))]
         for (target, i, size), v in zip((where * n)[:n], draws):
-            kind = rng.choice(["ready", "ready", "unbuilt", "empty", "thermal", "repeated"]
-                              if target[0] == "s" else ["ready", "repeated", "thermal"])
+            kinds = kinds_for(target, ["ready", "ready", "unbuilt", "empty", "thermal",
+                                       "repeated"]) if target[0] == "s" else \
+                ["ready", "repeated", "thermal"]
+            if not kinds:
+                continue
+            kind = rng.choice(kinds)
             add(kind, call(target, {i: re.sub(r"\bV\b", ENTRIES[target][i][2], v)}), huge=size)
-    for name in dir(vk.EmbreeSceneManager):  # those without arguments, on three scenes
-        if re.match(rf"{name}\(self: [\w.]+\) ->", getattr(vk.EmbreeSceneManager, name).__doc__
-                    or ""):
-            for kind in ("empty", "unbuilt", "ready"):
-                add(kind, f"s.{name}()")
+    for cls, kinds in ((vk.EmbreeSceneManager, ("empty", "unbuilt", "ready")),
+                       (vk.VulkanSceneManager, ("vulkan-empty", "vulkan") * VULKAN_DEVICES)):
+        for name in dir(cls):  # those without arguments
+            if re.match(rf"{name}\(self: [\w.]+\) ->", getattr(cls, name).__doc__ or ""):
+                for kind in kinds:
+                    add(kind, f"s.{name}()")
     # Every callback meets every simulation, with work left after the first report.
     for target, (i, work) in {"vk.simulate_cpu": (1, "64"), "vk.simulate_brf_cpu": (2, "1000001"),
                               "vk.simulate_forward_cpu": (4, "1000001"),
-                              "vk.simulate_flux_cpu": (3, "1000001")}.items():
+                              "vk.simulate_flux_cpu": (3, "1000001"),
+                              "s.simulate_backward": (0, "8")}.items():
         progress = [cls for _, cls, _ in ENTRIES[target]].index("p")
-        for cb in CALLBACKS + MUTATORS:
-            add(rng.choice(["ready", "thermal"]), call(target, {i: work, progress: cb}))
+        reentry = ["lambda *a: s.simulate_backward(1, 1)"] if target[0] == "s" else []
+        for cb in CALLBACKS + MUTATORS + reentry:
+            kinds = kinds_for(target, ["ready", "thermal"])
+            if kinds:
+                add(rng.choice(kinds), call(target, {i: work, progress: cb}))
     for line in SEQUENCES:
         kind, steps = line.split(": ", 1)
         add(kind.lstrip("!"), *(USES.get(st, st) for st in steps.split("; ")),
@@ -377,8 +428,11 @@ def build_cases():
 
 # ---- the worker ---------------------------------------------------------------------------
 
-PROBES = ["(scene_state(s), s.aabb(), s.band_wavelengths(), s.thermal_mode(), "
-          "s.get_primitive_normals(), s.instance_triangle_counts())",
+STATE = ("(scene_state(s), s.aabb(), s.band_wavelengths(), s.thermal_mode(), "
+         "s.get_primitive_normals(), s.instance_triangle_counts())")
+# A Vulkan scene is probed by its own tracer and closest hits.
+VULKAN_PROBES = [STATE, "s.simulate_backward(1, 2)", "s.trace_closest(ORIGINS, DOWN)"]
+PROBES = [STATE,
           "vk.simulate_cpu(s, spp=1, max_depth=2)",
           # 64 photons stay within one work chunk, so photon results are bit-exact.
           "vk.simulate_brf_cpu(s, UP, 64, 3)",
@@ -386,11 +440,15 @@ PROBES = ["(scene_state(s), s.aabb(), s.band_wavelengths(), s.thermal_mode(), "
           "vk.simulate_flux_cpu(s, 2, 2, 64, 2, 0.8, 0, 3, 3, True)"]
 
 
+def probes(ns):
+    return VULKAN_PROBES if isinstance(ns["s"], vk.VulkanSceneManager) else PROBES
+
+
 def snapshot(ns, phase=lambda text: None):
     """What a failed call must leave unchanged: the readable state and what tiny runs make
     of the scene, pickled so that floats (NaN included) compare bit for bit."""
     out = {}
-    for probe in PROBES:
+    for probe in probes(ns):
         phase(probe)
         try:
             out[probe] = pickle.dumps(eval(probe, ns))
@@ -410,7 +468,7 @@ def run_case(kind, steps, phase):
                 exec(st, ns)
             except ACCEPTED + (CallbackError,) as e:
                 after = snapshot(ns, lambda t: phase(f"snapshot after step {k} raised: {t}"))
-                changed = [p for p in PROBES if after[p] != before[p]]
+                changed = [p for p in probes(ns) if after[p] != before[p]]
                 if changed and not any(m in st for m in MUTATORS):
                     return (f"step {k} raised {type(e).__name__}: {str(e)[:120]!r} but changed "
                             f"the scene: {' | '.join(changed)}")

@@ -11,11 +11,16 @@ def test_module_attributes_and_flags():
     assert vk.__doc__ == "VESK - multi-backend 3D Radiative Transfer Model"
     assert vk.__version__ == "3.0.0rc1"
     assert vk.HAS_EMBREE is True
-    # No GPU backend in this build, and then none of their classes either.
-    assert vk.HAS_OPTIX is False and vk.HAS_VULKAN is False
-    for name in ("SceneManager", "OptiXContext", "Simulator", "VulkanSceneManager",
-                 "VulkanContext"):
+    # No OptiX backend in this build, and then none of its classes either.
+    assert vk.HAS_OPTIX is False and vk.HAS_VULKAN is True
+    for name in ("SceneManager", "OptiXContext", "Simulator"):
         assert not hasattr(vk, name), name
+    # Blocks: microwave evaluators, Vulkan (its flag just ahead), generators, CPU.
+    names = list(vars(vk))
+    order = ["_evaluate_microwave_trunk_ground", "HAS_VULKAN", "list_vulkan_devices",
+             "VulkanContext", "HAS_OPTIX", "make_ground_plane", "HAS_EMBREE",
+             "EmbreeSceneManager"]
+    assert [names.index(n) for n in order] == sorted(names.index(n) for n in order)
 
 
 def test_keywords_and_defaults_of_the_scene_surface(cube):

@@ -1,0 +1,257 @@
+// The Vulkan block: device listing, VulkanContext, and VulkanSceneManager.
+#include "module/bind_scene_surface.h"
+#include "vulkan/context.h"
+#include "vulkan/scene_manager.h"
+
+namespace vesk::module {
+
+using vesk::vulkan::DeviceInfo;
+using vesk::vulkan::VulkanContext;
+using vesk::vulkan::VulkanSceneManager;
+
+namespace {
+
+py::dict device_dict(const DeviceInfo& d) {
+  py::dict r;
+  r["device_index"] = d.device_index;
+  r["physical_index"] = d.physical_index;
+  r["name"] = d.name;
+  r["vendor_id"] = d.vendor_id;
+  r["device_id"] = d.device_id;
+  r["device_type"] = d.device_type;
+  r["is_discrete"] = d.is_discrete();
+  r["api_version"] = d.api_version;
+  r["device_local_memory_mb"] = d.device_local_memory_mb;
+  r["has_compute_queue"] = d.has_compute_queue;
+  r["has_acceleration_structure"] = d.has_acceleration_structure;
+  r["has_ray_query"] = d.has_ray_query;
+  r["has_buffer_device_address"] = d.has_buffer_device_address;
+  r["compatible"] = d.compatible;
+  r["unavailable_reason"] = d.unavailable_reason;
+  return r;
+}
+
+void bind_vulkan_scene(py::module_& m) {
+  py::class_<VulkanSceneManager> cls(
+      m, "VulkanSceneManager",
+      "Vulkan scene: the CPU scene's records and setters, resident on the device as one\n"
+      "bottom-level acceleration structure per mesh and a top-level one over the instances,\n"
+      "traced by ray-query compute programs.");
+  cls.def(py::init([](const VulkanContext& context, const std::string& trace_shader) {
+            // The programs lie beside the module.
+            const std::string file =
+                py::str(py::module_::import("vesk_gpu").attr("__file__")).cast<std::string>();
+            const size_t slash = file.find_last_of('/');
+            return std::make_unique<VulkanSceneManager>(
+                context, trace_shader, slash == std::string::npos ? "." : file.substr(0, slash));
+          }),
+          py::arg("context"), py::arg("trace_shader"), py::keep_alive<1, 2>(),
+          "A scene on the context's device. trace_shader: the closest-hit program, a path or\n"
+          "a file name beside the module (the build makes 'trace_closest.spv').");
+  bind_scene_geometry_of(cls);
+  bind_scene_settings_of(cls);
+  cls.def(
+      "simulate_backward",
+      [](VulkanSceneManager& s, int spp, int max_depth, const py::object& progress,
+         const py::object& outputs, int max_output_order) {
+        const backend::OpticalProductRequest request = optical_request(outputs, max_output_order);
+        return optical_product_dict(
+            s.simulate_backward(spp, max_depth, progress_bridge(progress), request));
+      },
+      py::arg("spp") = 16, py::arg("max_depth") = 16, py::arg("progress") = py::none(),
+      py::arg("outputs") = "radiance", py::arg("max_output_order") = 0,
+      "Render the sensor image by backward path tracing on the device: the path of\n"
+      "simulate_cpu (same seeds and draws, sun next-event estimation through repeated\n"
+      "tiles, sky, thermal and SIF emission), one invocation per pixel and sample, summed in\n"
+      "64 bits. Scenes with optical turbid media are refused. Arguments and the returned\n"
+      "dict as simulate_cpu's; '_execution' names 'vulkan.ray_query.optical_backward'.");
+  cls.def(
+      "update_spectral_params",
+      [](VulkanSceneManager& s, size_t offset, const FloatArray& values) {
+        s.update_spectral_params(offset, values.data(), size_t(values.size()));
+      },
+      py::arg("offset"), py::arg("values"),
+      "Overwrite values.size floats of the spectral buffer from offset, in place; a range\n"
+      "past the end of the buffer is refused.");
+
+  cls.def(
+      "set_optical_turbid_media",
+      [](VulkanSceneManager& s, const FloatArray& leaf_area_density,
+         const IntArray& leaf_angle_types, const IntArray& orientations,
+         const FloatArray& leaf_characteristic_lengths, const IntArray& material_medium_ids) {
+        s.set_optical_turbid_media(to_vector(leaf_area_density), to_vector(leaf_angle_types),
+                                   to_vector(orientations), to_vector(leaf_characteristic_lengths),
+                                   to_vector(material_medium_ids));
+      },
+      py::arg("leaf_area_density"), py::arg("leaf_angle_types"), py::arg("orientations"),
+      py::arg("leaf_characteristic_lengths"), py::arg("material_medium_ids"),
+      "The table of optical turbid media, checked as on the CPU scene. The Vulkan tracers do\n"
+      "not follow media: simulate_backward refuses a scene that has any.");
+  cls.def("num_optical_turbid_media",
+          [](const VulkanSceneManager& s) { return s.optical_media().size(); });
+  cls.def("material_medium_ids", &VulkanSceneManager::material_medium_ids);
+
+  cls.def(
+      "set_primitive_emissivities",
+      [](VulkanSceneManager& s, const FloatArray& emissivities) {
+        if (emissivities.ndim() != 1) throw py::value_error("emissivities must be 1D");
+        s.set_primitive_emissivities(to_vector(emissivities));
+      },
+      py::arg("emissivities"),
+      "Upload per-primitive emissivities: (n_primitives(),) float32, 0..1.");
+  cls.def(
+      "get_primitive_emissivities",
+      [](const VulkanSceneManager& s) { return to_numpy(s.primitive_emissivities()); },
+      "Per-primitive emissivities as uploaded (empty when none).");
+  cls.def(
+      "set_primitive_temperatures",
+      [](VulkanSceneManager& s, const FloatArray& temperatures) {
+        if (temperatures.ndim() != 1) throw py::value_error("temperatures must be 1D");
+        s.set_primitive_temperatures(to_vector(temperatures));
+      },
+      py::arg("temperatures"),
+      "Upload per-primitive temperatures (K). Length must equal n_primitives(). Closesthit "
+      "thermal mode reads these in preference to mat.params[2..4] when set.");
+  cls.def("clear_primitive_temperatures", &VulkanSceneManager::clear_primitive_temperatures,
+          "Clear the per-primitive temperature override (kernel reverts to mat.params[2..4]).");
+  cls.def(
+      "get_primitive_temperatures",
+      [](const VulkanSceneManager& s) { return to_numpy(s.primitive_temperatures()); },
+      "Return host-side per-primitive temperatures (mostly for testing).");
+  cls.def(
+      "set_primitive_sif_spectra",
+      [](VulkanSceneManager& s, const FloatArray& spectra, int32_t n_sif_bands) {
+        s.set_primitive_sif_spectra(to_vector(spectra), n_sif_bands);
+      },
+      py::arg("spectra"), py::arg("n_sif_bands"),
+      "Upload per-primitive SIF emission spectra. spectra: float32[n_sif_bands * n_primitives] "
+      "SoA (band-major). After upload, the backward kernel emits SIF from each hit primitive.");
+  cls.def("clear_primitive_sif_spectra", &VulkanSceneManager::clear_primitive_sif_spectra,
+          "Remove the per-primitive SIF spectra.");
+  cls.def(
+      "set_instance_turbid_thermal_state",
+      [](VulkanSceneManager& s, const FloatArray& temperature_sunlit,
+         const FloatArray& temperature_shaded, const FloatArray& sunlit_fraction,
+         const FloatArray& emissivity) {
+        s.set_instance_turbid_thermal_state({to_vector(temperature_sunlit),
+                                             to_vector(temperature_shaded),
+                                             to_vector(sunlit_fraction), to_vector(emissivity)});
+      },
+      py::arg("temperature_sunlit"), py::arg("temperature_shaded"), py::arg("sunlit_fraction"),
+      py::arg("emissivity"), "Upload conditional TurbidBoundary thermal state by instance.");
+  cls.def("clear_instance_turbid_thermal_state",
+          &VulkanSceneManager::clear_instance_turbid_thermal_state,
+          "Remove the per-instance TurbidBoundary thermal state.");
+  cls.def(
+      "set_instance_sif_spectra",
+      [](VulkanSceneManager& s, const FloatArray& spectra, int32_t n_sif_bands) {
+        s.set_instance_sif_spectra(to_vector(spectra), n_sif_bands);
+      },
+      py::arg("spectra"), py::arg("n_sif_bands"),
+      "Upload per-instance TurbidBoundary SIF spectra in band-major layout [n_sif_bands * "
+      "num_instances].");
+  cls.def("clear_instance_sif_spectra", &VulkanSceneManager::clear_instance_sif_spectra,
+          "Remove the per-instance TurbidBoundary SIF spectra.");
+  cls.def(
+      "set_instance_sif_source_fields",
+      [](VulkanSceneManager& s, const FloatArray& spatial_spectra,
+         const FloatArray& orientation_spectra, const FloatArray& joint_spectra,
+         const FloatArray& direct_joint_spectra, const FloatArray& bounds_min,
+         const FloatArray& bounds_max, const IntArray& grid_dims, int32_t n_sif_bands,
+         int32_t spatial_cell_stride, int32_t orientation_theta_bins,
+         int32_t orientation_phi_bins) {
+        // The CPU binding's checks and texts.
+        if (n_sif_bands < 1 || spatial_cell_stride < 1 || orientation_theta_bins < 1 ||
+            orientation_phi_bins < 1)
+          throw py::value_error("Embree instance SIF source fields: dimensions must be positive");
+        const double n = double(size_t(grid_dims.size()) / 3);
+        const double bands = n_sif_bands, cells = spatial_cell_stride;
+        const double bins = double(orientation_theta_bins) * double(orientation_phi_bins);
+        if (double(grid_dims.size()) != 3 * n || n != double(s.num_instances()) ||
+            double(bounds_min.size()) != 3 * n || double(bounds_max.size()) != 3 * n ||
+            double(spatial_spectra.size()) != n * cells * bands ||
+            double(orientation_spectra.size()) != n * bins * bands ||
+            double(joint_spectra.size()) != n * cells * bins * bands ||
+            double(direct_joint_spectra.size()) != n * cells * bins * bands)
+          throw py::value_error("Embree instance SIF source fields: array length mismatch");
+        vesk::embree::InstanceSifSourceFields f;
+        f.spatial_spectra = to_vector(spatial_spectra);
+        f.orientation_spectra = to_vector(orientation_spectra);
+        f.joint_spectra = to_vector(joint_spectra);
+        f.direct_joint_spectra = to_vector(direct_joint_spectra);
+        f.bounds_min = to_vector(bounds_min);
+        f.bounds_max = to_vector(bounds_max);
+        f.grid_dims = to_vector(grid_dims);
+        f.n_sif_bands = n_sif_bands;
+        f.spatial_cell_stride = spatial_cell_stride;
+        f.orientation_theta_bins = orientation_theta_bins;
+        f.orientation_phi_bins = orientation_phi_bins;
+        s.set_instance_sif_source_fields(std::move(f));
+      },
+      py::arg("spatial_spectra"), py::arg("orientation_spectra"), py::arg("joint_spectra"),
+      py::arg("direct_joint_spectra"), py::arg("bounds_min"), py::arg("bounds_max"),
+      py::arg("grid_dims"), py::arg("n_sif_bands"), py::arg("spatial_cell_stride"),
+      py::arg("orientation_theta_bins"), py::arg("orientation_phi_bins"),
+      "Per-instance SIF source tables in the CPU scene's layout. Leaves inside media read\n"
+      "them, and the Vulkan tracers refuse media: the tables are kept for the host.");
+  cls.def("clear_instance_sif_source_fields", &VulkanSceneManager::clear_instance_sif_source_fields,
+          "Remove the per-instance SIF source tables.");
+}
+
+}  // namespace
+
+void bind_vulkan(py::module_& m) {
+  m.def(
+      "list_vulkan_devices",
+      [] {
+        py::list out;
+        for (const DeviceInfo& d : VulkanContext::enumerate_devices()) out.append(device_dict(d));
+        return out;
+      },
+      "Every Vulkan device, ranked: compatible ones first (ray query, acceleration structures\n"
+      "and buffer device addresses), then discrete, integrated, virtual, CPU; then more\n"
+      "device-local memory. Each is a dict with 'device_index' (its index for VulkanContext,\n"
+      "-1 when incompatible), 'physical_index', 'name', 'vendor_id', 'device_id',\n"
+      "'device_type', 'is_discrete', 'api_version', 'device_local_memory_mb',\n"
+      "'has_compute_queue', 'has_acceleration_structure', 'has_ray_query',\n"
+      "'has_buffer_device_address', 'compatible' and 'unavailable_reason' (empty when\n"
+      "compatible). An empty list when the machine has no Vulkan loader or driver.");
+  m.def(
+      "device_info",
+      [](int device_id) {
+        const std::vector<DeviceInfo> devices = VulkanContext::enumerate_devices();
+        if (device_id < 0 || size_t(device_id) >= devices.size())
+          throw py::index_error("Vulkan device id " + std::to_string(device_id) +
+                                " is outside [0, " + std::to_string(devices.size()) + ")");
+        return device_dict(devices[size_t(device_id)]);
+      },
+      py::arg("device_id"),
+      "The entry of list_vulkan_devices() at device_id: for a compatible device, the same\n"
+      "device that VulkanContext(device_id) opens.");
+
+  m.def("_vulkan_validation_message_count", &vesk::vulkan::validation_message_count,
+        "Messages the Khronos validation layer reported in this process (runs with\n"
+        "VESK_VULKAN_VALIDATION set); the test suites fail on any.");
+
+  py::class_<VulkanContext>(m, "VulkanContext",
+                            "A Vulkan device with ray queries: instance, logical device and one "
+                            "compute queue.")
+      .def(py::init<int>(), py::arg("device_index") = 0,
+           "Open the compatible device at device_index in the ranking of "
+           "list_vulkan_devices().")
+      .def_property_readonly("device_name", &VulkanContext::device_name)
+      .def_property_readonly("device_index", &VulkanContext::device_index)
+      .def_property_readonly("physical_device_index", &VulkanContext::physical_device_index)
+      .def_property_readonly("total_vram_mb", &VulkanContext::total_vram_mb,
+                             "Device-local memory, MiB.")
+      .def_property_readonly("api_version", &VulkanContext::api_version,
+                             "The device's Vulkan version, packed as VK_MAKE_API_VERSION.")
+      .def_property_readonly("queue_family_index", &VulkanContext::queue_family_index)
+      .def("__repr__", [](const VulkanContext& c) {
+        return "VulkanContext(device_index=" + std::to_string(c.device_index()) + ", name='" +
+               c.device_name() + "')";
+      });
+  bind_vulkan_scene(m);
+}
+
+}  // namespace vesk::module

@@ -1,0 +1,84 @@
+#pragma once
+// What a VulkanSceneManager keeps on the device: the geometry tables the programs read,
+// one bottom-level acceleration structure per mesh, the top-level structure over the
+// instances, and the compute programs loaded from their .spv files.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "embree/scene_manager.h"
+#include "vulkan/buffer.h"
+#include "vulkan/context.h"
+#include "vulkan/scene_manager.h"
+
+namespace vesk::vulkan {
+
+// name if it is a path to a file, else name inside dir.
+std::string resolve_program(const std::string& name, const std::string& dir);
+
+// One compute program: its pipeline and a single descriptor set whose bindings are the
+// listed types, in order, plus push constants of push_bytes.
+class Program {
+ public:
+  Program(const VulkanContext& context, const std::string& spv_path,
+          std::vector<VkDescriptorType> bindings, uint32_t push_bytes);
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  void bind(uint32_t binding, const Buffer& buffer);
+  void bind(uint32_t binding, VkAccelerationStructureKHR tlas);
+  void dispatch(VkCommandBuffer cb, uint32_t invocations, const void* push) const;
+
+ private:
+  const VulkanContext& context_;
+  uint32_t push_bytes_;
+  std::vector<VkDescriptorType> types_;
+  VkShaderModule module_ = VK_NULL_HANDLE;
+  VkDescriptorSetLayout set_layout_ = VK_NULL_HANDLE;
+  VkPipelineLayout layout_ = VK_NULL_HANDLE;
+  VkPipeline pipeline_ = VK_NULL_HANDLE;
+  VkDescriptorPool pool_ = VK_NULL_HANDLE;
+  VkDescriptorSet set_ = VK_NULL_HANDLE;
+};
+
+// Workgroup width of every program (local_size_x in the shaders), and the most
+// invocations one dispatch may have on any device (65535 workgroups along x).
+constexpr uint32_t WORKGROUP = 64;
+constexpr uint32_t MAX_DISPATCH = 65535u * WORKGROUP;
+
+// Storage buffer the host fills and reads; at least 16 bytes, since Vulkan has no empty
+// buffers.
+Buffer storage_buffer(const VulkanContext& context, size_t bytes, unsigned extra_usage = 0);
+
+struct AccelerationStructure {
+  VkAccelerationStructureKHR handle = VK_NULL_HANDLE;
+  Buffer storage;
+  VkDeviceAddress address = 0;
+};
+
+struct VulkanSceneManager::Device {
+  Device(const VulkanContext& context, const std::string& trace_program);
+  ~Device();
+
+  void build(const std::vector<embree::EmbreeMesh>& meshes,
+             const std::vector<embree::EmbreeInstance>& instances,
+             const std::vector<InstanceInfo>& info);
+  void rebuild_top_level(const std::vector<embree::EmbreeInstance>& instances,
+                         const std::vector<InstanceInfo>& info);
+  // Binds the scene tables at bindings 0 (structure) to 5 of a program.
+  void bind_scene(Program& p) const;
+  void release_structures();
+
+  const VulkanContext& context;
+  Program trace;
+  Buffer vertices, normals, indices, mesh_table, instance_table, instance_records;
+  std::vector<AccelerationStructure> bottom;
+  AccelerationStructure top;
+  std::vector<uint32_t> mesh_vertex_counts;
+  std::unique_ptr<Program> backward;  // loaded on first use
+};
+
+}  // namespace vesk::vulkan
