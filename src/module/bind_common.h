@@ -18,6 +18,7 @@ namespace py = pybind11;
 
 namespace vesk::embree {
 class EmbreeSceneManager;
+struct InstanceSifSourceFields;
 }
 
 namespace vesk::module {
@@ -81,6 +82,14 @@ void bind_energy_balance_processes(py::module_& m);
 void bind_sif_processes(py::module_& m);
 void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
+
+// set_instance_sif_source_fields' checks and texts, for both scene classes.
+vesk::embree::InstanceSifSourceFields sif_source_fields(
+    const FloatArray& spatial_spectra, const FloatArray& orientation_spectra,
+    const FloatArray& joint_spectra, const FloatArray& direct_joint_spectra,
+    const FloatArray& bounds_min, const FloatArray& bounds_max, const IntArray& grid_dims,
+    int32_t n_sif_bands, int32_t spatial_cell_stride, int32_t orientation_theta_bins,
+    int32_t orientation_phi_bins, size_t num_instances);
 void bind_scene_overrides(SceneClass& cls);
 void bind_scene_media(SceneClass& cls);
 

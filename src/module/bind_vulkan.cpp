@@ -160,33 +160,10 @@ void bind_vulkan_scene(py::module_& m) {
          const FloatArray& bounds_max, const IntArray& grid_dims, int32_t n_sif_bands,
          int32_t spatial_cell_stride, int32_t orientation_theta_bins,
          int32_t orientation_phi_bins) {
-        // The CPU binding's checks and texts.
-        if (n_sif_bands < 1 || spatial_cell_stride < 1 || orientation_theta_bins < 1 ||
-            orientation_phi_bins < 1)
-          throw py::value_error("Embree instance SIF source fields: dimensions must be positive");
-        const double n = double(size_t(grid_dims.size()) / 3);
-        const double bands = n_sif_bands, cells = spatial_cell_stride;
-        const double bins = double(orientation_theta_bins) * double(orientation_phi_bins);
-        if (double(grid_dims.size()) != 3 * n || n != double(s.num_instances()) ||
-            double(bounds_min.size()) != 3 * n || double(bounds_max.size()) != 3 * n ||
-            double(spatial_spectra.size()) != n * cells * bands ||
-            double(orientation_spectra.size()) != n * bins * bands ||
-            double(joint_spectra.size()) != n * cells * bins * bands ||
-            double(direct_joint_spectra.size()) != n * cells * bins * bands)
-          throw py::value_error("Embree instance SIF source fields: array length mismatch");
-        vesk::embree::InstanceSifSourceFields f;
-        f.spatial_spectra = to_vector(spatial_spectra);
-        f.orientation_spectra = to_vector(orientation_spectra);
-        f.joint_spectra = to_vector(joint_spectra);
-        f.direct_joint_spectra = to_vector(direct_joint_spectra);
-        f.bounds_min = to_vector(bounds_min);
-        f.bounds_max = to_vector(bounds_max);
-        f.grid_dims = to_vector(grid_dims);
-        f.n_sif_bands = n_sif_bands;
-        f.spatial_cell_stride = spatial_cell_stride;
-        f.orientation_theta_bins = orientation_theta_bins;
-        f.orientation_phi_bins = orientation_phi_bins;
-        s.set_instance_sif_source_fields(std::move(f));
+        s.set_instance_sif_source_fields(sif_source_fields(
+            spatial_spectra, orientation_spectra, joint_spectra, direct_joint_spectra, bounds_min,
+            bounds_max, grid_dims, n_sif_bands, spatial_cell_stride, orientation_theta_bins,
+            orientation_phi_bins, size_t(s.num_instances())));
       },
       py::arg("spatial_spectra"), py::arg("orientation_spectra"), py::arg("joint_spectra"),
       py::arg("direct_joint_spectra"), py::arg("bounds_min"), py::arg("bounds_max"),
