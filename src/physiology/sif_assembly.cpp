@@ -462,6 +462,9 @@ constexpr size_t GROUP_CACHE_BYTES = size_t(1) << 20;
 constexpr size_t ROUND_BYTES = size_t(64) << 20;
 // Samples per tile: a tile's source values are checked, then added while still in cache.
 constexpr size_t TILE = 256;
+// Samples per classification chunk and table rows per finishing chunk.
+constexpr size_t CLASSIFY_CHUNK = 8192;
+constexpr size_t FINISH_CHUNK = 256;
 
 // Whether any of n values is one the validator refuses; branch-free, so it vectorises.
 uint32_t any_not_clear(const float* x, size_t n) {
@@ -508,11 +511,11 @@ struct GroupSums {
 //
 // Threads and determinism. Every double sum is built by one thread in a fixed order, so
 // the bits never depend on the thread count or on which thread runs what:
-//  1. each sample's joint slot is a pure function of the sample (parallel over samples);
+//  1. each sample's joint slot is a pure function of the sample (chunks of samples);
 //  2. groups of bands are independent tasks: a band's joint and direct sums are added in
 //     sample order, then its spatial, orientation and instance sums are reduced from its
 //     joint sums in slot order (the counts, integers, are one more task);
-//  3. the means are written in parallel over table rows, each value from those sums.
+//  3. the means are written by chunks of table rows, each value from those sums.
 // Rounds of groups bound the double scratch (to ROUND_BYTES, or a group per thread).
 SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& v) {
   const Shape shape = checked_shape(v);
@@ -524,11 +527,12 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
   const size_t rows = instances * stride;   // (instance, cell)
   const size_t orients = instances * bins;  // (instance, bin)
   const int threads = resolve_thread_count(0);
-  // Twice as many groups as threads when bands allow, so that the tasks even out, and
-  // few enough bands that a group's sums stay in a core's cache.
+  // Four times as many groups as threads when bands allow, so that the tasks even out,
+  // and few enough bands that a group's sums stay in a core's cache.
   const size_t cached = GROUP_CACHE_BYTES / (2 * sizeof(double) * slots);
   const size_t group = std::clamp<size_t>(
-      std::min((nb + 2 * size_t(threads) - 1) / (2 * size_t(threads)), cached), 1, MAX_GROUP);
+      std::min((nb + 4 * size_t(threads) - 1) / (4 * size_t(threads)), cached), 1, MAX_GROUP);
+  const size_t chunks = (n + CLASSIFY_CHUNK - 1) / CLASSIFY_CHUNK;
   const size_t groups = (nb + group - 1) / group;
   const size_t group_doubles = group * (2 * (slots + 1) + rows + orients + 2 * instances);
   // As many groups per round as ROUND_BYTES of sums hold (at least one per thread): each
@@ -649,14 +653,12 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
 
 #pragma omp parallel num_threads(threads)
   {
-    {
-      // Equal contiguous ranges; the first (n % threads) threads take one sample more.
-      const size_t count = size_t(omp_get_num_threads()), t = size_t(omp_get_thread_num());
-      const size_t base = n / count, extra = n % count;
-      const size_t begin = t * base + std::min(t, extra);
-      classify_range(v, bins, edges, begin, begin + base + (t < extra ? 1 : 0), slot_of.get());
-    }
-#pragma omp barrier
+    // Chunks handed out as threads come free: a thread slowed by other work on its core
+    // takes fewer. Each sample's slot is its own, so the split changes nothing.
+#pragma omp for schedule(dynamic, 1)
+    for (size_t chunk = 0; chunk < chunks; ++chunk)
+      classify_range(v, bins, edges, chunk * CLASSIFY_CHUNK,
+                     std::min(n, (chunk + 1) * CLASSIFY_CHUNK), slot_of.get());
 
     for (size_t first = 0; first < groups; first += per_round) {
       const size_t in_round = std::min(per_round, groups - first);
@@ -673,7 +675,7 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
       }
 
       const size_t round_b0 = first * group;
-#pragma omp for schedule(static) nowait
+#pragma omp for schedule(dynamic, FINISH_CHUNK) nowait
       for (size_t row = 0; row < rows; ++row) {
         const size_t k = row / stride;
         for (size_t t = 0; t < in_round; ++t) {
@@ -684,7 +686,7 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
                 mean_or_instance(g.spatial[row * w + j], sc[row], k, g.instance[k * 2 * w + 2 * j]);
         }
       }
-#pragma omp for schedule(static)
+#pragma omp for schedule(dynamic, FINISH_CHUNK)
       for (size_t q = 0; q < orients; ++q) {
         const size_t k = q / bins;
         for (size_t t = 0; t < in_round; ++t) {
@@ -697,7 +699,7 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
       }
 
       // The empty joint slots read the finished spatial and orientation values above.
-#pragma omp for schedule(static)
+#pragma omp for schedule(dynamic, FINISH_CHUNK)
       for (size_t q = 0; q < slots; ++q) {
         const size_t row = q / bins, o = q % bins, k = row / stride;
         const uint32_t count = jc[q], nk = instance_count[k];
