@@ -1,5 +1,7 @@
 #include "physiology/sif_assembly.h"
 
+#include "core/sif_field.h"
+
 #include <omp.h>
 
 #include <algorithm>
@@ -26,56 +28,7 @@ constexpr float BOX_TOLERANCE = 9.536743e-07f;
 constexpr float HALF_PI = 1.5707964f;
 constexpr float TWO_PI = 6.2831855f;
 
-// The azimuth bin by the literal rule: atan2 in float, folded to [0, 2 pi), scaled.
-inline int64_t phi_bin(float x, float y, int32_t phi_bins) {
-  float phi = std::atan2(y, x);
-  if (phi < 0.0f) phi += TWO_PI;
-  return std::min<int64_t>(int64_t((phi / TWO_PI) * float(phi_bins)), int64_t(phi_bins) - 1);
-}
-
-// The unit normal folded into the upper hemisphere, or false for a zero normal.
-inline bool folded_unit(float nx, float ny, float nz, float& x, float& y, float& z) {
-  const float length = std::sqrt(nx * nx + ny * ny + nz * nz);
-  if (!(length > 0.0f)) return false;
-  x = nx / length, y = ny / length, z = nz / length;
-  // A leaf has two faces: a normal and its opposite are the same orientation.
-  if (z < 0.0f) x = -x, y = -y, z = -z;
-  return true;
-}
-
-inline int64_t theta_bin(float z, int32_t theta_bins) {
-  const float theta = std::acos(std::min(std::max(z, 0.0f), 1.0f));
-  return std::min<int64_t>(int64_t((theta / HALF_PI) * float(theta_bins)), int64_t(theta_bins) - 1);
-}
-
 }  // namespace
-
-int64_t sif_axis_cell(float position, float lo, float hi, int32_t n) {
-  float x = position - lo;
-  const float e = hi - lo;
-  // The negated tests also refuse NaN.
-  if (n < 1 || !(e >= std::numeric_limits<float>::min()) ||
-      !(e <= std::numeric_limits<float>::max()) || !std::isfinite(x))
-    return -1;
-  const float margin = e * BOX_TOLERANCE;
-  if (x < -margin || x > e + margin) return -1;
-  x = std::min(std::max(x, 0.0f), e);
-  const float fn = float(n);
-  int64_t i = std::min<int64_t>(int64_t((x / e) * fn), int64_t(n) - 1);
-  // The division above may round across a boundary either way; these comparisons with
-  // the boundary itself put a point on it in the upper cell.
-  if (i >= 1 && x < e * float(i) / fn)
-    --i;
-  else if (i < int64_t(n) - 1 && x == e * float(i + 1) / fn)
-    ++i;
-  return std::max<int64_t>(i, 0);
-}
-
-int64_t sif_orientation_bin(float nx, float ny, float nz, int32_t theta_bins, int32_t phi_bins) {
-  float x, y, z;
-  if (!folded_unit(nx, ny, nz, x, y, z)) return -1;
-  return theta_bin(z, theta_bins) * phi_bins + phi_bin(x, y, phi_bins);
-}
 
 }  // namespace vesk::physiology
 
@@ -275,14 +228,14 @@ int32_t rule_slot(const SifSourceAssemblyRequestView& v, size_t i, size_t bins) 
   const int32_t* dims = v.grid_dims.data + 3 * k;
   int64_t axis[3];
   for (size_t a = 0; a < 3; ++a) {
-    axis[a] = physiology::sif_axis_cell(v.positions[3 * i + a], v.bounds_min[3 * k + a],
+    axis[a] = vesk::sif_axis_cell(v.positions[3 * i + a], v.bounds_min[3 * k + a],
                                         v.bounds_max[3 * k + a], dims[a]);
     if (axis[a] < 0) return -1;
   }
   const int64_t cell = (axis[2] * dims[1] + axis[1]) * dims[0] + axis[0];
   if (cell >= int64_t(dims[0]) * dims[1] * dims[2]) return -1;
-  const int64_t bin = physiology::sif_orientation_bin(
-      v.normals[3 * i], v.normals[3 * i + 1], v.normals[3 * i + 2], v.theta_bins, v.phi_bins);
+  const int64_t bin = vesk::sif_orientation_bin(
+      {v.normals[3 * i], v.normals[3 * i + 1], v.normals[3 * i + 2]}, v.theta_bins, v.phi_bins);
   if (bin < 0) return -1;
   return int32_t((int64_t(k) * v.cell_stride + cell) * int64_t(bins) + bin);
 }

@@ -51,15 +51,3 @@ SifSourceAssemblyResult assemble_sif_source(const SifSourceAssemblyRequestView& 
 
 }  // namespace vesk::backend
 
-namespace vesk::physiology {
-
-// The cell of a coordinate on one grid axis of n cells over [lo, hi], or -1 when the
-// axis or the coordinate cannot be binned. A coordinate on a cell boundary belongs to
-// the upper cell; up to 2^-20 of the extent outside the box still counts as inside.
-int64_t sif_axis_cell(float position, float lo, float hi, int32_t n);
-
-// The orientation bin of a normal folded into the upper hemisphere, or -1 for a normal
-// of zero length.
-int64_t sif_orientation_bin(float nx, float ny, float nz, int32_t theta_bins, int32_t phi_bins);
-
-}  // namespace vesk::physiology

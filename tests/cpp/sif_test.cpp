@@ -3,12 +3,13 @@
 #include <stdexcept>
 #include <vector>
 
+#include "core/sif_field.h"
 #include "physiology/sif_assembly.h"
 #include "physiology/sif_finalization.h"
 #include "test_util.h"
 
 using namespace vesk::backend;
-using vesk::physiology::sif_axis_cell;
+using vesk::sif_axis_cell;
 
 // Only a native caller can hand over a count without storage, or storage without a
 // count; either makes the per-element yields present, and wrong.
@@ -118,8 +119,8 @@ TEST(SifAssembly, ShortcutsBinLikeTheRuleRightAtEveryFaceAndEdge) {
         const int64_t c = sif_axis_cell(positions[3 * s + a], lo[a], hi[a], dims[a]);
         cell = c < 0 || cell < 0 ? -1 : cell * dims[a] + c;
       }
-      const int64_t bin = vesk::physiology::sif_orientation_bin(
-          normals[3 * s], normals[3 * s + 1], normals[3 * s + 2], theta_bins, phi_bins);
+      const int64_t bin = vesk::sif_orientation_bin(
+          {normals[3 * s], normals[3 * s + 1], normals[3 * s + 2]}, theta_bins, phi_bins);
       if (cell >= 0 && bin >= 0) ++expected[size_t(cell * theta_bins * phi_bins + bin)];
     }
     EXPECT_EQ(assemble_sif_source(v).joint_counts, expected) << theta_bins << " x " << phi_bins;
