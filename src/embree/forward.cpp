@@ -56,9 +56,8 @@ struct ForwardRecorder {
   void entered(const Photon& p) {
     for (int32_t b = 0; b < L.bands; ++b) s.incident[size_t(b)] += p.throughput[size_t(b)] * p.weight;
     if (s.incident_cells.empty()) return;
-    const int32_t cell = entry_cell(p);
-    for (int32_t b = 0; b < L.bands; ++b)
-      s.incident_cells[size_t(cell) * size_t(L.bands) + size_t(b)] += p.throughput[size_t(b)] * p.weight;
+    double* cell = &s.incident_cells[size_t(entry_cell(p)) * size_t(L.bands)];
+    for (int32_t b = 0; b < L.bands; ++b) cell[b] += p.throughput[size_t(b)] * p.weight;
   }
 
   // The column a photon comes in by: where it crosses the plane it enters through (it
