@@ -51,4 +51,4 @@ bench: configure
 	@for b in bench/bench_*.py; do $(PYPATH) $(PY) $$b --build $(BUILD) || exit 1; done
 
 clean:
-	rm -rf $(BUILD) $(SAN_BUILD) out
+	rm -rf $(BUILD) $(SAN_BUILD) build-pip out

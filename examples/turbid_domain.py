@@ -9,12 +9,15 @@ distribution, equal area weights that sum to density times volume). This script
 2. extends it: a larger budget keeps every sample already accepted as a prefix;
 3. inspects samples, relations and revisions;
 4. arms a commit failure, watches the next extension fail, and checks that nothing
-   changed; then the same extension passes.
+   changed; then the same extension passes;
+5. draws the samples seen from the south: out/turbid_domain.png.
 
 Run with:  PYTHONPATH=build/python /usr/bin/python3 examples/turbid_domain.py
 """
+import matplotlib.pyplot as plt
 import numpy as np
 
+import vesk
 import vesk_gpu as vk
 
 F = np.float32
@@ -80,3 +83,14 @@ print(f"domain unchanged after the failure: {unchanged}")
 vk._extend_turbid_samples_embree(scene, did, 4096)
 print(f"the same extension then passes: "
       f"{vk._debug_turbid_residency_embree(scene)['domains'][did]['n_samples']} samples")
+
+# ---- 5. the samples from the south: each crown's volume filled with leaf-area points ----
+final = vk._debug_turbid_domain_samples_embree(scene, did)
+ends = final["sample_offsets"]
+for k, colour in enumerate(["tab:green", "tab:olive"]):
+    p = final["position"][ends[k]:ends[k + 1]]
+    plt.scatter(p[:, 0], p[:, 2], s=1, c=colour, label=f"crown {'AB'[k]}: {len(p)} samples")
+plt.legend(loc="upper center", ncol=2, markerscale=6)
+plt.gca().set(aspect="equal", ylim=(2.2, 6.6), xlabel="x (m)", ylabel="z (m)",
+              title="leaf-area samples seen from the south")
+vesk.save_figure("out/turbid_domain.png", dpi=80)

@@ -9,23 +9,65 @@ packages=(
   pybind11-dev python3-dev python3-numpy python3-pytest python3-pil python3-scipy
   python3-matplotlib
   libgtest-dev
+  # the Vulkan backend: loader headers, the shader compiler and the validation layer
   libvulkan-dev glslc spirv-tools vulkan-validationlayers
+  # the vesk helpers: progress bars, labelled outputs and netCDF files
+  python3-tqdm python3-xarray python3-netcdf4
+  # pip install . (the packaging test builds into a fresh venv)
+  python3-pip python3-venv ninja-build
+)
+# From bookworm-backports: scikit-build-core, the build backend of pyproject.toml.
+backports=(
+  python3-scikit-build-core
 )
 
-missing=()
-for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
-    missing+=("$p")
-  fi
-done
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
 
+missing_of() {
+  local p
+  for p in "$@"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+      echo "$p"
+    fi
+  done
+}
+
+# ---- the bookworm-backports suite (one deb822 file), added once ----------------------
+BACKPORTS_SOURCES=/etc/apt/sources.list.d/bookworm-backports.sources
+add_backports_suite() {
+  if [ -e "$BACKPORTS_SOURCES" ] || grep -rqs '^[^#]*bookworm-backports' /etc/apt/sources.list \
+      /etc/apt/sources.list.d/; then
+    return 1
+  fi
+  $SUDO tee "$BACKPORTS_SOURCES" >/dev/null <<'SOURCES'
+Types: deb
+URIs: http://deb.debian.org/debian
+Suites: bookworm-backports
+Components: main
+Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
+SOURCES
+}
+# ---------------------------------------------------------------------------------------
+
+mapfile -t missing < <(missing_of "${packages[@]}")
+mapfile -t missing_backports < <(missing_of "${backports[@]}")
+
+if [ ${#missing[@]} -gt 0 ] || [ ${#missing_backports[@]} -gt 0 ]; then
+  [ ${#missing_backports[@]} -gt 0 ] && add_backports_suite || true
+  $SUDO apt-get update -qq
+fi
 if [ ${#missing[@]} -gt 0 ]; then
   echo "installing: ${missing[*]}"
-  SUDO=""
-  if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-  export DEBIAN_FRONTEND=noninteractive
-  $SUDO apt-get update -qq
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+# Alone in its own command: with -t bookworm-backports, cmake in the same command would
+# be upgraded too (3.31 instead of Debian's 3.25).
+if [ ${#missing_backports[@]} -gt 0 ]; then
+  echo "installing from bookworm-backports: ${missing_backports[*]}"
+  $SUDO apt-get install -y -qq --no-install-recommends -t bookworm-backports \
+    "${missing_backports[@]}"
 fi
 
 # The Vulkan tests run on lavapipe, Mesa's CPU driver, which traces ray queries from Mesa
@@ -38,15 +80,7 @@ mesa_ok() {
   dpkg --compare-versions "${v##* }" ge 24
 }
 if ! mesa_ok; then
-  SUDO=""
-  if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-  export DEBIAN_FRONTEND=noninteractive
-  if ! grep -rqs 'bookworm-backports' /etc/apt/sources.list /etc/apt/sources.list.d/; then
-    echo "adding bookworm-backports (for Mesa's lavapipe with ray queries)"
-    printf '%s\n' 'Types: deb' 'URIs: http://deb.debian.org/debian' 'Suites: bookworm-backports' \
-      'Components: main' 'Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg' |
-      $SUDO tee /etc/apt/sources.list.d/bookworm-backports.sources >/dev/null
-  fi
+  add_backports_suite || true
   echo "installing: mesa-vulkan-drivers from bookworm-backports"
   $SUDO apt-get update -qq
   $SUDO apt-get install -y -qq --no-install-recommends -t bookworm-backports mesa-vulkan-drivers

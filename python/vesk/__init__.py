@@ -1,10 +1,35 @@
-"""vesk: pure-Python companions of the vesk_gpu module.
+"""vesk: the friendly side of the vesk_gpu simulator.
 
-LiDAR output (`write_las`, LAS 1.4 point clouds) and scan patterns that make pulse
-origins and directions (`airborne_line_scan`, `terrestrial_scan`). The simulations
-themselves live in the compiled module `vesk_gpu`.
+The simulations live in the compiled module `vesk_gpu` (imported here as `vesk.vk`);
+this package helps set them up and read what they return:
+
+  scene set-up   Spectra (named spectral blocks), lambertian, leaf, rpv (materials),
+                 sun_direction, look_at, principal_plane, view_direction,
+                 load_mesh (OBJ, PLY), make_tree (porous crowns of leaves)
+  running        progress_bar (tqdm), leaf_request (the leaf solver's inputs with
+                 typical values)
+  results        save_image (tone-mapped PNG), save_figure, to_xarray (labelled
+                 Datasets, with .to_netcdf()), flux_extent
+  LiDAR          write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
+
+Conventions: +z up, metres, nanometres, kelvin; azimuths are compass bearings
+(0 = north = +y, 90 = east = +x); image row 0 is the bottom of the picture.
 """
-from vesk.las import write_las
-from vesk.scan import airborne_line_scan, terrestrial_scan
+import vesk_gpu as vk
 
-__all__ = ["write_las", "airborne_line_scan", "terrestrial_scan"]
+from vesk.directions import look_at, principal_plane, sun_direction, view_direction
+from vesk.image import save_figure, save_image, tone_map
+from vesk.labels import flux_extent, to_xarray
+from vesk.las import write_las
+from vesk.mesh import Tree, load_mesh, make_tree
+from vesk.physiology import leaf_request
+from vesk.progress import progress_bar
+from vesk.scan import airborne_line_scan, terrestrial_scan
+from vesk.spectra import Spectra, lambertian, leaf, rpv
+
+__version__ = vk.__version__
+
+__all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_at",
+           "principal_plane", "view_direction", "load_mesh", "make_tree", "Tree",
+           "save_image", "save_figure", "tone_map", "leaf_request", "to_xarray", "flux_extent", "progress_bar",
+           "write_las", "airborne_line_scan", "terrestrial_scan"]

@@ -100,22 +100,67 @@ void run_workers(int threads, const std::function<void(int)>& worker,
 
 void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
                  const std::function<void(int, int64_t, int64_t)>& work,
-                 const std::function<void(int64_t)>& after_round) {
+                 const std::function<void(int64_t)>& report) {
+  using clock = std::chrono::steady_clock;
+  const auto interval = std::chrono::milliseconds(PROGRESS_INTERVAL_MS);
   std::atomic<bool> cancel{false};
+  auto last_report = clock::now();
+  int64_t reported = 0;
   for (int64_t start = 0; start < total; start += round_size) {
     const int64_t end = std::min(total, start + round_size);
-    std::atomic<int64_t> next{start};
-    run_workers(
-        threads,
-        [&](int t) {
-          while (!cancel.load(std::memory_order_relaxed)) {
-            const int64_t b = next.fetch_add(chunk);
-            if (b >= end) return;
-            work(t, b, std::min(end, b + chunk));
+    std::atomic<int64_t> next{start}, finished{start};
+    std::mutex mutex;  // guards `running`
+    std::condition_variable stopped;
+    int running = threads;
+    // Decrements `running` however the worker leaves, so the waiting caller wakes up.
+    struct Leaving {
+      std::mutex& m;
+      std::condition_variable& cv;
+      int& running;
+      ~Leaving() {
+        {
+          std::lock_guard<std::mutex> lock(m);
+          --running;
+        }
+        cv.notify_one();
+      }
+    };
+    auto worker = [&](int t) {
+      Leaving leaving{mutex, stopped, running};
+      while (!cancel.load(std::memory_order_relaxed)) {
+        const int64_t b = next.fetch_add(chunk);
+        if (b >= end) return;
+        const int64_t e = std::min(end, b + chunk);
+        work(t, b, e);
+        finished.fetch_add(e - b, std::memory_order_relaxed);
+      }
+    };
+    std::function<void()> caller;
+    if (report) {
+      caller = [&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (running > 0) {
+          const auto wake = std::min(last_report + interval,
+                                     clock::now() + std::chrono::milliseconds(INTERRUPT_POLL_MS));
+          stopped.wait_until(lock, wake);
+          if (running == 0) break;
+          lock.unlock();
+          poll_interrupt();
+          if (clock::now() >= last_report + interval) {
+            const int64_t n = finished.load(std::memory_order_relaxed);
+            if (n > reported) report(n), reported = n;
+            last_report = clock::now();
           }
-        },
-        {}, cancel);
-    if (after_round) after_round(end);
+          lock.lock();
+        }
+      };
+    }
+    run_workers(threads, worker, caller, cancel);
+    if (report) {
+      report(end);
+      reported = end;
+      last_report = clock::now();
+    }
   }
 }
 

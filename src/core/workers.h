@@ -32,13 +32,20 @@ constexpr int INTERRUPT_POLL_MS = 100;
 void run_workers(int threads, const std::function<void(int)>& worker,
                  const std::function<void()>& caller, std::atomic<bool>& cancel);
 
+// How often, at least, a counted run with a listener tells it how far it got: a user
+// watching a progress bar wants to see it move, whatever the size of a round.
+constexpr int PROGRESS_INTERVAL_MS = 250;
+
 // Items 0 .. total - 1 in rounds of round_size, in order. Each round starts `threads`
 // workers that take chunks of consecutive indices from one atomic counter and call
-// work(worker, begin, end); after each round's join the calling thread runs
-// after_round(items done). Workers keep private accumulators indexed by `worker`,
-// merged by the caller in worker order, so sums differ only in addition order.
+// work(worker, begin, end). Workers keep private accumulators indexed by `worker`,
+// merged by the caller in worker order, so sums differ only in addition order; how
+// often anyone is told about progress changes nothing in them.
+// When `report` is set, the calling thread runs report(items in finished chunks) every
+// PROGRESS_INTERVAL_MS while a round runs (only when the count moved) and always at
+// the end of each round, so the last call is report(total).
 void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
                  const std::function<void(int, int64_t, int64_t)>& work,
-                 const std::function<void(int64_t)>& after_round);
+                 const std::function<void(int64_t)>& report);
 
 }  // namespace vesk

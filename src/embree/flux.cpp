@@ -3,11 +3,11 @@
 
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 
 #include "core/grid.h"
+#include "core/log.h"
 #include "core/memory_limit.h"
 #include "core/workers.h"
 #include "embree/optical_scene.h"
@@ -92,10 +92,9 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
   check_request_memory("simulate_flux_cpu: a " + std::to_string(nx) + " x " + std::to_string(ny) +
                            " x " + std::to_string(num_bands) + " grid",
                        double(nx) * ny * num_bands * 8.0 * (decompose ? 4.0 : 2.0) * (threads + 1));
-  std::printf("Forward flux (CPU): %lld photons, grid %dx%d, %d bands, max_bounces_record=%d, "
-              "%d threads\n",
-              static_cast<long long>(num_photons), nx, ny, num_bands, max_bounces, threads);
-  std::fflush(stdout);
+  log_line("Forward flux (CPU): %lld photons, grid %dx%d, %d bands, max_bounces_record=%d, "
+           "%d threads\n",
+           static_cast<long long>(num_photons), nx, ny, num_bands, max_bounces, threads);
 
   const size_t cells = size_t(nx) * size_t(ny) * size_t(num_bands);
   std::vector<FluxGrids> grids(static_cast<size_t>(threads));
@@ -133,10 +132,10 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
           walk_photon(scene, materials, spectral, lim, rng, p, before[size_t(t)], rec);
         }
       },
-      [&](int64_t done) {
-        if (!progress) return;
+      progress ? std::function<void(int64_t)>([&](int64_t done) {
         progress(long(done), long(num_photons), elapsed_ms(start));
-      });
+      })
+               : nullptr);
 
   FluxResult r;
   r.nx = nx, r.ny = ny, r.num_bands = num_bands, r.decompose = decompose;

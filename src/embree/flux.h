@@ -25,7 +25,8 @@ FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
                        int32_t max_bounces, int32_t max_depth, int32_t rr_depth, int32_t threads,
                        const ProgressFn& progress, bool decompose);
 
-// Photons run in rounds of this many, with progress reported after each.
+// Photons run in rounds of this many; progress comes at the end of each round and every
+// PROGRESS_INTERVAL_MS within one.
 constexpr int64_t PHOTON_ROUND = 1000000;
 
 }  // namespace vesk::embree

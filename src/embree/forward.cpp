@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 
 #include "core/grid.h"
+#include "core/log.h"
 #include "core/memory_limit.h"
 #include "core/workers.h"
 #include "embree/flux.h"
@@ -20,7 +20,7 @@ namespace {
 
 // One worker's 64-bit sums; merged in worker order after the run.
 struct ForwardSums {
-  std::vector<double> grid, direct, diffuse, leaf, terrain, brf;
+  std::vector<double> grid, direct, diffuse, leaf, terrain, brf, incident_cells;
   std::vector<double> incident, escaped, transmitted, outside, truncated;
   std::vector<double> f;  // scratch: the BRDF per band towards one observer
 };
@@ -28,6 +28,8 @@ struct ForwardSums {
 struct ForwardLayout {
   int32_t nx, ny, nz, bands;
   float gx0, gy0, gw, gh;  // grid origin and extent in x, y
+  bool periodic;           // photons of a repeated scene: the grid is its tile
+  float entry_z;           // where photons come in: the measurement plane or the box top
   const std::vector<float>* layers;
   int32_t terrain_id;
   bool per_leaf;
@@ -53,6 +55,30 @@ struct ForwardRecorder {
 
   void entered(const Photon& p) {
     for (int32_t b = 0; b < L.bands; ++b) s.incident[size_t(b)] += p.throughput[size_t(b)] * p.weight;
+    if (s.incident_cells.empty()) return;
+    double* cell = &s.incident_cells[size_t(entry_cell(p)) * size_t(L.bands)];
+    for (int32_t b = 0; b < L.bands; ++b) cell[b] += p.throughput[size_t(b)] * p.weight;
+  }
+
+  // The column a photon comes in by: where it crosses the plane it enters through (it
+  // starts 0.1 above), folded into the tile of a repeated scene; a photon that enters a
+  // finite scene through a side of its box belongs to the edge column there. Every
+  // incident photon has a column, so the cells add up to 'incident'.
+  int32_t entry_cell(const Photon& p) const {
+    float x = p.origin.x, y = p.origin.y;
+    if (p.direction.z < 0.0f && p.origin.z > L.entry_z) {
+      const float t = (L.entry_z - p.origin.z) / p.direction.z;
+      x += t * p.direction.x;
+      y += t * p.direction.y;
+    }
+    x -= L.gx0, y -= L.gy0;
+    auto settle = [&](float c, float size) {
+      if (L.periodic) c -= std::floor(c / size) * size;
+      return std::min(std::max(c, 0.0f), size);
+    };
+    const int32_t cx = grid::world_to_cell(settle(x, L.gw), L.gw, L.nx);
+    const int32_t cy = grid::world_to_cell(settle(y, L.gh), L.gh, L.ny);
+    return std::max(cy, 0) * L.nx + std::max(cx, 0);
   }
 
   // Local estimate of the BRF: the light this event scatters towards each observer,
@@ -164,14 +190,15 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
   const int32_t bands = req.num_bands;
   const int32_t nz = req.layer_heights.empty() ? 1 : int32_t(req.layer_heights.size()) - 1;
   {
-    // Per worker: three 64-bit grids, the terrain cells, the per-primitive sums and the
-    // BRF sums; then the merged and narrowed copies.
+    // Per worker: three 64-bit grids, the terrain and incident cells, the per-primitive
+    // sums and the BRF sums; then the merged and narrowed copies.
     const double grid = req.brf_entry ? 0.0 : double(req.nx) * req.ny * nz * bands;
     const double cells = req.brf_entry || req.terrain_instance_id < 0
                              ? 0.0 : double(req.nx) * req.ny * bands;
     const double leaf = req.per_leaf ? double(scene.n_primitives()) * bands : 0.0;
     const double brf = double(req.brf_directions.size()) * bands;
-    const double per_worker = 8.0 * (3.0 * grid + cells + leaf + brf);
+    const double incident = req.brf_entry ? 0.0 : double(req.nx) * req.ny * bands;
+    const double per_worker = 8.0 * (3.0 * grid + cells + incident + leaf + brf);
     check_request_memory(
         req.brf_entry ? std::string("simulate_brf_cpu")
                       : "simulate_forward_cpu: a " + std::to_string(req.nx) + " x " +
@@ -179,9 +206,8 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
                             std::to_string(bands) + " grid",
         per_worker * (threads + 2));
   }
-  std::printf("Forward fPAR (CPU): %lld photons, grid %dx%dx%d, %d bands, %d threads\n",
-              static_cast<long long>(req.num_photons), req.nx, req.ny, nz, bands, threads);
-  std::fflush(stdout);
+  log_line("Forward fPAR (CPU): %lld photons, grid %dx%dx%d, %d bands, %d threads\n",
+           static_cast<long long>(req.num_photons), req.nx, req.ny, nz, bands, threads);
 
   // The grid covers the tile of a repeated scene, else the scene box.
   const Repetition& rep = scene.repetition();
@@ -201,7 +227,8 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
   for (const float3& d : req.brf_directions) dirs.push_back(normalize(d));
   const bool grids = !req.brf_entry;
   // Without grids (the BRF entry) no event has a cell, so absorption counts as outside.
-  const ForwardLayout layout{grids ? req.nx : 0, req.ny, nz, bands, gx0, gy0, gw, gh,
+  const ForwardLayout layout{grids ? req.nx : 0, req.ny, nz, bands, gx0, gy0, gw, gh, repetitive,
+                             repetitive ? scene.measurement_plane_height() : hi.z,
                              &req.layer_heights, req.terrain_instance_id, req.per_leaf, &dirs,
                              &scene, scene.materials().data(), scene.spectral_params().data(),
                              scene.has_optical_media() ? &media : nullptr};
@@ -214,6 +241,7 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
     if (grids) s.grid.assign(n_grid, 0.0), s.direct.assign(n_grid, 0.0), s.diffuse.assign(n_grid, 0.0);
     s.leaf.assign(n_leaf, 0.0);
     if (req.terrain_instance_id >= 0 && grids) s.terrain.assign(n_cells, 0.0);
+    if (grids) s.incident_cells.assign(n_cells, 0.0);
     s.brf.assign(dirs.size() * size_t(bands), 0.0);
     s.f.assign(size_t(bands), 0.0);
     for (auto* v : {&s.incident, &s.escaped, &s.transmitted, &s.outside, &s.truncated})
@@ -238,10 +266,10 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
                       rec);
         }
       },
-      [&](int64_t done) {
-        if (!progress) return;
+      progress ? std::function<void(int64_t)>([&](int64_t done) {
         progress(long(done), long(req.num_photons), elapsed_ms(start));
-      });
+      })
+               : nullptr);
 
   auto merge = [&](std::vector<double> ForwardSums::*field) {
     std::vector<double> total((sums[0].*field).size(), 0.0);
@@ -263,6 +291,7 @@ ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardReque
     r.grid = narrow(merge(&ForwardSums::grid));
     r.grid_direct = narrow(merge(&ForwardSums::direct));
     r.grid_diffuse = narrow(merge(&ForwardSums::diffuse));
+    r.incident_grid = narrow(merge(&ForwardSums::incident_cells));
   }
   if (r.has_leaf) r.leaf = narrow(merge(&ForwardSums::leaf));
   if (r.has_terrain) r.terrain = narrow(merge(&ForwardSums::terrain));

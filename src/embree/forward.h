@@ -38,6 +38,9 @@ struct ForwardResult {
   std::vector<float> grid, grid_direct, grid_diffuse;  // [nz][ny][nx][bands]
   std::vector<float> leaf;                             // [n_primitives][bands]
   std::vector<float> terrain;                          // [ny][nx][bands]
+  // What 'incident' brought into each grid column: [ny][nx][bands]. Absorbed over
+  // incident per column is the fraction absorbed there (fAPAR in a PAR band).
+  std::vector<float> incident_grid;
   std::vector<float> incident, escaped, transmitted, absorbed_outside, truncated, albedo;
   std::vector<float> brf;  // [n_directions][bands]
   int32_t nx = 0, ny = 0, nz = 0, bands = 0, n_directions = 0;

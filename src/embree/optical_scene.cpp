@@ -1,8 +1,15 @@
 // Checks and settings shared by the optical tracers.
 #include "embree/optical_scene.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "core/log.h"
+#include "embree/scene_manager.h"
 
 namespace vesk::embree {
 
@@ -11,8 +18,7 @@ int32_t max_depth_from_env(int32_t max_depth, const char* prefix) {
   if (!v) return max_depth;
   const long d = std::strtol(v, nullptr, 10);
   if (d <= 0 || d > 0x7fffffff) return max_depth;
-  std::printf("%s VESK_MAX_DEPTH=%d\n", prefix, int(d));
-  std::fflush(stdout);
+  log_line("%s VESK_MAX_DEPTH=%d\n", prefix, int(d));
   return int32_t(d);
 }
 

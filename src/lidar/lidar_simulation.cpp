@@ -4,11 +4,11 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 
 #include "core/array_check.h"
+#include "core/log.h"
 #include "core/memory_limit.h"
 #include "core/workers.h"
 #include "embree/media_walk.h"
@@ -323,10 +323,9 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
                  MediaScene::from(scene)};
   const std::vector<float> kernel = lidar::pulse_kernel(q.pulse_fwhm_ns, q.range_resolution);
   const int threads = resolve_thread_count(q.num_threads);
-  std::printf("LiDAR (CPU): %d pulses, %d beam samples, %s mode, %d threads\n", q.num_pulses,
-              q.direct_mode ? 1 : int(c.beam.weights.size()), q.direct_mode ? "direct" : "waveform",
-              threads);
-  std::fflush(stdout);
+  log_line("LiDAR (CPU): %d pulses, %d beam samples, %s mode, %d threads\n", q.num_pulses,
+           q.direct_mode ? 1 : int(c.beam.weights.size()), q.direct_mode ? "direct" : "waveform",
+           threads);
 
   LidarResult r;
   r.num_bins = c.num_bins;

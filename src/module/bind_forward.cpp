@@ -50,7 +50,8 @@ void bind_forward(py::module_& m) {
       "Bidirectional reflectance factor of the scene under the sun, by forward photons with\n"
       "the local (next-event) estimate of simulate_forward_cpu, unbiased for any surface.\n"
       "directions: flat float3, towards the observers, upward. Returns 'brf' (n_directions,\n"
-      "bands), 'albedo', 'incident', 'escaped' (bands,) and '_execution'.");
+      "bands), 'albedo', 'incident', 'escaped' (bands,) and '_execution'.\n"
+      "progress(done, total, elapsed_ms) as in simulate_forward_cpu.");
 
   m.def(
       "simulate_forward_cpu",
@@ -84,6 +85,7 @@ void bind_forward(py::module_& m) {
         d["grid_diffuse"] = to_numpy(r.grid_diffuse, {r.nz, r.ny, r.nx, r.bands});
         if (r.has_leaf) d["leaf"] = bands_array(r.leaf, int32_t(r.leaf.size() / size_t(r.bands)), r.bands);
         if (r.has_terrain) d["terrain"] = to_numpy(r.terrain, {r.ny, r.nx, r.bands});
+        d["incident_grid"] = to_numpy(r.incident_grid, {r.ny, r.nx, r.bands});
         d["incident"] = to_numpy(r.incident);
         d["escaped"] = to_numpy(r.escaped);
         d["transmitted"] = to_numpy(r.transmitted);
@@ -120,7 +122,11 @@ void bind_forward(py::module_& m) {
       "'leaf' (n_primitives, bands) absorbed per primitive, with per_leaf (leaves of turbid\n"
       "media have no primitive: their absorption is in 'grid' only); 'terrain' (ny, nx,\n"
       "bands) absorbed by instance terrain_instance_id, when it is >= 0; 'incident' (bands,)\n"
-      "entering the scene; 'escaped' leaving it upward; 'transmitted' leaving it downward;\n"
+      "entering the scene, and 'incident_grid' (ny, nx, bands) the same split by the grid\n"
+      "column it came in by (where it crossed the measurement plane of a repeated scene or\n"
+      "the top of a finite scene's box; through a side of the box: the edge column), so that\n"
+      "grid.sum(axis=0) / incident_grid is the fraction absorbed per column (fAPAR per cell\n"
+      "in a PAR band); 'escaped' leaving it upward; 'transmitted' leaving it downward;\n"
       "'absorbed_outside' absorbed outside the grid or its layers; 'truncated' still carried\n"
       "by photons stopped by max_depth (or a vanishing weight), reported, not lost; 'albedo'\n"
       "escaped / incident; 'brf' (num_brf_dirs, bands) for the first num_brf_dirs upward\n"
@@ -129,7 +135,9 @@ void bind_forward(py::module_& m) {
       "BRF estimator: the local (next-event) estimate pi * sum(E f(l, v) |cos v| V) /\n"
       "(cos(theta_v) * incident) over all surface events, with each material's own BRDF f\n"
       "and the visibility V of the observer through the repeated tiles: unbiased for any\n"
-      "surface.");
+      "surface.\n"
+      "progress(done, total, elapsed_ms) runs on the calling thread about every quarter of\n"
+      "a second while photons run, and after every million.");
 
   m.def(
       "simulate_flux_cpu",
@@ -154,18 +162,24 @@ void bind_forward(py::module_& m) {
       py::arg("num_bands"), py::arg("prob_sun") = 1.0f, py::arg("max_bounces") = 0,
       py::arg("max_depth") = 16, py::arg("rr_depth") = 3, py::arg("decompose") = false,
       py::arg("progress") = py::none(),
-      "Hemispheric flux grids by forward photon tracing. The nx x ny grid covers the tile\n"
-      "[0, W] x [0, H] of a repeated scene, else [0, ortho_w] x [0, ortho_h] of the sensor,\n"
-      "in world x and y from the origin whatever the camera's position; cell (j, i) is\n"
-      "[i W / nx, (i + 1) W / nx) x [j H / ny, (j + 1) H / ny). Values are energy per cell\n"
-      "(divide by the cell area for W m-2 nm-1), not flux densities.\n"
+      "Hemispheric flux grids by forward photon tracing.\n"
+      "Where the grid lies: the nx x ny grid covers the tile [0, W] x [0, H] of a repeated\n"
+      "scene, else [0, ortho_w] x [0, ortho_h] of the sensor (its orthographic extent). It\n"
+      "starts at the world origin and does NOT follow the camera: the camera's position\n"
+      "and direction are not read, so a scene centred on the origin has only its +x, +y\n"
+      "quarter in the grid. Build the scene over [0, W] x [0, H] (or repeat it as a tile).\n"
+      "Cell (j, i) is [i W / nx, (i + 1) W / nx) x [j H / ny, (j + 1) H / ny); surfaces\n"
+      "outside the grid are not charged. vesk.to_xarray labels the cell centres.\n"
+      "Values are energy per cell (divide by the cell area for W m-2 nm-1), not flux\n"
+      "densities.\n"
       "Every surface a photon touches is charged to the cell under it: 'downwelling' sums the\n"
       "energy arriving at surfaces, 'upwelling' the energy leaving a cell (to another cell or\n"
       "out of the scene). max_bounces limits the events charged per photon (0: all);\n"
       "decompose adds 'downwelling_direct' (sun photons, all orders) and\n"
       "'downwelling_diffuse' (sky photons). prob_sun: share of sun photons when a sky is set.\n"
       "Grids are (ny, nx, num_bands) float32 in energy units (sun spectrum times area);\n"
-      "progress(done, total, elapsed_ms) runs after every million photons. Photons of a\n"
+      "progress(done, total, elapsed_ms) runs on the calling thread about every quarter of\n"
+      "a second while photons run, and after every million. Photons of a\n"
       "repeated scene start over the measurement plane (set_measurement_plane; by default\n"
       "the top of the scene box).");
 }

@@ -4,6 +4,9 @@ import pathlib
 import subprocess
 import sys
 
+import numpy as np
+import pytest
+
 import vesk_gpu as vk
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -20,27 +23,74 @@ def run_example(name, cwd):
     return out
 
 
-def test_quickstart_writes_a_picture(tmp_path):
-    out = run_example("quickstart.py", tmp_path)
-    png = tmp_path / "out" / "quickstart.png"
-    assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+def picture(path):
     from PIL import Image
-    import numpy as np
-    img = np.asarray(Image.open(png)).astype(int)
+    assert path.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n", f"{path.name} is not a PNG"
+    return np.asarray(Image.open(path)).astype(int)
+
+
+def test_quickstart_shows_sky_leaves_and_brown_soil(tmp_path):
+    out = run_example("quickstart.py", tmp_path)
+    img = picture(tmp_path / "out" / "quickstart.png")
     assert img.shape == (320, 480, 3)
     r, g, b = img[..., 0], img[..., 1], img[..., 2]
     assert (b[0] > r[0]).all(), "the top row is open sky, which is blue"
-    assert ((g > r + 10) & (g > b + 10)).mean() > 0.01, "the leaf crowns should show green"
-    assert "sample pass 16/16" in out.stdout, "progress is reported while rendering"
+    assert ((g > r + 10) & (g > b + 10)).mean() > 0.05, "the leaf crowns should show green"
+    # The repeated ground fills the lower half: brown soil (red over green over blue),
+    # neither sky nor white.
+    low = img[200:]
+    soil = (low[..., 0] > low[..., 1] + 8) & (low[..., 1] > low[..., 2] + 8)
+    assert soil.mean() > 0.3, "the soil should fill the foreground, and stay brown"
+    assert (img.max(axis=2) < 250).mean() > 0.99, "nothing over-exposed"
+    summary = out.stdout.strip().splitlines()[-1]
+    assert summary.startswith("quickstart: 14 trees") and "out/quickstart.png" in summary
+    assert "8/8" in out.stderr, "the progress bar is drawn while rendering"
+
+
+def brf_check(out, _):
+    brf = [float(v) for v in out.split("hot spot BRF [")[1].split("]")[0].split()]
+    assert 0.1 < brf[0] < brf[1] < 0.6, "over leaves the red is darker than the infrared"
+
+
+def fpar_check(out, _):
+    assert 0.03 < float(out.split("stand fPAR ")[1].split()[0]) < 0.5, out
+
+
+def flux_check(_, folder):
+    import xarray as xr
+    ds = xr.load_dataset(folder / "flux_grids.nc")
+    assert ds.downwelling.dims == ("y", "x", "wavelength") and float(ds.x[-1]) == 23.5
+
+
+def physiology_check(out, _):
+    rows = np.array([[float(v) for v in line.strip(" []").split()]
+                     for line in out.split("phi_f:")[1].strip().splitlines()])
+    assert rows.shape == (10, 4) and (np.diff(rows[:, 0]) >= 0).all()
+    assert (np.diff(rows[:, 1]) > -1e-3).all(), "assimilation rises with light, then levels"
+
+
+TASKS = {  # the five tasks of a new user: picture, and what the printout must say
+    "nadir_trees.py": ("nadir_trees.png", lambda out, _: "20 trees" in out),
+    "brf_principal_plane.py": ("brf_principal_plane.png", brf_check),
+    "fpar_cells.py": ("fpar_cells.png", fpar_check),
+    "flux_grids.py": ("flux_grids.png", flux_check),
+    "leaf_physiology.py": ("leaf_physiology.png", physiology_check),
+}
+
+
+@pytest.mark.parametrize("name", TASKS)
+def test_task_examples_run_draw_and_report(tmp_path, name):
+    png, check = TASKS[name]
+    out = run_example(name, tmp_path).stdout
+    assert picture(tmp_path / "out" / png)[..., :3].std() > 10, f"{png} is blank"
+    assert check(out, tmp_path / "out") is not False, out
 
 
 def test_turbid_canopy_renders_leafy_crowns_and_reports_fapar(tmp_path):
     out = run_example("turbid_canopy.py", tmp_path)
     fapar = [float(line.split()[-1]) for line in out.stdout.splitlines() if "fAPAR" in line]
     assert len(fapar) == 2 and all(0.01 < f < 0.5 for f in fapar), out.stdout
-    from PIL import Image
-    import numpy as np
-    img = np.asarray(Image.open(tmp_path / "out" / "turbid_canopy.png")).astype(int)
+    img = picture(tmp_path / "out" / "turbid_canopy.png")
     assert img.shape == (240, 640, 3)
     right = img[:, 320:]
     assert ((right[..., 1] > right[..., 0] + 10) & (right[..., 1] > right[..., 2] + 10)).mean() > 0.01
@@ -64,6 +114,7 @@ def test_canopy_energy_closes_the_balance_and_writes_a_thermal_image(tmp_path):
 
 def test_turbid_domain_example_extends_and_survives_a_failed_commit(tmp_path):
     out = run_example("turbid_domain.py", tmp_path).stdout
+    assert picture(tmp_path / "out" / "turbid_domain.png").std() > 10
     for line in ("earlier samples kept as prefix: True", "domain unchanged after the failure: True",
                  "the same extension then passes: 8192 samples"):
         assert line in out, out

@@ -213,3 +213,33 @@ def test_request_keys_are_named_when_missing_mistyped_or_misspelled():
     with pytest.warns(UserWarning, match="^request key 'dynamic_energy_ballance' is not read by "
                                          "solve_physiology_cpu$"):
         vk.solve_physiology_cpu(s, r)
+
+
+@pytest.mark.parametrize("quiet", [None, "0", "1"])
+def test_vesk_quiet_silences_the_tracers_log_lines(quiet):
+    # A child process, so that the environment is that of a user's shell.
+    env = {k: v for k, v in os.environ.items() if k != "VESK_QUIET"}
+    if quiet is not None:
+        env["VESK_QUIET"] = quiet
+    script = textwrap.dedent("""
+        import numpy as np, vesk_gpu as vk
+        s = vk.EmbreeSceneManager()
+        s.upload_spectral_params(np.array([0.3, 1000.0], np.float32))
+        s.add_material(0, 0, [0.3])
+        s.add_instance(s.add_mesh(**vk.make_ground_plane(5, 5, 0, 10)), 5.0, 5.0, 0.0)
+        s.set_emitter(0, np.array([0, 0, 1], np.float32), 1)
+        s.set_repetitive(2, 10.0, 10.0)
+        s.build()
+        vk.simulate_flux_cpu(s, 2, 2, 100, 1)
+        vk.simulate_forward_cpu(s, num_photons=100)
+        print("done")
+    """)
+    out = subprocess.run([sys.executable, "-c", script], env=env, capture_output=True,
+                         text=True, timeout=60)
+    assert out.returncode == 0, out.stderr
+    logged = [line for line in out.stdout.splitlines() if line != "done"]
+    if quiet == "1":
+        assert logged == [], "VESK_QUIET=1 must silence every tracer line"
+    else:
+        assert [line.split(":")[0] for line in logged] == ["Forward flux (CPU)",
+                                                           "Forward fPAR (CPU)"]

@@ -270,3 +270,53 @@ def test_finite_scene_over_an_opaque_ground_sends_nothing_down(azimuth):
     ground_in = g["terrain"].sum() / 0.7
     assert ground_in < 1000.0 * np.cos(np.radians(30)) * 1600.0
     assert ground_in > 0.97 * 1000.0 * np.cos(np.radians(30)) * 1600.0
+
+
+@pytest.mark.parametrize("repeated", [True, False])
+def test_incident_per_column_divides_absorption_into_fapar_per_cell(repeated):
+    # A black ground under a nadir sun: each photon is absorbed in the column it came in
+    # by, so absorbed / incident is exactly 1 in every cell, whatever the noise.
+    s = tile_scene(rho=(0.0, 0.0), zenith=0.0, plane=2.0, repetitions=6 if repeated else 0)
+    r = vk.simulate_forward_cpu(s, 4, 4, num_photons=40000, num_bands=2, terrain_instance_id=0)
+    cells = r["incident_grid"].astype(np.float64)
+    assert cells.shape == (4, 4, 2)
+    np.testing.assert_allclose(r["terrain"] / cells, 1.0, rtol=1e-5)
+    np.testing.assert_allclose(cells.sum(axis=(0, 1)), r["incident"], rtol=1e-5)
+
+
+@pytest.mark.parametrize("repeated", [True, False])
+def test_incident_columns_add_up_under_a_slanted_sun_and_sky(repeated):
+    # Sky photons and a low sun come in through the sides of a finite box and across the
+    # walls of a tile: each is still charged to exactly one column, the nearer the sun's
+    # share the more uniform.
+    s = tile_scene(sky=(50.0, 40.0), zenith=1.1, plane=6.0, crowns=CROWNS[:2],
+                   repetitions=6 if repeated else 0)
+    r = vk.simulate_forward_cpu(s, 5, 3, [0.0, 1.0, 8.0], 60000, 2, prob_sun=0.6)
+    cells = r["incident_grid"].astype(np.float64)
+    np.testing.assert_allclose(cells.sum(axis=(0, 1)), r["incident"], rtol=1e-5)
+    assert (cells > 0).all(), "every column of the scene receives light"
+    if repeated:  # a tile is lit evenly: each column gets its share within noise
+        np.testing.assert_allclose(cells, np.broadcast_to(cells.mean(axis=(0, 1)), cells.shape),
+                                   rtol=0.1)
+
+
+@pytest.mark.parametrize("run", ["flux", "forward", "brf"])
+def test_photon_runs_report_progress_within_a_round(run, monkeypatch):
+    # 1.2 million photons on one thread over a tile with crowns: the first round (a
+    # million) takes about a second here, and reports must come while it runs.
+    monkeypatch.setenv("VESK_NUM_THREADS", "1")
+    s = tile_scene(crowns=CROWNS)
+    calls = []
+    call = {"flux": lambda cb: vk.simulate_flux_cpu(s, 2, 2, 1_200_000, 2, progress=cb),
+            "forward": lambda cb: vk.simulate_forward_cpu(s, num_photons=1_200_000,
+                                                          num_bands=2, progress=cb),
+            "brf": lambda cb: vk.simulate_brf_cpu(s, np.array([0, 0, 1], F), 1_200_000,
+                                                  progress=cb)}[run]
+    call(lambda done, total, ms: calls.append((done, total, ms)))
+    done, ms = [c[0] for c in calls], [c[2] for c in calls]
+    assert done == sorted(done) and done[-1] == 1_200_000 and 1_000_000 in done
+    assert all(c[1] == 1_200_000 for c in calls)
+    if ms[done.index(1_000_000)] > 500.0:
+        assert done[0] < 1_000_000, f"no report inside a round that took over 0.5 s: {calls}"
+        gaps = np.diff([0.0] + ms)
+        assert np.median(gaps) < 500.0, f"reports should come every quarter second: {gaps}"
