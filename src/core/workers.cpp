@@ -98,12 +98,13 @@ void run_workers(int threads, const std::function<void(int)>& worker,
   if (first) std::rethrow_exception(first);
 }
 
-void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
+void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, int64_t chunk,
                  const std::function<void(int, int64_t, int64_t)>& work,
                  const std::function<void(int64_t)>& after_round) {
   std::atomic<bool> cancel{false};
-  for (int64_t start = 0; start < total; start += round_size) {
-    const int64_t end = std::min(total, start + round_size);
+  const int64_t stop = first + count;
+  for (int64_t start = first; start < stop; start += round_size) {
+    const int64_t end = std::min(stop, start + round_size);
     std::atomic<int64_t> next{start};
     run_workers(
         threads,
@@ -115,7 +116,7 @@ void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
           }
         },
         {}, cancel);
-    if (after_round) after_round(end);
+    if (after_round) after_round(end - first);
   }
 }
 

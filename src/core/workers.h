@@ -32,12 +32,13 @@ constexpr int INTERRUPT_POLL_MS = 100;
 void run_workers(int threads, const std::function<void(int)>& worker,
                  const std::function<void()>& caller, std::atomic<bool>& cancel);
 
-// Items 0 .. total - 1 in rounds of round_size, in order. Each round starts `threads`
-// workers that take chunks of consecutive indices from one atomic counter and call
-// work(worker, begin, end); after each round's join the calling thread runs
-// after_round(items done). Workers keep private accumulators indexed by `worker`,
-// merged by the caller in worker order, so sums differ only in addition order.
-void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
+// Items first .. first + count - 1 in rounds of round_size, in order. Each round starts
+// `threads` workers that take chunks [first + k chunk, first + (k + 1) chunk) (the last
+// one cut at the end) from one atomic counter and call work(worker, begin, end); after
+// each round's join the calling thread runs after_round(items done). With first and
+// round_size multiples of chunk, every chunk is aligned to absolute indices, whatever
+// the range, so a chunk's work can be the same in any split of the items.
+void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, int64_t chunk,
                  const std::function<void(int, int64_t, int64_t)>& work,
                  const std::function<void(int64_t)>& after_round);
 

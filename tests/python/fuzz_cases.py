@@ -116,7 +116,8 @@ def namespace(s):
             "inst": lambda v, per=1, dtype=F: np.full(s.num_instances() * per, v, dtype),
             "ebreq": lambda **c: eb_request(s.n_primitives(), **c),
             "dynreq": lambda **c: dyn_request(s.n_primitives(), **c),
-            "tdom": lambda: vk._build_turbid_domain_embree(s, turbid_request())["domain_id"]}
+            "tdom": lambda: vk._build_turbid_domain_embree(s, turbid_request())["domain_id"],
+            "sums": lambda: vk._simulate_flux_exact(s, 2, 2, 300, 2, 0.7, 0, 4, 3, True)}
 
 
 def bar(text):
@@ -129,7 +130,7 @@ def bar(text):
 # machine has. Classes: i int, l photon count, f float, c complex, b bool, fa / ia float /
 # int32 array, fl float list, o outputs, s scene, r leaf request, q photosynthesis request,
 # e energy-balance request, d dynamic photosynthesis request, t Turbid domain request,
-# x string, p progress callback.
+# x string, p progress callback, u exact photon sums.
 ENTRIES = {item.split()[0]: [(t[0] == "!",) + tuple(t.lstrip("!").split(":", 1))
                              for t in item.split()[1:]] for item in bar("""
 s.add_mesh fa:CUBE_V fa:CUBE_N ia:CUBE_I i:1 | s.add_instance i:0 f:1.0 f:1.0 f:0.5 f:0.5
@@ -151,9 +152,13 @@ s.set_instance_turbid_thermal_state fa:inst(300.0) fa:inst(290.0) fa:inst(0.5) f
 s.set_instance_sif_source_fields fa:inst(0.01,16) fa:inst(0.01,12) fa:inst(0.01,96) \
 fa:inst(0.01,96) fa:inst(0.0,3) fa:inst(4.0,3) ia:inst(2,3,np.int32) i:2 i:8 i:2 i:3
 vk.simulate_cpu s:s i:1 i:2 p:None o:['radiance'] i:0
-vk.simulate_brf_cpu s:s fa:BRF_DIRS l:200 i:4 p:None
-vk.simulate_forward_cpu s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None
-vk.simulate_flux_cpu s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None
+vk.simulate_brf_cpu s:s fa:BRF_DIRS l:200 i:4 p:None l:0
+vk.simulate_forward_cpu s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None l:0
+vk.simulate_flux_cpu s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None l:0
+vk._simulate_brf_exact s:s fa:BRF_DIRS l:200 i:4 l:0 u:None
+vk._simulate_forward_exact s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 \
+l:0 u:None
+vk._simulate_flux_exact s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True l:0 u:None
 vk.solve_physiology_cpu s:s r:req() | vk.execute_photosynthesis_process_static_cpu s:s q:preq()
 vk._evaluate_microwave_trunk f:1.4e9 fa:TRUNK fa:COSINES
 vk._evaluate_microwave_soil f:1.4e9 fa:SOIL fa:COSINES b:True
@@ -209,6 +214,9 @@ r: req(True, sidedness=np.zeros(4, F), stomata_sides=np.full(4, -1.0, F))
 r: req(True, dynamic_energy_balance='yes') | req(True, leaf_width=np.zeros(4, F))
 e d: [] | None | {} | V | {**V, 'air_temperature': None}
 x: '' | 'bogus' | None | 1 | 'preview' * 1000 | b'preview'
+u: {} | [] | 7 | {**sums(), 'hi': sums()['hi'].astype(np.int32)} | {**sums(), 'lo': sums()['lo'][:-1]}
+u: {**sums(), 'num_photons': 5} | {**sums(), 'unit_exponents': sums()['unit_exponents'] + 1}
+u: {**sums(), 'first_photon': 4096} | {**sums(), 'first_photon': None}
 t: treq(owners=[]) | treq(seed=-1) | treq(sample_budget=2**40) | treq(max_candidates=-5) | {}
 t: treq(owners=[towner(leaf_length=nan)]) | treq(owners=[towner(vertices=np.full((42, 3), nan, F))])
 t: treq(owners=[towner(triangles=np.full((80, 3), 99, np.int32))]) | treq(owners=[towner(instance_id=99)])
@@ -346,9 +354,9 @@ def build_cases():
             for kind in ("empty", "unbuilt", "ready"):
                 add(kind, f"s.{name}()")
     # Every callback meets every simulation, with work left after the first report.
-    for target, (i, work) in {"vk.simulate_cpu": (1, "64"), "vk.simulate_brf_cpu": (2, "1000001"),
-                              "vk.simulate_forward_cpu": (4, "1000001"),
-                              "vk.simulate_flux_cpu": (3, "1000001")}.items():
+    for target, (i, work) in {"vk.simulate_cpu": (1, "64"), "vk.simulate_brf_cpu": (2, "1048577"),
+                              "vk.simulate_forward_cpu": (4, "1048577"),
+                              "vk.simulate_flux_cpu": (3, "1048577")}.items():
         progress = [cls for _, cls, _ in ENTRIES[target]].index("p")
         for cb in CALLBACKS + MUTATORS:
             add(rng.choice(["ready", "thermal"]), call(target, {i: work, progress: cb}))
