@@ -7,31 +7,37 @@ namespace vesk::module {
 
 using vesk::embree::EmbreeSceneManager;
 
+namespace {
+
+backend::OpticalProductRequest output_request(const py::object& outputs, int max_output_order) {
+  // One string is one name; otherwise an iterable of strings.
+  std::vector<std::string> names;
+  if (py::isinstance<py::str>(outputs)) {
+    names.push_back(outputs.cast<std::string>());
+  } else {
+    if (!py::isinstance<py::iterable>(outputs))
+      throw py::type_error("outputs must be a string or an iterable of strings, not " +
+                           std::string(py::str(outputs.get_type().attr("__name__"))));
+    for (const py::handle& h : outputs) {
+      if (!py::isinstance<py::str>(h))
+        throw py::type_error("outputs must hold strings, not " +
+                             std::string(py::str(h.get_type().attr("__name__"))));
+      names.push_back(h.cast<std::string>());
+    }
+  }
+  return backend::parse_optical_outputs(names, max_output_order);
+}
+
+}  // namespace
+
 void bind_optical(py::module_& m) {
   m.def(
       "simulate_cpu",
       [](const EmbreeSceneManager& scene, int spp, int max_depth, const py::object& progress,
          const py::object& outputs, int max_output_order) {
-        // One string is one name; otherwise an iterable of strings.
-        std::vector<std::string> names;
-        if (py::isinstance<py::str>(outputs)) {
-          names.push_back(outputs.cast<std::string>());
-        } else {
-          if (!py::isinstance<py::iterable>(outputs))
-            throw py::type_error("outputs must be a string or an iterable of strings, not " +
-                                 std::string(py::str(outputs.get_type().attr("__name__"))));
-          for (const py::handle& h : outputs) {
-            if (!py::isinstance<py::str>(h))
-              throw py::type_error("outputs must hold strings, not " +
-                                   std::string(py::str(h.get_type().attr("__name__"))));
-            names.push_back(h.cast<std::string>());
-          }
-        }
-        const backend::OpticalProductRequest request =
-            backend::parse_optical_outputs(names, max_output_order);
         return optical_product_dict(embree::render_backward(
             scene, spp, max_depth, /*rr_depth=*/3, /*threads=*/0, progress_bridge(progress),
-            request));
+            output_request(outputs, max_output_order)));
       },
       py::arg("scene"), py::arg("spp") = 16, py::arg("max_depth") = 16,
       py::arg("progress") = py::none(),
@@ -55,6 +61,21 @@ void bind_optical(py::module_& m) {
       "'scattering_order':\n"
       "(max_output_order + 2, height, width, bands) (unscattered, orders 1..max, the rest),\n"
       "'_execution': dict}; the optional keys only when requested.");
+
+  m.def(
+      "_simulate_cpu_rows",
+      [](const EmbreeSceneManager& scene, int spp, int max_depth, const py::object& outputs,
+         int max_output_order, int32_t first_row, int32_t num_rows) {
+        return optical_product_dict(embree::render_backward(
+            scene, spp, max_depth, /*rr_depth=*/3, /*threads=*/0, {},
+            output_request(outputs, max_output_order), first_row, num_rows));
+      },
+      py::arg("scene"), py::arg("spp") = 16, py::arg("max_depth") = 16,
+      py::arg("outputs") = "radiance", py::arg("max_output_order") = 0, py::arg("first_row") = 0,
+      py::arg("num_rows") = -1,
+      "Private, for distributed runs (vesk.distributed): simulate_cpu for image rows\n"
+      "first_row .. first_row + num_rows - 1 only (num_rows -1: up to the top), which are\n"
+      "then the result's rows. They equal those rows of the whole image bit for bit.");
 }
 
 }  // namespace vesk::module

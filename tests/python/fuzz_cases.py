@@ -159,6 +159,7 @@ vk._simulate_brf_exact s:s fa:BRF_DIRS l:200 i:4 l:0 u:None
 vk._simulate_forward_exact s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 \
 l:0 u:None
 vk._simulate_flux_exact s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True l:0 u:None
+vk._simulate_cpu_rows s:s i:1 i:2 o:['radiance'] i:0 i:1 i:2
 vk.solve_physiology_cpu s:s r:req() | vk.execute_photosynthesis_process_static_cpu s:s q:preq()
 vk._evaluate_microwave_trunk f:1.4e9 fa:TRUNK fa:COSINES
 vk._evaluate_microwave_soil f:1.4e9 fa:SOIL fa:COSINES b:True
