@@ -55,9 +55,7 @@ void EmbreeSceneManager::clear_primitive_sif_spectra() {
   n_sif_bands_ = 0;
 }
 
-void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
-  require_idle_();
-  const size_t n = instances_.size();
+void check_turbid_thermal_state(const InstanceTurbidThermalState& s, size_t n) {
   check_length("temperature_sunlit", s.temperature_sunlit.size(), n);
   check_length("temperature_shaded", s.temperature_shaded.size(), n);
   check_length("sunlit_fraction", s.sunlit_fraction.size(), n);
@@ -73,6 +71,11 @@ void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermal
         s.emissivity[i] > 1.0f)
       throw std::invalid_argument("instance turbid thermal state is outside its domain");
   }
+}
+
+void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
+  require_idle_();
+  check_turbid_thermal_state(s, instances_.size());
   instance_turbid_thermal_ = std::move(s);
 }
 
@@ -99,8 +102,7 @@ void EmbreeSceneManager::clear_instance_sif_spectra() {
   instance_n_sif_bands_ = 0;
 }
 
-void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields f) {
-  require_idle_();
+void check_sif_source_fields(const InstanceSifSourceFields& f, size_t n) {
   if (f.n_sif_bands < 1 || f.spatial_cell_stride < 1 || f.orientation_theta_bins < 1 ||
       f.orientation_phi_bins < 1)
     throw std::invalid_argument("set_instance_sif_source_fields: dimensions must be positive");
@@ -111,7 +113,6 @@ void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields 
       if (__builtin_mul_overflow(p, f, &p)) return SIZE_MAX;
     return p;
   };
-  const size_t n = instances_.size();
   const size_t bands = size_t(f.n_sif_bands), cells = size_t(f.spatial_cell_stride);
   const size_t bins = product({size_t(f.orientation_theta_bins), size_t(f.orientation_phi_bins)});
   const size_t joint = product({n, cells, bins, bands});
@@ -139,6 +140,11 @@ void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields 
     if (bad || grid_cells > cells)
       throw std::invalid_argument("set_instance_sif_source_fields: invalid instance grid");
   }
+}
+
+void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields f) {
+  require_idle_();
+  check_sif_source_fields(f, instances_.size());
   instance_sif_source_fields_ = std::move(f);
 }
 

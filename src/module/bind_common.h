@@ -81,5 +81,6 @@ void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 void bind_scene_overrides(SceneClass& cls);
 void bind_scene_media(SceneClass& cls);
+void bind_scene_state(SceneClass& cls);
 
 }  // namespace vesk::module
