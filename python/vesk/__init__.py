@@ -2,7 +2,8 @@
 
 LiDAR output (`write_las`, LAS 1.4 point clouds) and scan patterns that make pulse
 origins and directions (`airborne_line_scan`, `terrestrial_scan`). The simulations
-themselves live in the compiled module `vesk_gpu`.
+themselves live in the compiled module `vesk_gpu`; `vesk.distributed` (imported on its
+own, since it needs Dask) runs them on a cluster.
 """
 from vesk.las import write_las
 from vesk.scan import airborne_line_scan, terrestrial_scan
