@@ -8,6 +8,10 @@ import numpy.typing
 class EmbreeSceneManager:
     """CPU scene on Embree: meshes, instances, materials, spectra, sun, sky, sensor
     and per-primitive overrides, traced as a two-level acceleration structure.
+    Scenes pickle (and save() / load() one .npz file): the recipe travels, the
+    acceleration structure is built again on arrival, and results are the same
+    bit for bit. Turbid domains (_build_turbid_domain_embree) do not travel: a
+    copy has none, and needs them built again.
     """
     def __init__(self: EmbreeSceneManager) -> None:
         ...
@@ -103,6 +107,24 @@ class EmbreeSceneManager:
         ...
     def is_populate_primitive_soa(self: EmbreeSceneManager) -> bool:
         """Whether the per-primitive SoA will be (or has been) populated on the next build (true if explicitly enabled or implied by thermal/SIF mode)."""
+    def load(function) -> method:
+        """Convert a function to be a static method.
+
+        A static method does not receive an implicit first argument.
+        To declare a static method, use this idiom:
+
+             class C:
+                 @staticmethod
+                 def f(arg1, arg2, ...):
+                     ...
+
+        It can be called either on the class (e.g. C.f()) or on an instance
+        (e.g. C().f()). Both the class and the instance are ignored, and
+        neither is passed implicitly as the first argument to the method.
+
+        Static methods in Python are similar to those found in Java or C++.
+        For a more advanced concept, see the classmethod builtin.
+        """
     def material_medium_ids(self: EmbreeSceneManager) -> list[int]:
         """The medium of each material (-1: ordinary), as given to set_optical_turbid_media."""
     def max_height(self: EmbreeSceneManager) -> float:
@@ -138,6 +160,11 @@ class EmbreeSceneManager:
         (sigma = leaf_area_density * G(direction), summed over the media), and the medium
         hit, chosen by selection_sample in proportion to sigma. Returns 'distance' (the
         largest float when nothing can collide), 'sigma_total', 'selected_slot', 'medium_id'.
+        """
+    def save(self: EmbreeSceneManager, path: object) -> None:
+        """Write the scene to one .npz file at path, exactly as given (no suffix is added):
+        what pickling carries, as NumPy arrays and scalars. Read it with
+        EmbreeSceneManager.load(path).
         """
     def sensor_config(self: EmbreeSceneManager) -> dict:
         """The sensor record: 'type', 'width', 'height', 'ortho_width', 'ortho_height', 'fov'
@@ -243,6 +270,8 @@ HAS_EMBREE: bool
 HAS_OPTIX: bool
 
 HAS_VULKAN: bool
+
+PHOTON_CHUNK: int
 
 TURBID_MAX_SAMPLE_BUDGET: int
 
@@ -619,6 +648,39 @@ def _set_turbid_commit_failure_embree(scene: EmbreeSceneManager, stage: str) -> 
     everything as it was; the stage is disarmed as it fires.
     """
 
+def _simulate_brf_exact(scene: EmbreeSceneManager, directions: numpy.typing.NDArray[numpy.float32], num_photons: int, max_depth: int = ..., first_photon: int = ..., sums: object = ...) -> dict:
+    """Private, for distributed runs (vesk.distributed). Without sums: the exact sums of
+    photons [first_photon, first_photon + num_photons), a dict of 'hi' (int64) and 'lo'
+    (uint64) halves of 128-bit fixed-point totals, 'unit_exponents' (int32, one per band),
+    'first_photon' and 'num_photons'. Sums of consecutive ranges add exactly (hi and lo
+    with a carry). With sums covering the photons of these arguments: the result the
+    public entry gives for them, bit for bit.
+    """
+
+def _simulate_cpu_rows(scene: EmbreeSceneManager, spp: int = ..., max_depth: int = ..., outputs: object = ..., max_output_order: int = ..., first_row: int = ..., num_rows: int = ...) -> dict:
+    """Private, for distributed runs (vesk.distributed): simulate_cpu for image rows
+    first_row .. first_row + num_rows - 1 only (num_rows -1: up to the top), which are
+    then the result's rows. They equal those rows of the whole image bit for bit.
+    """
+
+def _simulate_flux_exact(scene: EmbreeSceneManager, nx: int, ny: int, num_photons: int, num_bands: int, prob_sun: float = ..., max_bounces: int = ..., max_depth: int = ..., rr_depth: int = ..., decompose: bool = ..., first_photon: int = ..., sums: object = ...) -> dict:
+    """Private, for distributed runs (vesk.distributed). Without sums: the exact sums of
+    photons [first_photon, first_photon + num_photons), a dict of 'hi' (int64) and 'lo'
+    (uint64) halves of 128-bit fixed-point totals, 'unit_exponents' (int32, one per band),
+    'first_photon' and 'num_photons'. Sums of consecutive ranges add exactly (hi and lo
+    with a carry). With sums covering the photons of these arguments: the result the
+    public entry gives for them, bit for bit.
+    """
+
+def _simulate_forward_exact(scene: EmbreeSceneManager, nx: int = ..., ny: int = ..., layer_heights: object = ..., num_photons: int = ..., num_bands: int = ..., per_leaf: bool = ..., brf_directions: object = ..., num_brf_dirs: int = ..., prob_sun: float = ..., max_depth: int = ..., terrain_instance_id: int = ..., first_photon: int = ..., sums: object = ...) -> dict:
+    """Private, for distributed runs (vesk.distributed). Without sums: the exact sums of
+    photons [first_photon, first_photon + num_photons), a dict of 'hi' (int64) and 'lo'
+    (uint64) halves of 128-bit fixed-point totals, 'unit_exponents' (int32, one per band),
+    'first_photon' and 'num_photons'. Sums of consecutive ranges add exactly (hi and lo
+    with a carry). With sums covering the photons of these arguments: the result the
+    public entry gives for them, bit for bit.
+    """
+
 def _test_turbid_domain_id_exhaustion() -> dict:
     """Spends a domain identifier space and asks it twice more: both requests must fail as
     exhausted. Returns {'first_exhausted', 'second_exhausted'}.
@@ -823,12 +885,12 @@ def run_energy_balance_multiband_cpu(scene: EmbreeSceneManager, n_bands: int, n_
     stream, so results are the same for any thread count.
     """
 
-def simulate_brf_cpu(scene: EmbreeSceneManager, directions: numpy.typing.NDArray[numpy.float32], num_photons: int, max_depth: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ...) -> dict:
+def simulate_brf_cpu(scene: EmbreeSceneManager, directions: numpy.typing.NDArray[numpy.float32], num_photons: int, max_depth: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., first_photon: int = ...) -> dict:
     """Bidirectional reflectance factor of the scene under the sun, by forward photons with
     the local (next-event) estimate of simulate_forward_cpu, unbiased for any surface.
     directions: flat float3, towards the observers, upward. Returns 'brf' (n_directions,
     bands), 'albedo', 'incident', 'escaped' (bands,) and '_execution'.
-    progress(done, total, elapsed_ms) as in simulate_forward_cpu.
+    first_photon: see simulate_forward_cpu.
     """
 
 def simulate_cpu(scene: EmbreeSceneManager, spp: int = ..., max_depth: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., outputs: object = ..., max_output_order: int = ...) -> dict:
@@ -853,7 +915,7 @@ def simulate_cpu(scene: EmbreeSceneManager, spp: int = ..., max_depth: int = ...
     '_execution': dict}; the optional keys only when requested.
     """
 
-def simulate_flux_cpu(scene: EmbreeSceneManager, nx: int, ny: int, num_photons: int, num_bands: int, prob_sun: float = ..., max_bounces: int = ..., max_depth: int = ..., rr_depth: int = ..., decompose: bool = ..., progress: Optional[Callable[[int, int, float], Any]] = ...) -> dict:
+def simulate_flux_cpu(scene: EmbreeSceneManager, nx: int, ny: int, num_photons: int, num_bands: int, prob_sun: float = ..., max_bounces: int = ..., max_depth: int = ..., rr_depth: int = ..., decompose: bool = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., first_photon: int = ...) -> dict:
     """Hemispheric flux grids by forward photon tracing.
     Where the grid lies: the nx x ny grid covers the tile [0, W] x [0, H] of a repeated
     scene, else [0, ortho_w] x [0, ortho_h] of the sensor (its orthographic extent). It
@@ -871,12 +933,12 @@ def simulate_flux_cpu(scene: EmbreeSceneManager, nx: int, ny: int, num_photons: 
     'downwelling_diffuse' (sky photons). prob_sun: share of sun photons when a sky is set.
     Grids are (ny, nx, num_bands) float32 in energy units (sun spectrum times area);
     progress(done, total, elapsed_ms) runs on the calling thread about every quarter of
-    a second while photons run, and after every million. Photons of a
+    a second while photons run, and after every 1048576. Photons of a
     repeated scene start over the measurement plane (set_measurement_plane; by default
-    the top of the scene box).
+    the top of the scene box). first_photon: see simulate_forward_cpu.
     """
 
-def simulate_forward_cpu(scene: EmbreeSceneManager, nx: int = ..., ny: int = ..., layer_heights: object = ..., num_photons: int = ..., num_bands: int = ..., per_leaf: bool = ..., brf_directions: object = ..., num_brf_dirs: int = ..., prob_sun: float = ..., max_depth: int = ..., terrain_instance_id: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ...) -> dict:
+def simulate_forward_cpu(scene: EmbreeSceneManager, nx: int = ..., ny: int = ..., layer_heights: object = ..., num_photons: int = ..., num_bands: int = ..., per_leaf: bool = ..., brf_directions: object = ..., num_brf_dirs: int = ..., prob_sun: float = ..., max_depth: int = ..., terrain_instance_id: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., first_photon: int = ...) -> dict:
     """Forward photon tracing of absorbed, escaping and reflected energy (fPAR, BRF, albedo).
     Photons leave the sun (and, with a sky set, the sky in the share 1 - prob_sun) over the
     tile of a repeated scene, 0.1 above the measurement plane (set_measurement_plane; by
@@ -912,8 +974,11 @@ def simulate_forward_cpu(scene: EmbreeSceneManager, nx: int = ..., ny: int = ...
     (cos(theta_v) * incident) over all surface events, with each material's own BRDF f
     and the visibility V of the observer through the repeated tiles: unbiased for any
     surface.
-    progress(done, total, elapsed_ms) runs on the calling thread about every quarter of
-    a second while photons run, and after every million.
+    first_photon (a multiple of 4096, default 0): trace photons first_photon ..
+    first_photon + num_photons - 1 of the global numbering (each photon has its own
+    random stream), so that runs over disjoint ranges are independent. Results are the
+    same, bit for bit, whatever the thread count: photons are summed per 4096 in a fixed
+    order, and those sums exactly (in fixed point).
     """
 
 def simulate_lidar_cpu(scene: EmbreeSceneManager, pulse_origins: numpy.typing.NDArray[numpy.float32], pulse_directions: numpy.typing.NDArray[numpy.float32], num_pulses: int, beam_half_angle_rad: float = ..., beam_samples_per_dim: int = ..., pulse_energy: float = ..., sensor_area: float = ..., range_resolution: float = ..., min_range: float = ..., max_range: float = ..., num_wavelengths: int = ..., pulse_fwhm_ns: float = ..., peak_threshold: float = ..., max_returns_per_pulse: int = ..., direct_mode: bool = ...) -> dict:

@@ -8,6 +8,7 @@ packages=(
   libembree-dev
   pybind11-dev python3-dev python3-numpy python3-pytest python3-pil python3-scipy
   python3-matplotlib
+  python3-distributed python3-tqdm
   libgtest-dev
   # the Vulkan backend: loader headers, the shader compiler and the validation layer
   libvulkan-dev glslc spirv-tools vulkan-validationlayers

@@ -14,6 +14,8 @@ this package helps set them up and read what they return:
 
 Conventions: +z up, metres, nanometres, kelvin; azimuths are compass bearings
 (0 = north = +y, 90 = east = +x); image row 0 is the bottom of the picture.
+  distributed    vesk.distributed.simulate (imported on its own, since it needs Dask):
+                 runs on a Dask cluster, identical bit for bit to one process
 """
 import vesk_gpu as vk
 

@@ -98,7 +98,7 @@ void run_workers(int threads, const std::function<void(int)>& worker,
   if (first) std::rethrow_exception(first);
 }
 
-void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
+void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, int64_t chunk,
                  const std::function<void(int, int64_t, int64_t)>& work,
                  const std::function<void(int64_t)>& report) {
   using clock = std::chrono::steady_clock;
@@ -106,9 +106,10 @@ void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
   std::atomic<bool> cancel{false};
   auto last_report = clock::now();
   int64_t reported = 0;
-  for (int64_t start = 0; start < total; start += round_size) {
-    const int64_t end = std::min(total, start + round_size);
-    std::atomic<int64_t> next{start}, finished{start};
+  const int64_t stop = first + count;
+  for (int64_t start = first; start < stop; start += round_size) {
+    const int64_t end = std::min(stop, start + round_size);
+    std::atomic<int64_t> next{start}, finished{start - first};
     std::mutex mutex;  // guards `running`
     std::condition_variable stopped;
     int running = threads;
@@ -157,8 +158,8 @@ void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
     }
     run_workers(threads, worker, caller, cancel);
     if (report) {
-      report(end);
-      reported = end;
+      report(end - first);
+      reported = end - first;
       last_report = clock::now();
     }
   }

@@ -36,15 +36,16 @@ void run_workers(int threads, const std::function<void(int)>& worker,
 // watching a progress bar wants to see it move, whatever the size of a round.
 constexpr int PROGRESS_INTERVAL_MS = 250;
 
-// Items 0 .. total - 1 in rounds of round_size, in order. Each round starts `threads`
-// workers that take chunks of consecutive indices from one atomic counter and call
-// work(worker, begin, end). Workers keep private accumulators indexed by `worker`,
-// merged by the caller in worker order, so sums differ only in addition order; how
-// often anyone is told about progress changes nothing in them.
-// When `report` is set, the calling thread runs report(items in finished chunks) every
-// PROGRESS_INTERVAL_MS while a round runs (only when the count moved) and always at
-// the end of each round, so the last call is report(total).
-void run_counted(int threads, int64_t total, int64_t round_size, int64_t chunk,
+// Items first .. first + count - 1 in rounds of round_size, in order. Each round starts
+// `threads` workers that take chunks [first + k chunk, first + (k + 1) chunk) (the last
+// one cut at the end) from one atomic counter and call work(worker, begin, end). With
+// first and round_size multiples of chunk, every chunk is aligned to absolute indices,
+// whatever the range, so a chunk's work can be the same in any split of the items.
+// When `report` is set, the calling thread runs report(items done, in finished chunks)
+// every PROGRESS_INTERVAL_MS while a round runs (only when the count moved) and always at
+// the end of each round, so the last call is report(count). How often anyone is told
+// changes nothing in the work.
+void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, int64_t chunk,
                  const std::function<void(int, int64_t, int64_t)>& work,
                  const std::function<void(int64_t)>& report);
 

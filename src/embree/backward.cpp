@@ -469,7 +469,8 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
 backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, int spp,
                                               int max_depth, int rr_depth, int threads,
                                               const ProgressFn& progress,
-                                              const OpticalProductRequest& request) {
+                                              const OpticalProductRequest& request,
+                                              int32_t first_row, int32_t num_rows) {
   if (spp < 1) throw std::invalid_argument("spp must be positive");
   validate_optical_scene(scene, scene.num_bands());
   validate_band_wavelengths(scene, scene.num_bands());
@@ -481,7 +482,12 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
   max_depth = max_depth_from_env(max_depth, "[CPU bwd]");
   threads = resolve_thread_count(threads);
 
-  const int32_t width = sensor.width, height = sensor.height;
+  if (num_rows < 0) num_rows = sensor.height - first_row;
+  if (first_row < 0 || num_rows < 1 || first_row > sensor.height - num_rows)
+    throw std::invalid_argument("image rows " + std::to_string(first_row) + " .. +" +
+                                std::to_string(num_rows) + " are not rows of the " +
+                                std::to_string(sensor.height) + "-row sensor");
+  const int32_t width = sensor.width, height = num_rows, end_row = first_row + num_rows;
   const int32_t bands = scene.num_bands();
   {
     // The 64-bit film and its float copy, per image plane, plus each worker's orders.
@@ -522,7 +528,9 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                 scene.max_height(),
                 scene.min_height(),
                 temps.size() == n_prims && n_prims > 0 ? temps.data() : nullptr,
-                (!sif.empty() && scene.n_sif_bands() == bands) ? sif.data() : nullptr,
+                // Spectra set before instances were added no longer cover every primitive.
+                (scene.n_sif_bands() == bands && sif.size() == size_t(bands) * n_prims && n_prims)
+                    ? sif.data() : nullptr,
                 n_prims,
                 scene.band_wavelengths().data(),
                 scene_has_sun(scene),
@@ -554,13 +562,13 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
     if (request.scattering_order)
       s.orders.assign(size_t(film.order_count) * size_t(bands), 0.0);
     for (int sample = 0; sample < spp; ++sample) {
-      for (int32_t y = t; y < height; y += threads) {
+      for (int32_t y = first_row + t; y < end_row; y += threads) {
         if (cancel.load(std::memory_order_relaxed)) return;
         for (int32_t x = 0; x < width; ++x) {
           if (!(with_media ? trace_medium_path(c, media, s, x, y, sample)
                            : trace_surface_path(c, s, x, y, sample)))
             continue;
-          const size_t px = size_t(y) * size_t(width) + size_t(x);
+          const size_t px = size_t(y - first_row) * size_t(width) + size_t(x);
           const size_t base = px * size_t(bands);
           for (int32_t b = 0; b < bands; ++b) {
             const double r = s.radiance[size_t(b)];

@@ -13,9 +13,13 @@ class EmbreeSceneManager;
 // depend on the thread count. VESK_MAX_DEPTH, when a positive integer, replaces
 // max_depth. Throws std::invalid_argument for a scene that cannot be rendered
 // (unbuilt, spectral blocks outside the buffer, missing band wavelengths in thermal mode).
+// first_row, num_rows: only image rows first_row .. first_row + num_rows - 1 (num_rows
+// -1: up to the top), as the result's rows. Every pixel sample has its own random
+// stream, so these rows are exactly those of the whole image.
 backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, int spp,
                                               int max_depth, int rr_depth, int threads,
                                               const ProgressFn& progress,
-                                              const backend::OpticalProductRequest& request);
+                                              const backend::OpticalProductRequest& request,
+                                              int32_t first_row = 0, int32_t num_rows = -1);
 
 }  // namespace vesk::embree

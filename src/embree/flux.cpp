@@ -4,7 +4,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
+#include <mutex>
 #include <stdexcept>
+#include <string>
 
 #include "core/grid.h"
 #include "core/log.h"
@@ -15,15 +18,30 @@
 
 namespace vesk::embree {
 
+void validate_photon_range(int64_t first, int64_t n, const char* what) {
+  if (first < 0 || first % PHOTON_CHUNK != 0)
+    throw std::invalid_argument(std::string(what) + ": first_photon must be a non-negative "
+                                "multiple of " + std::to_string(PHOTON_CHUNK));
+  if (n > std::numeric_limits<int64_t>::max() - first)
+    throw std::invalid_argument(std::string(what) +
+                                ": first_photon + num_photons must not exceed 2^63 - 1");
+}
+
 namespace {
 
-struct FluxGrids {
-  std::vector<double> down, up, direct, diffuse;
+// Where each grid lies in the flat sums.
+struct FluxFields {
+  size_t cells, down, up, direct, diffuse, total;
+  explicit FluxFields(const FluxRequest& q)
+      : cells(size_t(q.nx) * size_t(q.ny) * size_t(q.num_bands)),
+        down(0), up(cells), direct(2 * cells), diffuse(3 * cells),
+        total((q.decompose ? 4 : 2) * cells) {}
 };
 
 // Charges surface events to the cell under them, per the photon's path state.
 struct FluxRecorder {
-  FluxGrids& g;
+  ChunkSums& g;
+  const FluxFields& f;
   int32_t nx, ny, bands, max_bounces;
   float X, Y;
   bool decompose;
@@ -32,10 +50,10 @@ struct FluxRecorder {
   void start() { recorded = 0, last_cell = -1; }
   void entered(const Photon&) {}
 
-  void add_positive(std::vector<double>& grid, int32_t cell, const Photon& p) {
+  void add_positive(size_t field, int32_t cell, const Photon& p) {
     for (int32_t b = 0; b < bands; ++b) {
       const double e = p.throughput[size_t(b)] * p.weight;
-      if (e > 0.0) grid[size_t(cell) * size_t(bands) + size_t(b)] += e;
+      if (e > 0.0) g.add(field + size_t(cell) * size_t(bands) + size_t(b), e);
     }
   }
 
@@ -48,114 +66,149 @@ struct FluxRecorder {
     }
     const int32_t cell = cy * nx + cx;
     if (max_bounces == 0 || recorded < max_bounces) {
-      add_positive(g.down, cell, p);
-      if (decompose) add_positive(p.is_sun ? g.direct : g.diffuse, cell, p);
+      add_positive(f.down, cell, p);
+      if (decompose) add_positive(p.is_sun ? f.direct : f.diffuse, cell, p);
       // A bounce inside one cell moves nothing upward.
-      if (last_cell >= 0 && cell != last_cell) add_positive(g.up, last_cell, p);
+      if (last_cell >= 0 && cell != last_cell) add_positive(f.up, last_cell, p);
       ++recorded;
     }
     last_cell = cell;
   }
   void scattered(const Photon&, const EmbreeHit&, const std::vector<double>&) {}
   void escaped(const Photon& p, int32_t depth) {
-    if (depth > 0 && last_cell >= 0) add_positive(g.up, last_cell, p);
+    if (depth > 0 && last_cell >= 0) add_positive(f.up, last_cell, p);
   }
   void lost(const Photon&) {}
 };
 
-}  // namespace
+// What trace and finish share: the checked request, the tile and the emission.
+struct FluxSetup {
+  float W, H;
+  EmissionContext emission;
+  std::vector<int32_t> unit_exponents;
+};
 
-FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
-                       int64_t num_photons, int32_t num_bands, float prob_sun,
-                       int32_t max_bounces, int32_t max_depth, int32_t rr_depth, int32_t threads,
-                       const ProgressFn& progress, bool decompose) {
+FluxSetup setup_flux(const EmbreeSceneManager& scene, const FluxRequest& q) {
+  const int32_t nx = q.nx, ny = q.ny, num_bands = q.num_bands;
   if (nx < 1 || ny < 1 || num_bands < 1)
     throw std::invalid_argument("flux grid dimensions and band count must be positive");
   if (int64_t(nx) * ny > 2147483647 || int64_t(nx) * ny * num_bands > 2147483647)
     throw std::overflow_error("flux grid element count exceeds signed device index range");
-  if (num_photons < 1) throw std::invalid_argument("Embree flux photon count must be positive");
-  if (!(prob_sun >= 0.0f && prob_sun <= 1.0f))
+  if (q.num_photons < 1) throw std::invalid_argument("Embree flux photon count must be positive");
+  validate_photon_range(q.first_photon, q.num_photons, "simulate_flux_cpu");
+  if (!(q.prob_sun >= 0.0f && q.prob_sun <= 1.0f))
     throw std::invalid_argument("prob_sun must lie in [0, 1]");
   validate_optical_scene(scene, num_bands);
-  const EmbreeSceneManager::RunGuard read_only(scene);
-  max_depth = max_depth_from_env(max_depth, "[CPU flux]");
 
   const Repetition& rep = scene.repetition();
   const bool tile = rep.scene_x_size > 0.0f && rep.scene_y_size > 0.0f;
-  const float W = tile ? rep.scene_x_size : scene.sensor().ortho_width;
-  const float H = tile ? rep.scene_y_size : scene.sensor().ortho_height;
-  if (!(W >= 1.1754944e-38f) || !(H >= 1.1754944e-38f) || !std::isfinite(W) || !std::isfinite(H))
+  FluxSetup s;
+  s.W = tile ? rep.scene_x_size : scene.sensor().ortho_width;
+  s.H = tile ? rep.scene_y_size : scene.sensor().ortho_height;
+  if (!(s.W >= 1.1754944e-38f) || !(s.H >= 1.1754944e-38f) || !std::isfinite(s.W) ||
+      !std::isfinite(s.H))
     throw std::invalid_argument("flux scene extent must be at least the minimum normalized float");
-  const float cell_w = W / float(nx), cell_h = H / float(ny);
-  const double scale = (double(W) * double(H)) / double(num_photons);
-  threads = resolve_thread_count(threads);
+  s.emission = EmissionContext::from_scene(scene, num_bands, q.prob_sun,
+                                           double(s.W) * double(s.H));
+  std::vector<double> bounds(static_cast<size_t>(num_bands));
+  for (int32_t b = 0; b < num_bands; ++b) bounds[size_t(b)] = emitted_energy_bound(s.emission, b);
+  s.unit_exponents = unit_exponents_for(bounds);
+  return s;
+}
+
+}  // namespace
+
+PhotonSums trace_flux(const EmbreeSceneManager& scene, const FluxRequest& q,
+                      const ProgressFn& progress) {
+  const FluxSetup setup = setup_flux(scene, q);
+  const EmbreeSceneManager::RunGuard read_only(scene);
+  const int32_t max_depth = max_depth_from_env(q.max_depth, "[CPU flux]");
+  const int32_t nx = q.nx, ny = q.ny, num_bands = q.num_bands;
+  const int32_t threads = resolve_thread_count(q.threads);
+  const FluxFields fields(q);
+  // Per worker a double, a flag and at worst an index per element; the totals, and
+  // the narrowed grids.
   check_request_memory("simulate_flux_cpu: a " + std::to_string(nx) + " x " + std::to_string(ny) +
                            " x " + std::to_string(num_bands) + " grid",
-                       double(nx) * ny * num_bands * 8.0 * (decompose ? 4.0 : 2.0) * (threads + 1));
+                       double(fields.total) * (17.0 * threads + 20.0));
   log_line("Forward flux (CPU): %lld photons, grid %dx%d, %d bands, max_bounces_record=%d, "
            "%d threads\n",
-           static_cast<long long>(num_photons), nx, ny, num_bands, max_bounces, threads);
+           static_cast<long long>(q.num_photons), nx, ny, num_bands, q.max_bounces, threads);
 
-  const size_t cells = size_t(nx) * size_t(ny) * size_t(num_bands);
-  std::vector<FluxGrids> grids(static_cast<size_t>(threads));
-  for (FluxGrids& g : grids) {
-    g.down.assign(cells, 0.0);
-    g.up.assign(cells, 0.0);
-    if (decompose) g.direct.assign(cells, 0.0), g.diffuse.assign(cells, 0.0);
-  }
+  PhotonSums totals;
+  totals.values.assign(fields.total, 0);
+  totals.unit_exponents = setup.unit_exponents;
+  totals.first_photon = q.first_photon;
+  totals.photons = q.num_photons;
+  std::mutex totals_lock;
   // Per worker scratch, sized once.
+  std::vector<ChunkSums> sums(static_cast<size_t>(threads), ChunkSums(fields.total));
   std::vector<Photon> photons(static_cast<size_t>(threads));
   std::vector<std::vector<double>> before(static_cast<size_t>(threads), std::vector<double>(size_t(num_bands)));
   for (Photon& p : photons) p.throughput.assign(size_t(num_bands), 0.0);
 
-  const EmissionContext emission = EmissionContext::from_scene(scene, num_bands, prob_sun, scale);
   const auto [box_lo, box_hi] = scene.aabb();
   const MediaScene media = MediaScene::from(scene);
-  const WalkLimits lim{max_depth, rr_depth,   num_bands,
-                       W,         H,          box_lo,
+  const WalkLimits lim{max_depth, q.rr_depth, num_bands,
+                       setup.W,   setup.H,    box_lo,
                        box_hi,    scene.has_optical_media() ? &media : nullptr,
                        scene.materials().size()};
+  const float cell_w = setup.W / float(nx), cell_h = setup.H / float(ny);
   const float X = cell_w * float(nx), Y = cell_h * float(ny);
   const MaterialData* materials = scene.materials().data();
   const float* spectral = scene.spectral_params().data();
   const auto start = std::chrono::steady_clock::now();
 
   run_counted(
-      threads, num_photons, PHOTON_ROUND, 256,
+      threads, q.first_photon, q.num_photons, PHOTON_ROUND, PHOTON_CHUNK,
       [&](int t, int64_t begin, int64_t end) {
-        FluxRecorder rec{grids[size_t(t)], nx, ny, num_bands, max_bounces, X, Y, decompose};
+        ChunkSums& chunk = sums[size_t(t)];
+        FluxRecorder rec{chunk, fields, nx, ny, num_bands, q.max_bounces, X, Y, q.decompose};
         Photon& p = photons[size_t(t)];
         for (int64_t i = begin; i < end; ++i) {
           RNG rng = photon_rng(uint64_t(i));
-          if (!emit_photon(emission, rng, p)) continue;
+          if (!emit_photon(setup.emission, rng, p)) continue;
           rec.start();
           walk_photon(scene, materials, spectral, lim, rng, p, before[size_t(t)], rec);
         }
+        chunk.flush(totals, totals_lock);
       },
       progress ? std::function<void(int64_t)>([&](int64_t done) {
-        progress(long(done), long(num_photons), elapsed_ms(start));
+        progress(long(done), long(q.num_photons), elapsed_ms(start));
       })
                : nullptr);
+  return totals;
+}
 
+FluxResult finish_flux(const EmbreeSceneManager& scene, const FluxRequest& q,
+                       const PhotonSums& sums) {
+  const FluxSetup setup = setup_flux(scene, q);
+  const FluxFields fields(q);
+  if (sums.values.size() != fields.total || sums.unit_exponents != setup.unit_exponents)
+    throw std::invalid_argument("photon sums of another request or scene cannot finish this one");
+  if (sums.first_photon != q.first_photon || sums.photons != q.num_photons)
+    throw std::invalid_argument("photon sums must cover the photons of the request");
   FluxResult r;
-  r.nx = nx, r.ny = ny, r.num_bands = num_bands, r.decompose = decompose;
-  auto merge = [&](std::vector<double> FluxGrids::*field) {
-    std::vector<float> out(cells);
-    for (size_t i = 0; i < cells; ++i) {
-      double s = 0.0;
-      for (const FluxGrids& g : grids) s += (g.*field)[i];
-      out[i] = float(s);
-    }
+  r.nx = q.nx, r.ny = q.ny, r.num_bands = q.num_bands, r.decompose = q.decompose;
+  const double n = double(q.num_photons);
+  auto grid = [&](size_t field) {
+    std::vector<float> out(fields.cells);
+    for (size_t i = 0; i < fields.cells; ++i) out[i] = float(sums.energy(field + i) / n);
     return out;
   };
-  r.downwelling = merge(&FluxGrids::down);
-  r.upwelling = merge(&FluxGrids::up);
-  if (decompose) {
-    r.downwelling_direct = merge(&FluxGrids::direct);
-    r.downwelling_diffuse = merge(&FluxGrids::diffuse);
+  r.downwelling = grid(fields.down);
+  r.upwelling = grid(fields.up);
+  if (q.decompose) {
+    r.downwelling_direct = grid(fields.direct);
+    r.downwelling_diffuse = grid(fields.diffuse);
   }
   r.execution = {BACKEND_EMBREE, WORKFLOW_OPTICAL_FLUX, "embree.cpu.optical_flux", true};
   return r;
+}
+
+FluxResult render_flux(const EmbreeSceneManager& scene, const FluxRequest& q,
+                       const ProgressFn& progress) {
+  return finish_flux(scene, q, trace_flux(scene, q, progress));
 }
 
 }  // namespace vesk::embree

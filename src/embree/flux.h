@@ -5,12 +5,25 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/exact_sums.h"
 #include "core/execution.h"
 #include "core/progress.h"
 
 namespace vesk::embree {
 
 class EmbreeSceneManager;
+
+struct FluxRequest {
+  int32_t nx = 1, ny = 1;
+  // Photons first_photon .. first_photon + num_photons - 1 of the global numbering;
+  // first_photon is a multiple of PHOTON_CHUNK.
+  int64_t num_photons = 0, first_photon = 0;
+  int32_t num_bands = 1;
+  float prob_sun = 1.0f;
+  int32_t max_bounces = 0, max_depth = 16, rr_depth = 3;
+  int32_t threads = 0;
+  bool decompose = false;
+};
 
 // Grids are [ny][nx][num_bands], 32-bit, in energy units (the sun spectrum times area).
 struct FluxResult {
@@ -20,13 +33,24 @@ struct FluxResult {
   ExecutionRecord execution;
 };
 
-FluxResult render_flux(const EmbreeSceneManager& scene, int32_t nx, int32_t ny,
-                       int64_t num_photons, int32_t num_bands, float prob_sun,
-                       int32_t max_bounces, int32_t max_depth, int32_t rr_depth, int32_t threads,
-                       const ProgressFn& progress, bool decompose);
+// The exact sums of the request's photons: fields down, up (and direct, diffuse with
+// decompose), each [ny][nx][num_bands], one after the other.
+PhotonSums trace_flux(const EmbreeSceneManager& scene, const FluxRequest& request,
+                      const ProgressFn& progress);
+// The grids from sums of the request's photons, which may be the sums of several
+// ranges appended in order: the same bits as render_flux. Throws std::invalid_argument
+// for sums of another layout, unit or photon range.
+FluxResult finish_flux(const EmbreeSceneManager& scene, const FluxRequest& request,
+                       const PhotonSums& sums);
+FluxResult render_flux(const EmbreeSceneManager& scene, const FluxRequest& request,
+                       const ProgressFn& progress);
 
-// Photons run in rounds of this many; progress comes at the end of each round and every
-// PROGRESS_INTERVAL_MS within one.
-constexpr int64_t PHOTON_ROUND = 1000000;
+// Photons run in rounds of this many (a whole number of chunks); progress comes at the
+// end of each round and every PROGRESS_INTERVAL_MS within one.
+constexpr int64_t PHOTON_ROUND = 256 * PHOTON_CHUNK;
+
+// Checks a photon range against the global numbering: a positive count, a first photon
+// at a chunk boundary, and an end that stays in int64.
+void validate_photon_range(int64_t first_photon, int64_t num_photons, const char* what);
 
 }  // namespace vesk::embree

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -18,12 +19,33 @@
 namespace vesk::embree {
 namespace {
 
-// One worker's 64-bit sums; merged in worker order after the run.
-struct ForwardSums {
-  std::vector<double> grid, direct, diffuse, leaf, terrain, brf, incident_cells;
-  std::vector<double> incident, escaped, transmitted, outside, truncated;
-  std::vector<double> f;  // scratch: the BRDF per band towards one observer
+// Where each field lies in the flat sums; all are band fastest.
+struct ForwardFields {
+  size_t grid, direct, diffuse, leaf, terrain, brf, incident_cells, incident, escaped,
+      transmitted, outside, truncated, total;
+  size_t n_grid, n_cells, n_leaf, n_brf, n_columns;
 };
+
+ForwardFields forward_fields(const EmbreeSceneManager& scene, const ForwardRequest& r) {
+  const bool grids = !r.brf_entry;
+  const size_t bands = size_t(r.num_bands);
+  const size_t nz = r.layer_heights.empty() ? 1 : r.layer_heights.size() - 1;
+  ForwardFields f{};
+  f.n_grid = grids ? size_t(r.nx) * size_t(r.ny) * nz * bands : 0;
+  f.n_cells = grids && r.terrain_instance_id >= 0 ? size_t(r.nx) * size_t(r.ny) * bands : 0;
+  f.n_leaf = r.per_leaf ? scene.n_primitives() * bands : 0;
+  f.n_brf = r.brf_directions.size() * bands;
+  f.n_columns = grids ? size_t(r.nx) * size_t(r.ny) * bands : 0;
+  size_t at = 0;
+  auto take = [&](size_t n) { const size_t here = at; at += n; return here; };
+  f.grid = take(f.n_grid), f.direct = take(f.n_grid), f.diffuse = take(f.n_grid);
+  f.leaf = take(f.n_leaf), f.terrain = take(f.n_cells), f.brf = take(f.n_brf);
+  f.incident_cells = take(f.n_columns);
+  f.incident = take(bands), f.escaped = take(bands), f.transmitted = take(bands);
+  f.outside = take(bands), f.truncated = take(bands);
+  f.total = at;
+  return f;
+}
 
 struct ForwardLayout {
   int32_t nx, ny, nz, bands;
@@ -42,7 +64,9 @@ struct ForwardLayout {
 
 struct ForwardRecorder {
   const ForwardLayout& L;
-  ForwardSums& s;
+  const ForwardFields& F;
+  ChunkSums& s;
+  std::vector<double>& f;  // scratch: the BRDF per band towards one observer
 
   int32_t layer_of(float z) const {
     const std::vector<float>& h = *L.layers;
@@ -54,10 +78,12 @@ struct ForwardRecorder {
   }
 
   void entered(const Photon& p) {
-    for (int32_t b = 0; b < L.bands; ++b) s.incident[size_t(b)] += p.throughput[size_t(b)] * p.weight;
-    if (s.incident_cells.empty()) return;
-    double* cell = &s.incident_cells[size_t(entry_cell(p)) * size_t(L.bands)];
-    for (int32_t b = 0; b < L.bands; ++b) cell[b] += p.throughput[size_t(b)] * p.weight;
+    for (int32_t b = 0; b < L.bands; ++b)
+      s.add(F.incident + size_t(b), p.throughput[size_t(b)] * p.weight);
+    if (F.n_columns == 0) return;
+    const size_t cell = F.incident_cells + size_t(entry_cell(p)) * size_t(L.bands);
+    for (int32_t b = 0; b < L.bands; ++b)
+      s.add(cell + size_t(b), p.throughput[size_t(b)] * p.weight);
   }
 
   // The column a photon comes in by: where it crosses the plane it enters through (it
@@ -89,7 +115,6 @@ struct ForwardRecorder {
     for (size_t d = 0; d < L.dirs->size(); ++d) {
       const float3& v = (*L.dirs)[d];
       const float3 vl{dot(v, frame[0]), dot(v, frame[1]), dot(v, frame[2])};
-      std::vector<double>& f = s.f;
       bool any = false;
       for (int32_t b = 0; b < L.bands; ++b) {
         f[size_t(b)] = evaluate_material(m.type, m.spectral_offset, b, wo, vl, L.spectral, L.bands,
@@ -109,7 +134,8 @@ struct ForwardRecorder {
         continue;
       }
       for (int32_t b = 0; b < L.bands; ++b)
-        s.brf[d * size_t(L.bands) + size_t(b)] += p.throughput[size_t(b)] * p.weight * f[size_t(b)] * c;
+        s.add(F.brf + d * size_t(L.bands) + size_t(b),
+              p.throughput[size_t(b)] * p.weight * f[size_t(b)] * c);
     }
   }
 
@@ -123,27 +149,27 @@ struct ForwardRecorder {
     for (int32_t b = 0; b < L.bands; ++b) {
       const double a = (before[size_t(b)] - p.throughput[size_t(b)]) * p.weight;
       if (L.per_leaf && hit.primitive_id >= 0)
-        s.leaf[size_t(hit.primitive_id) * size_t(L.bands) + size_t(b)] += a;
+        s.add(F.leaf + size_t(hit.primitive_id) * size_t(L.bands) + size_t(b), a);
       if (cell < 0 || layer < 0) {
-        s.outside[size_t(b)] += a;
+        s.add(F.outside + size_t(b), a);
       } else if (terrain) {
-        s.terrain[size_t(cell) * size_t(L.bands) + size_t(b)] += a;
+        s.add(F.terrain + size_t(cell) * size_t(L.bands) + size_t(b), a);
       } else {
         const size_t i = (size_t(layer) * size_t(L.nx) * size_t(L.ny) + size_t(cell)) *
                              size_t(L.bands) + size_t(b);
-        s.grid[i] += a;
-        (p.is_sun ? s.direct : s.diffuse)[i] += a;
+        s.add(F.grid + i, a);
+        s.add((p.is_sun ? F.direct : F.diffuse) + i, a);
       }
     }
   }
 
   void escaped(const Photon& p, int32_t) {
-    std::vector<double>& to = p.direction.z > 0.0f ? s.escaped : s.transmitted;
-    for (int32_t b = 0; b < L.bands; ++b) to[size_t(b)] += p.throughput[size_t(b)] * p.weight;
+    const size_t to = p.direction.z > 0.0f ? F.escaped : F.transmitted;
+    for (int32_t b = 0; b < L.bands; ++b) s.add(to + size_t(b), p.throughput[size_t(b)] * p.weight);
   }
   void lost(const Photon& p) {
     for (int32_t b = 0; b < L.bands; ++b)
-      s.truncated[size_t(b)] += p.throughput[size_t(b)] * p.weight;
+      s.add(F.truncated + size_t(b), p.throughput[size_t(b)] * p.weight);
   }
 };
 
@@ -179,146 +205,174 @@ void validate(const EmbreeSceneManager& scene, const ForwardRequest& r) {
   validate_optical_scene(scene, r.num_bands);
 }
 
+// What trace and finish share: the grid's placement, the emission and the units.
+struct ForwardSetup {
+  float gx0, gy0, gw, gh;
+  bool periodic = false;
+  float entry_z = 0.0f;
+  EmissionContext emission;
+  std::vector<int32_t> unit_exponents;
+  std::vector<float3> dirs;  // normalised
+};
+
+ForwardSetup setup_forward(const EmbreeSceneManager& scene, const ForwardRequest& req) {
+  validate(scene, req);
+  validate_photon_range(req.first_photon, req.num_photons,
+                        req.brf_entry ? "simulate_brf_cpu" : "simulate_forward_cpu");
+  ForwardSetup s;
+  // The grid covers the tile of a repeated scene, else the scene box.
+  const Repetition& rep = scene.repetition();
+  const bool tile = rep.scene_x_size > 0.0f && rep.scene_y_size > 0.0f;
+  const auto [lo, hi] = scene.aabb();
+  s.gx0 = tile ? 0.0f : lo.x, s.gy0 = tile ? 0.0f : lo.y;
+  s.gw = tile ? rep.scene_x_size : hi.x - lo.x, s.gh = tile ? rep.scene_y_size : hi.y - lo.y;
+  // Photons start over the tile, or through the faces of the box (scaled to its top).
+  const bool repetitive = rep.num_repetitions > 0 && tile;
+  s.periodic = repetitive;
+  s.entry_z = repetitive ? scene.measurement_plane_height() : hi.z;
+  const double area = repetitive ? double(rep.scene_x_size) * double(rep.scene_y_size)
+                                 : double(hi.x - lo.x) * double(hi.y - lo.y);
+  s.emission = EmissionContext::from_scene(scene, req.num_bands, req.prob_sun, area);
+  std::vector<double> bounds(static_cast<size_t>(req.num_bands));
+  for (int32_t b = 0; b < req.num_bands; ++b) bounds[size_t(b)] = emitted_energy_bound(s.emission, b);
+  s.unit_exponents = unit_exponents_for(bounds);
+  for (const float3& d : req.brf_directions) s.dirs.push_back(normalize(d));
+  return s;
+}
+
 }  // namespace
 
-ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardRequest& req,
-                             const ProgressFn& progress) {
-  validate(scene, req);
+PhotonSums trace_forward(const EmbreeSceneManager& scene, const ForwardRequest& req,
+                         const ProgressFn& progress) {
+  const ForwardSetup setup = setup_forward(scene, req);
   const EmbreeSceneManager::RunGuard read_only(scene);
   const int32_t max_depth = max_depth_from_env(req.max_depth, "[CPU fwd]");
   const int32_t threads = resolve_thread_count(req.threads);
   const int32_t bands = req.num_bands;
   const int32_t nz = req.layer_heights.empty() ? 1 : int32_t(req.layer_heights.size()) - 1;
-  {
-    // Per worker: three 64-bit grids, the terrain and incident cells, the per-primitive
-    // sums and the BRF sums; then the merged and narrowed copies.
-    const double grid = req.brf_entry ? 0.0 : double(req.nx) * req.ny * nz * bands;
-    const double cells = req.brf_entry || req.terrain_instance_id < 0
-                             ? 0.0 : double(req.nx) * req.ny * bands;
-    const double leaf = req.per_leaf ? double(scene.n_primitives()) * bands : 0.0;
-    const double brf = double(req.brf_directions.size()) * bands;
-    const double incident = req.brf_entry ? 0.0 : double(req.nx) * req.ny * bands;
-    const double per_worker = 8.0 * (3.0 * grid + cells + incident + leaf + brf);
-    check_request_memory(
-        req.brf_entry ? std::string("simulate_brf_cpu")
-                      : "simulate_forward_cpu: a " + std::to_string(req.nx) + " x " +
-                            std::to_string(req.ny) + " x " + std::to_string(nz) + " x " +
-                            std::to_string(bands) + " grid",
-        per_worker * (threads + 2));
-  }
+  const ForwardFields fields = forward_fields(scene, req);
+  // Per worker a double, a flag and at worst an index per element; the totals, and the
+  // narrowed results.
+  check_request_memory(
+      req.brf_entry ? std::string("simulate_brf_cpu")
+                    : "simulate_forward_cpu: a " + std::to_string(req.nx) + " x " +
+                          std::to_string(req.ny) + " x " + std::to_string(nz) + " x " +
+                          std::to_string(bands) + " grid",
+      double(fields.total) * (17.0 * threads + 20.0));
   log_line("Forward fPAR (CPU): %lld photons, grid %dx%dx%d, %d bands, %d threads\n",
            static_cast<long long>(req.num_photons), req.nx, req.ny, nz, bands, threads);
 
-  // The grid covers the tile of a repeated scene, else the scene box.
-  const Repetition& rep = scene.repetition();
-  const bool tile = rep.scene_x_size > 0.0f && rep.scene_y_size > 0.0f;
-  const auto [lo, hi] = scene.aabb();
-  const float gx0 = tile ? 0.0f : lo.x, gy0 = tile ? 0.0f : lo.y;
-  const float gw = tile ? rep.scene_x_size : hi.x - lo.x, gh = tile ? rep.scene_y_size : hi.y - lo.y;
-  // Photons start over the tile, or through the faces of the box (scaled to its top).
-  const bool repetitive = rep.num_repetitions > 0 && tile;
-  const double area = repetitive ? double(rep.scene_x_size) * double(rep.scene_y_size)
-                                 : double(hi.x - lo.x) * double(hi.y - lo.y);
-  const EmissionContext emission =
-      EmissionContext::from_scene(scene, bands, req.prob_sun, area / double(req.num_photons));
-
   const MediaScene media = MediaScene::from(scene);
-  std::vector<float3> dirs;
-  for (const float3& d : req.brf_directions) dirs.push_back(normalize(d));
-  const bool grids = !req.brf_entry;
   // Without grids (the BRF entry) no event has a cell, so absorption counts as outside.
-  const ForwardLayout layout{grids ? req.nx : 0, req.ny, nz, bands, gx0, gy0, gw, gh, repetitive,
-                             repetitive ? scene.measurement_plane_height() : hi.z,
-                             &req.layer_heights, req.terrain_instance_id, req.per_leaf, &dirs,
-                             &scene, scene.materials().data(), scene.spectral_params().data(),
+  const ForwardLayout layout{req.brf_entry ? 0 : req.nx, req.ny, nz, bands, setup.gx0, setup.gy0,
+                             setup.gw, setup.gh, setup.periodic, setup.entry_z, &req.layer_heights, req.terrain_instance_id,
+                             req.per_leaf, &setup.dirs, &scene, scene.materials().data(),
+                             scene.spectral_params().data(),
                              scene.has_optical_media() ? &media : nullptr};
-  const size_t n_grid = size_t(req.nx) * size_t(req.ny) * size_t(nz) * size_t(bands);
-  const size_t n_cells = size_t(req.nx) * size_t(req.ny) * size_t(bands);
-  const size_t n_leaf = req.per_leaf ? scene.n_primitives() * size_t(bands) : 0;
 
-  std::vector<ForwardSums> sums(static_cast<size_t>(threads));
-  for (ForwardSums& s : sums) {
-    if (grids) s.grid.assign(n_grid, 0.0), s.direct.assign(n_grid, 0.0), s.diffuse.assign(n_grid, 0.0);
-    s.leaf.assign(n_leaf, 0.0);
-    if (req.terrain_instance_id >= 0 && grids) s.terrain.assign(n_cells, 0.0);
-    if (grids) s.incident_cells.assign(n_cells, 0.0);
-    s.brf.assign(dirs.size() * size_t(bands), 0.0);
-    s.f.assign(size_t(bands), 0.0);
-    for (auto* v : {&s.incident, &s.escaped, &s.transmitted, &s.outside, &s.truncated})
-      v->assign(size_t(bands), 0.0);
-  }
+  PhotonSums totals;
+  totals.values.assign(fields.total, 0);
+  totals.unit_exponents = setup.unit_exponents;
+  totals.first_photon = req.first_photon;
+  totals.photons = req.num_photons;
+  std::mutex totals_lock;
+  std::vector<ChunkSums> sums(static_cast<size_t>(threads), ChunkSums(fields.total));
+  std::vector<std::vector<double>> brdf(static_cast<size_t>(threads), std::vector<double>(size_t(bands)));
   std::vector<Photon> photons(static_cast<size_t>(threads));
   for (Photon& p : photons) p.throughput.assign(size_t(bands), 0.0);
   std::vector<std::vector<double>> before(static_cast<size_t>(threads), std::vector<double>(size_t(bands)));
+  const Repetition& rep = scene.repetition();
+  const auto [lo, hi] = scene.aabb();
   const WalkLimits lim{max_depth, req.rr_depth, bands, rep.scene_x_size, rep.scene_y_size, lo, hi,
                        layout.media, scene.materials().size()};
   const auto start = std::chrono::steady_clock::now();
 
   run_counted(
-      threads, req.num_photons, PHOTON_ROUND, 256,
+      threads, req.first_photon, req.num_photons, PHOTON_ROUND, PHOTON_CHUNK,
       [&](int t, int64_t begin, int64_t end) {
-        ForwardRecorder rec{layout, sums[size_t(t)]};
+        ChunkSums& chunk = sums[size_t(t)];
+        ForwardRecorder rec{layout, fields, chunk, brdf[size_t(t)]};
         Photon& p = photons[size_t(t)];
         for (int64_t i = begin; i < end; ++i) {
           RNG rng = photon_rng(uint64_t(i));
-          if (!emit_photon(emission, rng, p)) continue;
+          if (!emit_photon(setup.emission, rng, p)) continue;
           walk_photon(scene, layout.materials, layout.spectral, lim, rng, p, before[size_t(t)],
                       rec);
         }
+        chunk.flush(totals, totals_lock);
       },
       progress ? std::function<void(int64_t)>([&](int64_t done) {
         progress(long(done), long(req.num_photons), elapsed_ms(start));
       })
                : nullptr);
+  return totals;
+}
 
-  auto merge = [&](std::vector<double> ForwardSums::*field) {
-    std::vector<double> total((sums[0].*field).size(), 0.0);
-    for (const ForwardSums& s : sums)
-      for (size_t i = 0; i < total.size(); ++i) total[i] += (s.*field)[i];
-    return total;
+ForwardResult finish_forward(const EmbreeSceneManager& scene, const ForwardRequest& req,
+                             const PhotonSums& sums) {
+  const ForwardSetup setup = setup_forward(scene, req);
+  const ForwardFields F = forward_fields(scene, req);
+  if (sums.values.size() != F.total || sums.unit_exponents != setup.unit_exponents)
+    throw std::invalid_argument("photon sums of another request or scene cannot finish this one");
+  if (sums.first_photon != req.first_photon || sums.photons != req.num_photons)
+    throw std::invalid_argument("photon sums must cover the photons of the request");
+  const int32_t bands = req.num_bands;
+  const double n = double(req.num_photons);
+  // Totals per photon, in double; outputs are narrowed once from these.
+  auto field = [&](size_t at, size_t count) {
+    std::vector<double> out(count);
+    for (size_t i = 0; i < count; ++i) out[i] = sums.energy(at + i) / n;
+    return out;
   };
   auto narrow = [](const std::vector<double>& v) { return std::vector<float>(v.begin(), v.end()); };
 
   ForwardResult r;
-  r.nx = req.nx, r.ny = req.ny, r.nz = nz, r.bands = bands, r.n_directions = int32_t(dirs.size());
-  r.has_grid = grids;
+  r.nx = req.nx, r.ny = req.ny, r.bands = bands;
+  r.nz = req.layer_heights.empty() ? 1 : int32_t(req.layer_heights.size()) - 1;
+  r.n_directions = int32_t(setup.dirs.size());
+  r.has_grid = !req.brf_entry;
   r.has_leaf = req.per_leaf;
-  r.has_terrain = grids && req.terrain_instance_id >= 0;
-  r.has_brf = !dirs.empty();
-  const std::vector<double> incident = merge(&ForwardSums::incident);
-  const std::vector<double> escaped = merge(&ForwardSums::escaped);
+  r.has_terrain = r.has_grid && req.terrain_instance_id >= 0;
+  r.has_brf = !setup.dirs.empty();
+  const std::vector<double> incident = field(F.incident, size_t(bands));
+  const std::vector<double> escaped = field(F.escaped, size_t(bands));
   if (r.has_grid) {
-    r.grid = narrow(merge(&ForwardSums::grid));
-    r.grid_direct = narrow(merge(&ForwardSums::direct));
-    r.grid_diffuse = narrow(merge(&ForwardSums::diffuse));
-    r.incident_grid = narrow(merge(&ForwardSums::incident_cells));
+    r.grid = narrow(field(F.grid, F.n_grid));
+    r.grid_direct = narrow(field(F.direct, F.n_grid));
+    r.grid_diffuse = narrow(field(F.diffuse, F.n_grid));
+    r.incident_grid = narrow(field(F.incident_cells, F.n_columns));
   }
-  if (r.has_leaf) r.leaf = narrow(merge(&ForwardSums::leaf));
-  if (r.has_terrain) r.terrain = narrow(merge(&ForwardSums::terrain));
+  if (r.has_leaf) r.leaf = narrow(field(F.leaf, F.n_leaf));
+  if (r.has_terrain) r.terrain = narrow(field(F.terrain, F.n_cells));
   r.incident = narrow(incident);
   r.escaped = narrow(escaped);
-  r.transmitted = narrow(merge(&ForwardSums::transmitted));
-  r.absorbed_outside = narrow(merge(&ForwardSums::outside));
-  r.truncated = narrow(merge(&ForwardSums::truncated));
+  r.transmitted = narrow(field(F.transmitted, size_t(bands)));
+  r.absorbed_outside = narrow(field(F.outside, size_t(bands)));
+  r.truncated = narrow(field(F.truncated, size_t(bands)));
   r.albedo.assign(size_t(bands), 0.0f);
   for (int32_t b = 0; b < bands; ++b)
     if (incident[size_t(b)] > 0.0) r.albedo[size_t(b)] = float(escaped[size_t(b)] / incident[size_t(b)]);
   if (r.has_brf) {
     // BRF = pi * (radiant intensity towards v) / (cos(theta_v) * incident power).
-    const std::vector<double> acc = merge(&ForwardSums::brf);
+    const std::vector<double> acc = field(F.brf, F.n_brf);
     r.brf.assign(acc.size(), 0.0f);
-    for (size_t d = 0; d < dirs.size(); ++d)
+    for (size_t d = 0; d < setup.dirs.size(); ++d)
       for (int32_t b = 0; b < bands; ++b)
         if (incident[size_t(b)] > 0.0)
           r.brf[d * size_t(bands) + size_t(b)] =
               float(3.141592653589793 * acc[d * size_t(bands) + size_t(b)] /
-                    (double(dirs[d].z) * incident[size_t(b)]));
+                    (double(setup.dirs[d].z) * incident[size_t(b)]));
   }
   r.execution = req.brf_entry
                     ? ExecutionRecord{BACKEND_EMBREE, WORKFLOW_OPTICAL_BRF, "embree.cpu.optical_brf", true}
                     : ExecutionRecord{BACKEND_EMBREE, WORKFLOW_OPTICAL_FORWARD,
                                       "embree.cpu.optical_forward", true};
   return r;
+}
+
+ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardRequest& req,
+                             const ProgressFn& progress) {
+  return finish_forward(scene, req, trace_forward(scene, req, progress));
 }
 
 }  // namespace vesk::embree

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/exact_sums.h"
 #include "core/execution.h"
 #include "core/progress.h"
 #include "core/types.h"
@@ -19,7 +20,9 @@ struct ForwardRequest {
   // Layer boundaries in z, strictly increasing: layer k spans [h[k], h[k+1]), the top one
   // includes its upper boundary. Empty: one layer of any height.
   std::vector<float> layer_heights;
-  int64_t num_photons = 0;
+  // Photons first_photon .. first_photon + num_photons - 1 of the global numbering;
+  // first_photon is a multiple of PHOTON_CHUNK.
+  int64_t num_photons = 0, first_photon = 0;
   int32_t num_bands = 1;
   bool per_leaf = false;
   std::vector<float3> brf_directions;  // towards the observer, upward; normalised here
@@ -48,6 +51,16 @@ struct ForwardResult {
   ExecutionRecord execution;
 };
 
+// The exact sums of the request's photons, per band: the grids, leaf, terrain and BRF
+// fields the request asks for, then incident, escaped, transmitted, absorbed outside
+// and truncated.
+PhotonSums trace_forward(const EmbreeSceneManager& scene, const ForwardRequest& request,
+                         const ProgressFn& progress);
+// The result from sums of the request's photons, which may be the sums of several
+// ranges appended in order: the same bits as render_forward. Throws
+// std::invalid_argument for sums of another layout, unit or photon range.
+ForwardResult finish_forward(const EmbreeSceneManager& scene, const ForwardRequest& request,
+                             const PhotonSums& sums);
 ForwardResult render_forward(const EmbreeSceneManager& scene, const ForwardRequest& request,
                              const ProgressFn& progress);
 

@@ -96,6 +96,47 @@ struct InstanceSifSourceFields {
 // holds. grid_dims, bounds_min and bounds_max must hold 3 values per instance.
 bool sif_source_grids_valid(const InstanceSifSourceFields& fields);
 
+// The checks of the setters, for n instances; std::invalid_argument on failure.
+void check_turbid_thermal_state(const InstanceTurbidThermalState& state, size_t n);
+void check_sif_source_fields(const InstanceSifSourceFields& fields, size_t n);
+
+// Everything that defines a scene, as plain values: what pickles and scene files carry.
+// Not carried: the Embree structures (rebuilt from this) and Turbid domains.
+struct SceneRecipe {
+  std::vector<EmbreeMesh> meshes;
+  std::vector<EmbreeInstance> instances;  // geometry_id is not carried
+  std::vector<MaterialData> materials;
+  std::vector<float> spectral;
+  int32_t num_bands = 1;
+  // The optical turbid media as given (the table is rebuilt from them); the material ids
+  // may be fewer than the materials, which may have been added later.
+  std::vector<float> media_leaf_area_densities, media_leaf_characteristic_lengths;
+  std::vector<int32_t> media_leaf_angle_types, media_orientations, material_medium_ids;
+  Emitter emitter;
+  SkySelection sky;
+  SensorData sensor;
+  bool terrain_following = false;
+  Repetition repetition;
+  bool thermal_mode = false, sif_only_mode = false;
+  uint8_t emission_mode = EMISSION_OPTICAL;
+  std::vector<float> band_wavelengths;
+  float measurement_plane_height = 0.0f;
+  bool measurement_plane_set = false;
+  // Overrides as set; any of them may be shorter than the scene now is, when instances
+  // were added after it was set.
+  std::vector<float> primitive_temperatures, primitive_emissivities, primitive_sif_spectra;
+  int32_t n_sif_bands = 0;
+  InstanceTurbidThermalState instance_turbid_thermal;
+  std::vector<float> instance_sif_spectra;
+  int32_t instance_n_sif_bands = 0;
+  InstanceSifSourceFields instance_sif_source_fields;
+  // Whether the scene may be traced, whether the structure matches the instances (what
+  // build_reuse_gas needs), and the bounds and revision as of the last build or refit.
+  bool built = false, structure_current = false;
+  float box_lo[3] = {}, box_hi[3] = {};
+  uint64_t geometry_build_revision = 0;
+};
+
 // Limits of the settings: tile walls a ray may cross, the smallest tile (the tile
 // walk steps 1e-3 inside walls), and bands (so per-band index products fit in int32).
 constexpr int32_t MAX_REPETITIONS = 100000;
@@ -115,6 +156,13 @@ class EmbreeSceneManager {
   ~EmbreeSceneManager();
   EmbreeSceneManager(const EmbreeSceneManager&) = delete;
   EmbreeSceneManager& operator=(const EmbreeSceneManager&) = delete;
+
+  // ---- the scene as values ----
+  SceneRecipe recipe() const;
+  // A new scene from a recipe, checked as the setters check their input (the media and
+  // the overrides against the counts they were set for); a scene whose structure was
+  // current is built again, with the bounds it had. Same recipe, same traced results.
+  static std::unique_ptr<EmbreeSceneManager> from_recipe(SceneRecipe recipe);
 
   // ---- geometry ----
   int32_t add_mesh(std::vector<float3> vertices, std::vector<float3> normals,

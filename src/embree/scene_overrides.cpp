@@ -56,9 +56,7 @@ void EmbreeSceneManager::clear_primitive_sif_spectra() {
   n_sif_bands_ = 0;
 }
 
-void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
-  require_idle_();
-  const size_t n = instances_.size();
+void check_turbid_thermal_state(const InstanceTurbidThermalState& s, size_t n) {
   check_length("temperature_sunlit", s.temperature_sunlit.size(), n);
   check_length("temperature_shaded", s.temperature_shaded.size(), n);
   check_length("sunlit_fraction", s.sunlit_fraction.size(), n);
@@ -74,6 +72,11 @@ void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermal
         s.emissivity[i] > 1.0f)
       throw std::invalid_argument("instance turbid thermal state is outside its domain");
   }
+}
+
+void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
+  require_idle_();
+  check_turbid_thermal_state(s, instances_.size());
   instance_turbid_thermal_ = std::move(s);
 }
 
@@ -130,12 +133,10 @@ bool sif_source_grids_valid(const InstanceSifSourceFields& f) {
   return true;
 }
 
-void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields f) {
-  require_idle_();
+void check_sif_source_fields(const InstanceSifSourceFields& f, size_t n) {
   if (f.n_sif_bands < 1 || f.spatial_cell_stride < 1 || f.orientation_theta_bins < 1 ||
       f.orientation_phi_bins < 1)
     throw std::invalid_argument("Embree instance SIF source fields: dimensions must be positive");
-  const size_t n = instances_.size();
   const size_t bands = size_t(f.n_sif_bands), cells = size_t(f.spatial_cell_stride);
   const size_t bins =
       saturating_product({size_t(f.orientation_theta_bins), size_t(f.orientation_phi_bins)});
@@ -152,6 +153,11 @@ void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields 
                f.direct_joint_spectra.size());
   if (!sif_source_grids_valid(f))
     throw std::invalid_argument("Embree instance SIF source fields: invalid instance grid");
+}
+
+void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields f) {
+  require_idle_();
+  check_sif_source_fields(f, instances_.size());
   instance_sif_source_fields_ = std::move(f);
 }
 

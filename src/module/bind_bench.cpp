@@ -40,8 +40,10 @@ void bind_bench(py::module_& m) {
       "_bench_render_flux",
       [](const embree::EmbreeSceneManager& scene, int32_t nx, int64_t photons, int32_t bands,
          float prob_sun, int32_t threads) {
-        const embree::FluxResult r = embree::render_flux(scene, nx, nx, photons, bands, prob_sun, 0,
-                                                         16, 3, threads, {}, false);
+        embree::FluxRequest q;
+        q.nx = q.ny = nx, q.num_photons = photons, q.num_bands = bands, q.prob_sun = prob_sun;
+        q.threads = threads;
+        const embree::FluxResult r = embree::render_flux(scene, q, {});
         return to_numpy(r.downwelling);
       },
       py::arg("scene"), py::arg("nx"), py::arg("photons"), py::arg("bands"), py::arg("prob_sun"),

@@ -92,5 +92,6 @@ vesk::embree::InstanceSifSourceFields sif_source_fields(
     int32_t orientation_phi_bins, size_t num_instances);
 void bind_scene_overrides(SceneClass& cls);
 void bind_scene_media(SceneClass& cls);
+void bind_scene_state(SceneClass& cls);
 
 }  // namespace vesk::module

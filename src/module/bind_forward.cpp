@@ -21,86 +21,208 @@ py::array_t<float> bands_array(const std::vector<float>& v, int32_t rows, int32_
   return to_numpy(v, {py::ssize_t(rows), py::ssize_t(bands)});
 }
 
+// Exact sums cross the binding as 'hi' (int64) and 'lo' (uint64) halves of each 128-bit
+// total, which NumPy adds with a carry; nothing is lost on the way.
+py::dict sums_dict(const PhotonSums& s) {
+  const py::ssize_t n = py::ssize_t(s.values.size());
+  py::array_t<int64_t> hi(n);
+  py::array_t<uint64_t> lo(n);
+  int64_t* h = hi.mutable_data();
+  uint64_t* l = lo.mutable_data();
+  for (py::ssize_t i = 0; i < n; ++i) {
+    const auto u = static_cast<unsigned __int128>(s.values[size_t(i)]);
+    h[i] = static_cast<int64_t>(static_cast<uint64_t>(u >> 64));
+    l[i] = static_cast<uint64_t>(u);
+  }
+  py::dict d;
+  d["hi"] = hi;
+  d["lo"] = lo;
+  d["unit_exponents"] = to_numpy(s.unit_exponents);
+  d["first_photon"] = s.first_photon;
+  d["num_photons"] = s.photons;
+  return d;
+}
+
+PhotonSums sums_from(const py::object& obj) {
+  if (!py::isinstance<py::dict>(obj))
+    throw py::type_error("sums must be the dict of exact photon sums");
+  const py::dict d = obj.cast<py::dict>();
+  for (const char* key : {"hi", "lo", "unit_exponents", "first_photon", "num_photons"})
+    if (!d.contains(key)) throw py::key_error(std::string("sums is missing the key '") + key + "'");
+  auto exact = [&](const char* key, char kind) {
+    const py::object v = d[key];
+    if (!py::isinstance<py::array>(v) || v.cast<py::array>().dtype().kind() != kind ||
+        v.cast<py::array>().dtype().itemsize() != 8 || v.cast<py::array>().ndim() != 1)
+      throw py::type_error(std::string("sums['") + key + "'] must be a 1-D " +
+                           (kind == 'i' ? "int64" : "uint64") + " array");
+    return v.cast<py::array>();
+  };
+  const auto hi = py::cast<py::array_t<int64_t, py::array::c_style | py::array::forcecast>>(
+      exact("hi", 'i'));
+  const auto lo = py::cast<py::array_t<uint64_t, py::array::c_style | py::array::forcecast>>(
+      exact("lo", 'u'));
+  if (hi.size() != lo.size()) throw py::value_error("sums['hi'] and sums['lo'] differ in length");
+  PhotonSums s;
+  s.values.resize(size_t(hi.size()));
+  for (py::ssize_t i = 0; i < hi.size(); ++i) {
+    const auto u = (static_cast<unsigned __int128>(static_cast<uint64_t>(hi.data()[i])) << 64) |
+                   lo.data()[i];
+    s.values[size_t(i)] = static_cast<int128>(u);
+  }
+  s.unit_exponents = to_vector(py::cast<IntArray>(d["unit_exponents"]));
+  s.first_photon = py::cast<int64_t>(d["first_photon"]);
+  s.photons = py::cast<int64_t>(d["num_photons"]);
+  return s;
+}
+
+embree::ForwardRequest brf_request(const EmbreeSceneManager& scene, const FloatArray& directions,
+                                   int64_t num_photons, int32_t max_depth, int64_t first_photon) {
+  if (directions.ndim() != 1 || directions.size() == 0 || directions.size() % 3 != 0)
+    throw py::value_error("directions must be a nonempty flat float3 array");
+  embree::ForwardRequest q;
+  q.brf_entry = true;
+  q.num_photons = num_photons;
+  q.first_photon = first_photon;
+  q.max_depth = max_depth;
+  q.num_bands = scene.num_bands();
+  q.brf_directions = flat_directions(directions, size_t(directions.size() / 3));
+  return q;
+}
+
+py::dict brf_dict(const embree::ForwardResult& r) {
+  py::dict d;
+  d["brf"] = bands_array(r.brf, r.n_directions, r.bands);
+  d["albedo"] = to_numpy(r.albedo);
+  d["incident"] = to_numpy(r.incident);
+  d["escaped"] = to_numpy(r.escaped);
+  d["_execution"] = execution_dict(r.execution);
+  return d;
+}
+
+embree::ForwardRequest forward_request(int32_t nx, int32_t ny, const py::object& layer_heights,
+                                       int64_t num_photons, int32_t num_bands, bool per_leaf,
+                                       const py::object& brf_directions, int32_t num_brf_dirs,
+                                       float prob_sun, int32_t max_depth,
+                                       int32_t terrain_instance_id, int64_t first_photon) {
+  embree::ForwardRequest q;
+  if (!layer_heights.is_none()) {
+    const FloatArray h = py::cast<FloatArray>(layer_heights);
+    if (h.ndim() != 1) throw py::value_error("layer_heights must be 1D");
+    q.layer_heights = to_vector(h);
+  }
+  if (!brf_directions.is_none()) {
+    const FloatArray d = py::cast<FloatArray>(brf_directions);
+    if (d.ndim() != 1 || d.size() % 3 != 0)
+      throw py::value_error("directions must be a flat float3 array");
+    if (num_brf_dirs < 0 || py::ssize_t(num_brf_dirs) * 3 > d.size())
+      throw py::value_error("num_brf_dirs must lie between 0 and the directions given");
+    q.brf_directions = flat_directions(d, size_t(num_brf_dirs));
+  } else if (num_brf_dirs != 0) {
+    throw py::value_error("num_brf_dirs must lie between 0 and the directions given");
+  }
+  q.nx = nx, q.ny = ny, q.num_photons = num_photons, q.num_bands = num_bands;
+  q.per_leaf = per_leaf, q.prob_sun = prob_sun, q.max_depth = max_depth;
+  q.terrain_instance_id = terrain_instance_id;
+  q.first_photon = first_photon;
+  return q;
+}
+
+py::dict forward_dict(const embree::ForwardResult& r) {
+  py::dict d;
+  d["grid"] = to_numpy(r.grid, {r.nz, r.ny, r.nx, r.bands});
+  d["grid_direct"] = to_numpy(r.grid_direct, {r.nz, r.ny, r.nx, r.bands});
+  d["grid_diffuse"] = to_numpy(r.grid_diffuse, {r.nz, r.ny, r.nx, r.bands});
+  if (r.has_leaf) d["leaf"] = bands_array(r.leaf, int32_t(r.leaf.size() / size_t(r.bands)), r.bands);
+  if (r.has_terrain) d["terrain"] = to_numpy(r.terrain, {r.ny, r.nx, r.bands});
+  d["incident_grid"] = to_numpy(r.incident_grid, {r.ny, r.nx, r.bands});
+  d["incident"] = to_numpy(r.incident);
+  d["escaped"] = to_numpy(r.escaped);
+  d["transmitted"] = to_numpy(r.transmitted);
+  d["absorbed_outside"] = to_numpy(r.absorbed_outside);
+  d["truncated"] = to_numpy(r.truncated);
+  d["albedo"] = to_numpy(r.albedo);
+  if (r.has_brf) d["brf"] = bands_array(r.brf, r.n_directions, r.bands);
+  d["_execution"] = execution_dict(r.execution);
+  return d;
+}
+
+embree::FluxRequest flux_request(int32_t nx, int32_t ny, int64_t num_photons, int32_t num_bands,
+                                 float prob_sun, int32_t max_bounces, int32_t max_depth,
+                                 int32_t rr_depth, bool decompose, int64_t first_photon) {
+  embree::FluxRequest q;
+  q.nx = nx, q.ny = ny, q.num_photons = num_photons, q.first_photon = first_photon;
+  q.num_bands = num_bands, q.prob_sun = prob_sun, q.max_bounces = max_bounces;
+  q.max_depth = max_depth, q.rr_depth = rr_depth, q.decompose = decompose;
+  return q;
+}
+
+py::dict flux_dict(const embree::FluxResult& r) {
+  const std::vector<py::ssize_t> shape{r.ny, r.nx, r.num_bands};
+  py::dict d;
+  d["downwelling"] = to_numpy(r.downwelling, shape);
+  d["upwelling"] = to_numpy(r.upwelling, shape);
+  if (r.decompose) {
+    d["downwelling_direct"] = to_numpy(r.downwelling_direct, shape);
+    d["downwelling_diffuse"] = to_numpy(r.downwelling_diffuse, shape);
+  }
+  d["_execution"] = execution_dict(r.execution);
+  return d;
+}
+
+// The private entries behind distributed runs: without sums they trace the photons and
+// return their exact sums; with sums (of ranges that together cover these photons,
+// merged) they return what the public entry returns for the same arguments, bit for bit.
+template <class Request, class Trace, class Finish, class Dict>
+py::dict exact_entry(const EmbreeSceneManager& scene, const Request& q, const py::object& sums,
+                     Trace trace, Finish finish, Dict to_dict) {
+  if (sums.is_none()) return sums_dict(trace(scene, q, ProgressFn{}));
+  return to_dict(finish(scene, q, sums_from(sums)));
+}
+
+constexpr const char* EXACT_DOC =
+    "Private, for distributed runs (vesk.distributed). Without sums: the exact sums of\n"
+    "photons [first_photon, first_photon + num_photons), a dict of 'hi' (int64) and 'lo'\n"
+    "(uint64) halves of 128-bit fixed-point totals, 'unit_exponents' (int32, one per band),\n"
+    "'first_photon' and 'num_photons'. Sums of consecutive ranges add exactly (hi and lo\n"
+    "with a carry). With sums covering the photons of these arguments: the result the\n"
+    "public entry gives for them, bit for bit.";
+
 }  // namespace
 
 void bind_forward(py::module_& m) {
   m.def(
       "simulate_brf_cpu",
       [](const EmbreeSceneManager& scene, const FloatArray& directions, int64_t num_photons,
-         int32_t max_depth, const py::object& progress) {
-        if (directions.ndim() != 1 || directions.size() == 0 || directions.size() % 3 != 0)
-          throw py::value_error("directions must be a nonempty flat float3 array");
-        embree::ForwardRequest q;
-        q.brf_entry = true;
-        q.num_photons = num_photons;
-        q.max_depth = max_depth;
-        q.num_bands = scene.num_bands();
-        q.brf_directions = flat_directions(directions, size_t(directions.size() / 3));
-        const embree::ForwardResult r = embree::render_forward(scene, q, progress_bridge(progress));
-        py::dict d;
-        d["brf"] = bands_array(r.brf, r.n_directions, r.bands);
-        d["albedo"] = to_numpy(r.albedo);
-        d["incident"] = to_numpy(r.incident);
-        d["escaped"] = to_numpy(r.escaped);
-        d["_execution"] = execution_dict(r.execution);
-        return d;
+         int32_t max_depth, const py::object& progress, int64_t first_photon) {
+        const embree::ForwardRequest q =
+            brf_request(scene, directions, num_photons, max_depth, first_photon);
+        return brf_dict(embree::render_forward(scene, q, progress_bridge(progress)));
       },
       py::arg("scene"), py::arg("directions"), py::arg("num_photons"), py::arg("max_depth") = 16,
-      py::arg("progress") = py::none(),
+      py::arg("progress") = py::none(), py::arg("first_photon") = 0,
       "Bidirectional reflectance factor of the scene under the sun, by forward photons with\n"
       "the local (next-event) estimate of simulate_forward_cpu, unbiased for any surface.\n"
       "directions: flat float3, towards the observers, upward. Returns 'brf' (n_directions,\n"
       "bands), 'albedo', 'incident', 'escaped' (bands,) and '_execution'.\n"
-      "progress(done, total, elapsed_ms) as in simulate_forward_cpu.");
+      "first_photon: see simulate_forward_cpu.");
 
   m.def(
       "simulate_forward_cpu",
       [](const EmbreeSceneManager& scene, int32_t nx, int32_t ny, const py::object& layer_heights,
          int64_t num_photons, int32_t num_bands, bool per_leaf, const py::object& brf_directions,
          int32_t num_brf_dirs, float prob_sun, int32_t max_depth, int32_t terrain_instance_id,
-         const py::object& progress) {
-        embree::ForwardRequest q;
-        if (!layer_heights.is_none()) {
-          const FloatArray h = py::cast<FloatArray>(layer_heights);
-          if (h.ndim() != 1) throw py::value_error("layer_heights must be 1D");
-          q.layer_heights = to_vector(h);
-        }
-        if (!brf_directions.is_none()) {
-          const FloatArray d = py::cast<FloatArray>(brf_directions);
-          if (d.ndim() != 1 || d.size() % 3 != 0)
-            throw py::value_error("directions must be a flat float3 array");
-          if (num_brf_dirs < 0 || py::ssize_t(num_brf_dirs) * 3 > d.size())
-            throw py::value_error("num_brf_dirs must lie between 0 and the directions given");
-          q.brf_directions = flat_directions(d, size_t(num_brf_dirs));
-        } else if (num_brf_dirs != 0) {
-          throw py::value_error("num_brf_dirs must lie between 0 and the directions given");
-        }
-        q.nx = nx, q.ny = ny, q.num_photons = num_photons, q.num_bands = num_bands;
-        q.per_leaf = per_leaf, q.prob_sun = prob_sun, q.max_depth = max_depth;
-        q.terrain_instance_id = terrain_instance_id;
-        const embree::ForwardResult r = embree::render_forward(scene, q, progress_bridge(progress));
-        py::dict d;
-        d["grid"] = to_numpy(r.grid, {r.nz, r.ny, r.nx, r.bands});
-        d["grid_direct"] = to_numpy(r.grid_direct, {r.nz, r.ny, r.nx, r.bands});
-        d["grid_diffuse"] = to_numpy(r.grid_diffuse, {r.nz, r.ny, r.nx, r.bands});
-        if (r.has_leaf) d["leaf"] = bands_array(r.leaf, int32_t(r.leaf.size() / size_t(r.bands)), r.bands);
-        if (r.has_terrain) d["terrain"] = to_numpy(r.terrain, {r.ny, r.nx, r.bands});
-        d["incident_grid"] = to_numpy(r.incident_grid, {r.ny, r.nx, r.bands});
-        d["incident"] = to_numpy(r.incident);
-        d["escaped"] = to_numpy(r.escaped);
-        d["transmitted"] = to_numpy(r.transmitted);
-        d["absorbed_outside"] = to_numpy(r.absorbed_outside);
-        d["truncated"] = to_numpy(r.truncated);
-        d["albedo"] = to_numpy(r.albedo);
-        if (r.has_brf) d["brf"] = bands_array(r.brf, r.n_directions, r.bands);
-        d["_execution"] = execution_dict(r.execution);
-        return d;
+         const py::object& progress, int64_t first_photon) {
+        const embree::ForwardRequest q =
+            forward_request(nx, ny, layer_heights, num_photons, num_bands, per_leaf,
+                            brf_directions, num_brf_dirs, prob_sun, max_depth,
+                            terrain_instance_id, first_photon);
+        return forward_dict(embree::render_forward(scene, q, progress_bridge(progress)));
       },
       py::arg("scene"), py::arg("nx") = 1, py::arg("ny") = 1, py::arg("layer_heights") = py::none(),
       py::arg("num_photons") = 10000000, py::arg("num_bands") = 1, py::arg("per_leaf") = false,
       py::arg("brf_directions") = py::none(), py::arg("num_brf_dirs") = 0,
       py::arg("prob_sun") = 1.0f, py::arg("max_depth") = 16, py::arg("terrain_instance_id") = -1,
-      py::arg("progress") = py::none(),
+      py::arg("progress") = py::none(), py::arg("first_photon") = 0,
       "Forward photon tracing of absorbed, escaping and reflected energy (fPAR, BRF, albedo).\n"
       "Photons leave the sun (and, with a sky set, the sky in the share 1 - prob_sun) over the\n"
       "tile of a repeated scene, 0.1 above the measurement plane (set_measurement_plane; by\n"
@@ -136,32 +258,26 @@ void bind_forward(py::module_& m) {
       "(cos(theta_v) * incident) over all surface events, with each material's own BRDF f\n"
       "and the visibility V of the observer through the repeated tiles: unbiased for any\n"
       "surface.\n"
-      "progress(done, total, elapsed_ms) runs on the calling thread about every quarter of\n"
-      "a second while photons run, and after every million.");
+      "first_photon (a multiple of 4096, default 0): trace photons first_photon ..\n"
+      "first_photon + num_photons - 1 of the global numbering (each photon has its own\n"
+      "random stream), so that runs over disjoint ranges are independent. Results are the\n"
+      "same, bit for bit, whatever the thread count: photons are summed per 4096 in a fixed\n"
+      "order, and those sums exactly (in fixed point).");
 
   m.def(
       "simulate_flux_cpu",
       [](const EmbreeSceneManager& scene, int32_t nx, int32_t ny, int64_t num_photons,
          int32_t num_bands, float prob_sun, int32_t max_bounces, int32_t max_depth,
-         int32_t rr_depth, bool decompose, const py::object& progress) {
-        const embree::FluxResult r =
-            embree::render_flux(scene, nx, ny, num_photons, num_bands, prob_sun, max_bounces,
-                                max_depth, rr_depth, 0, progress_bridge(progress), decompose);
-        const std::vector<py::ssize_t> shape{r.ny, r.nx, r.num_bands};
-        py::dict d;
-        d["downwelling"] = to_numpy(r.downwelling, shape);
-        d["upwelling"] = to_numpy(r.upwelling, shape);
-        if (r.decompose) {
-          d["downwelling_direct"] = to_numpy(r.downwelling_direct, shape);
-          d["downwelling_diffuse"] = to_numpy(r.downwelling_diffuse, shape);
-        }
-        d["_execution"] = execution_dict(r.execution);
-        return d;
+         int32_t rr_depth, bool decompose, const py::object& progress, int64_t first_photon) {
+        const embree::FluxRequest q = flux_request(nx, ny, num_photons, num_bands, prob_sun,
+                                                   max_bounces, max_depth, rr_depth, decompose,
+                                                   first_photon);
+        return flux_dict(embree::render_flux(scene, q, progress_bridge(progress)));
       },
       py::arg("scene"), py::arg("nx"), py::arg("ny"), py::arg("num_photons"),
       py::arg("num_bands"), py::arg("prob_sun") = 1.0f, py::arg("max_bounces") = 0,
       py::arg("max_depth") = 16, py::arg("rr_depth") = 3, py::arg("decompose") = false,
-      py::arg("progress") = py::none(),
+      py::arg("progress") = py::none(), py::arg("first_photon") = 0,
       "Hemispheric flux grids by forward photon tracing.\n"
       "Where the grid lies: the nx x ny grid covers the tile [0, W] x [0, H] of a repeated\n"
       "scene, else [0, ortho_w] x [0, ortho_h] of the sensor (its orthographic extent). It\n"
@@ -179,9 +295,52 @@ void bind_forward(py::module_& m) {
       "'downwelling_diffuse' (sky photons). prob_sun: share of sun photons when a sky is set.\n"
       "Grids are (ny, nx, num_bands) float32 in energy units (sun spectrum times area);\n"
       "progress(done, total, elapsed_ms) runs on the calling thread about every quarter of\n"
-      "a second while photons run, and after every million. Photons of a\n"
+      "a second while photons run, and after every 1048576. Photons of a\n"
       "repeated scene start over the measurement plane (set_measurement_plane; by default\n"
-      "the top of the scene box).");
+      "the top of the scene box). first_photon: see simulate_forward_cpu.");
+
+  m.def(
+      "_simulate_brf_exact",
+      [](const EmbreeSceneManager& scene, const FloatArray& directions, int64_t num_photons,
+         int32_t max_depth, int64_t first_photon, const py::object& sums) {
+        return exact_entry(scene, brf_request(scene, directions, num_photons, max_depth,
+                                              first_photon),
+                           sums, embree::trace_forward, embree::finish_forward, brf_dict);
+      },
+      py::arg("scene"), py::arg("directions"), py::arg("num_photons"), py::arg("max_depth") = 16,
+      py::arg("first_photon") = 0, py::arg("sums") = py::none(), EXACT_DOC);
+  m.def(
+      "_simulate_forward_exact",
+      [](const EmbreeSceneManager& scene, int32_t nx, int32_t ny, const py::object& layer_heights,
+         int64_t num_photons, int32_t num_bands, bool per_leaf, const py::object& brf_directions,
+         int32_t num_brf_dirs, float prob_sun, int32_t max_depth, int32_t terrain_instance_id,
+         int64_t first_photon, const py::object& sums) {
+        return exact_entry(scene,
+                           forward_request(nx, ny, layer_heights, num_photons, num_bands, per_leaf,
+                                           brf_directions, num_brf_dirs, prob_sun, max_depth,
+                                           terrain_instance_id, first_photon),
+                           sums, embree::trace_forward, embree::finish_forward, forward_dict);
+      },
+      py::arg("scene"), py::arg("nx") = 1, py::arg("ny") = 1, py::arg("layer_heights") = py::none(),
+      py::arg("num_photons") = 10000000, py::arg("num_bands") = 1, py::arg("per_leaf") = false,
+      py::arg("brf_directions") = py::none(), py::arg("num_brf_dirs") = 0,
+      py::arg("prob_sun") = 1.0f, py::arg("max_depth") = 16, py::arg("terrain_instance_id") = -1,
+      py::arg("first_photon") = 0, py::arg("sums") = py::none(), EXACT_DOC);
+  m.def(
+      "_simulate_flux_exact",
+      [](const EmbreeSceneManager& scene, int32_t nx, int32_t ny, int64_t num_photons,
+         int32_t num_bands, float prob_sun, int32_t max_bounces, int32_t max_depth,
+         int32_t rr_depth, bool decompose, int64_t first_photon, const py::object& sums) {
+        return exact_entry(scene,
+                           flux_request(nx, ny, num_photons, num_bands, prob_sun, max_bounces,
+                                        max_depth, rr_depth, decompose, first_photon),
+                           sums, embree::trace_flux, embree::finish_flux, flux_dict);
+      },
+      py::arg("scene"), py::arg("nx"), py::arg("ny"), py::arg("num_photons"),
+      py::arg("num_bands"), py::arg("prob_sun") = 1.0f, py::arg("max_bounces") = 0,
+      py::arg("max_depth") = 16, py::arg("rr_depth") = 3, py::arg("decompose") = false,
+      py::arg("first_photon") = 0, py::arg("sums") = py::none(), EXACT_DOC);
+  m.attr("PHOTON_CHUNK") = PHOTON_CHUNK;
 }
 
 }  // namespace vesk::module

@@ -12,11 +12,9 @@ void bind_optical(py::module_& m) {
       "simulate_cpu",
       [](const EmbreeSceneManager& scene, int spp, int max_depth, const py::object& progress,
          const py::object& outputs, int max_output_order) {
-        const backend::OpticalProductRequest request =
-            optical_request(outputs, max_output_order);
         return optical_product_dict(embree::render_backward(
             scene, spp, max_depth, /*rr_depth=*/3, /*threads=*/0, progress_bridge(progress),
-            request));
+            optical_request(outputs, max_output_order)));
       },
       py::arg("scene"), py::arg("spp") = 16, py::arg("max_depth") = 16,
       py::arg("progress") = py::none(),
@@ -40,6 +38,21 @@ void bind_optical(py::module_& m) {
       "'scattering_order':\n"
       "(max_output_order + 2, height, width, bands) (unscattered, orders 1..max, the rest),\n"
       "'_execution': dict}; the optional keys only when requested.");
+
+  m.def(
+      "_simulate_cpu_rows",
+      [](const EmbreeSceneManager& scene, int spp, int max_depth, const py::object& outputs,
+         int max_output_order, int32_t first_row, int32_t num_rows) {
+        return optical_product_dict(embree::render_backward(
+            scene, spp, max_depth, /*rr_depth=*/3, /*threads=*/0, {},
+            optical_request(outputs, max_output_order), first_row, num_rows));
+      },
+      py::arg("scene"), py::arg("spp") = 16, py::arg("max_depth") = 16,
+      py::arg("outputs") = "radiance", py::arg("max_output_order") = 0, py::arg("first_row") = 0,
+      py::arg("num_rows") = -1,
+      "Private, for distributed runs (vesk.distributed): simulate_cpu for image rows\n"
+      "first_row .. first_row + num_rows - 1 only (num_rows -1: up to the top), which are\n"
+      "then the result's rows. They equal those rows of the whole image bit for bit.");
 }
 
 }  // namespace vesk::module

@@ -6,11 +6,14 @@ and must leave the scene as it was (see snapshot). A last snapshot probes the sc
 call that returned but broke it fails in its own case. `fuzz_cases.py FD I,J,...` runs
 those cases, writing `P i phase` and `D i problem` (empty if none) on file descriptor FD.
 """
+import atexit
 import os
 import pickle
 import random
 import re
+import shutil
 import sys
+import tempfile
 import warnings
 
 import numpy as np
@@ -133,7 +136,30 @@ def namespace(s):
             "inst": lambda v, per=1, dtype=F: np.full(s.num_instances() * per, v, dtype),
             "ebreq": lambda **c: eb_request(s.n_primitives(), **c),
             "dynreq": lambda **c: dyn_request(s.n_primitives(), **c),
-            "tdom": lambda: vk._build_turbid_domain_embree(s, turbid_request())["domain_id"]}
+            "tdom": lambda: vk._build_turbid_domain_embree(s, turbid_request())["domain_id"],
+            "sums": lambda: vk._simulate_flux_exact(s, 2, 2, 300, 2, 0.7, 0, 4, 3, True),
+            "saved": lambda **change: saved_state(s, change)}
+
+
+FILES = tempfile.mkdtemp(prefix="vesk-fuzz-")
+atexit.register(shutil.rmtree, FILES, True)
+NAMES.update(TMP=os.path.join(FILES, "scene.npz"), junk=lambda: junk_file())
+
+
+def saved_state(s, change):
+    """A scene file of s's state with keys changed (None: dropped)."""
+    state = {k: v for k, v in {**s.__getstate__(), **change}.items() if v is not None}
+    path = os.path.join(FILES, "changed.npz")
+    with open(path, "wb") as f:
+        np.savez(f, **state)
+    return path
+
+
+def junk_file():
+    path = os.path.join(FILES, "junk.npz")
+    with open(path, "wb") as f:
+        f.write(b"not a scene" * 10)
+    return path
 
 
 def bar(text):
@@ -146,7 +172,8 @@ def bar(text):
 # machine has. Classes: i int, l photon count, f float, c complex, b bool, fa / ia float /
 # int32 array, fl float list, o outputs, s scene, r leaf request, q photosynthesis request,
 # e energy-balance request, d dynamic photosynthesis request, t Turbid domain request,
-# g SIF finalisation request, a SIF assembly request, x string, p progress callback.
+# g SIF finalisation request, a SIF assembly request, x string, p progress callback,
+# u exact photon sums, pa file path.
 ENTRIES = {item.split()[0]: [(t[0] == "!",) + tuple(t.lstrip("!").split(":", 1))
                              for t in item.split()[1:]] for item in bar("""
 s.add_mesh fa:CUBE_V fa:CUBE_N ia:CUBE_I i:1 | s.add_instance i:0 f:1.0 f:1.0 f:0.5 f:0.5
@@ -169,9 +196,15 @@ s.set_instance_sif_source_fields fa:inst(0.01,16) fa:inst(0.01,12) fa:inst(0.01,
 fa:inst(0.01,96) fa:inst(0.0,3) fa:inst(4.0,3) ia:inst(2,3,np.int32) i:2 i:8 i:2 i:3
 vk.simulate_cpu s:s i:1 i:2 p:None o:['radiance'] i:0
 s.simulate_backward i:1 i:2 p:None o:['radiance'] i:0 | s.update_spectral_params i:2 fa:np.ones(2,F)
-vk.simulate_brf_cpu s:s fa:BRF_DIRS l:200 i:4 p:None
-vk.simulate_forward_cpu s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None
-vk.simulate_flux_cpu s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None
+vk.simulate_brf_cpu s:s fa:BRF_DIRS l:200 i:4 p:None l:0
+vk.simulate_forward_cpu s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None l:0
+vk.simulate_flux_cpu s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None l:0
+vk._simulate_brf_exact s:s fa:BRF_DIRS l:200 i:4 l:0 u:None
+vk._simulate_forward_exact s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 \
+l:0 u:None
+vk._simulate_flux_exact s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True l:0 u:None
+vk._simulate_cpu_rows s:s i:1 i:2 o:['radiance'] i:0 i:1 i:2
+s.save pa:TMP | s.load pa:saved()
 vk.solve_physiology_cpu s:s r:req() | vk.execute_photosynthesis_process_static_cpu s:s q:preq()
 vk._evaluate_microwave_trunk f:1.4e9 fa:TRUNK fa:COSINES
 vk._evaluate_microwave_soil f:1.4e9 fa:SOIL fa:COSINES b:True
@@ -228,6 +261,12 @@ r: req(True, sidedness=np.zeros(4, F), stomata_sides=np.full(4, -1.0, F))
 r: req(True, dynamic_energy_balance='yes') | req(True, leaf_width=np.zeros(4, F))
 e d: [] | None | {} | V | {**V, 'air_temperature': None}
 x: '' | 'bogus' | None | 1 | 'preview' * 1000 | b'preview'
+u: {} | [] | 7 | {**sums(), 'hi': sums()['hi'].astype(np.int32)} | {**sums(), 'lo': sums()['lo'][:-1]}
+u: {**sums(), 'num_photons': 5} | {**sums(), 'unit_exponents': sums()['unit_exponents'] + 1}
+u: {**sums(), 'first_photon': 4096} | {**sums(), 'first_photon': None}
+pa: None | 1 | 'a\x00b' | b'scene.npz' | [] | junk() | saved(spectral=None) | saved(version=2)
+pa: saved(spectral=np.zeros(3)) | saved(mesh_sizes=np.full((2, 3), 10**6)) | saved(num_bands=2.5)
+pa: saved(built=True, structure_current=False) | saved(instance_mesh_ids=np.full(2, 9, np.int32))
 t: treq(owners=[]) | treq(seed=-1) | treq(sample_budget=2**40) | treq(max_candidates=-5) | {}
 t: treq(owners=[towner(leaf_length=nan)]) | treq(owners=[towner(vertices=np.full((42, 3), nan, F))])
 t: treq(owners=[towner(triangles=np.full((80, 3), 99, np.int32))]) | treq(owners=[towner(instance_id=99)])
@@ -409,9 +448,9 @@ def build_cases():
                 for kind in kinds:
                     add(kind, f"s.{name}()")
     # Every callback meets every simulation, with work left after the first report.
-    for target, (i, work) in {"vk.simulate_cpu": (1, "64"), "vk.simulate_brf_cpu": (2, "1000001"),
-                              "vk.simulate_forward_cpu": (4, "1000001"),
-                              "vk.simulate_flux_cpu": (3, "1000001"),
+    for target, (i, work) in {"vk.simulate_cpu": (1, "64"), "vk.simulate_brf_cpu": (2, "1048577"),
+                              "vk.simulate_forward_cpu": (4, "1048577"),
+                              "vk.simulate_flux_cpu": (3, "1048577"),
                               "s.simulate_backward": (0, "8")}.items():
         progress = [cls for _, cls, _ in ENTRIES[target]].index("p")
         reentry = ["lambda *a: s.simulate_backward(1, 1)"] if target[0] == "s" else []

@@ -306,3 +306,20 @@ def test_sif_only_mode_shows_pure_fluorescence():
     s.set_sif_only_mode(False)
     lit = vk.simulate_cpu(s, spp=2)["payload"]
     assert lit.min() > 50, "back in optical mode the sun and sky return"
+
+
+def test_row_blocks_are_the_rows_of_the_whole_image():
+    s = canopy()
+    out = ["radiance", "standard_error", "event_aov", "scattering_order"]
+    whole = vk.simulate_cpu(s, spp=3, outputs=out, max_output_order=1)
+    for first, n in ((0, 5), (5, 6), (11, -1)):
+        part = vk._simulate_cpu_rows(s, 3, 16, out, 1, first, n)
+        rows = slice(first, None if n < 0 else first + n)
+        np.testing.assert_array_equal(part["payload"], whole["payload"][rows])
+        np.testing.assert_array_equal(part["standard_error"], whole["standard_error"][rows])
+        np.testing.assert_array_equal(part["event_aov"]["surface"],
+                                      whole["event_aov"]["surface"][rows])
+        np.testing.assert_array_equal(part["scattering_order"], whole["scattering_order"][:, rows])
+    for first, n in ((-1, 2), (11, 2), (0, 0)):
+        with pytest.raises(ValueError, match="are not rows of the 12-row sensor"):
+            vk._simulate_cpu_rows(s, 1, 16, "radiance", 0, first, n)

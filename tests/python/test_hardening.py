@@ -183,15 +183,18 @@ def test_thread_count_follows_the_environment_and_the_affinity_mask():
     assert threads(clean, cpus={0}) == "1"
 
 
-def test_images_and_grids_do_not_depend_on_the_thread_count(monkeypatch):
+def test_images_and_photon_results_do_not_depend_on_the_thread_count(monkeypatch):
     s = ground(sun=(0.3, 0.2, 0.9), pixels=6)
+    up = np.array([0, 0, 1, 0.5, 0.2, 0.84], F)
     runs = []
     for n in ("1", "3"):
         monkeypatch.setenv("VESK_NUM_THREADS", n)
-        runs.append((vk.simulate_cpu(s, spp=3)["payload"],
-                     vk.simulate_flux_cpu(s, 3, 3, 20000, 1)["downwelling"]))
-    np.testing.assert_array_equal(runs[0][0], runs[1][0])
-    np.testing.assert_allclose(runs[0][1], runs[1][1], rtol=1e-6)
+        runs.append([vk.simulate_cpu(s, spp=3)["payload"],
+                     vk.simulate_flux_cpu(s, 3, 3, 20000, 1)["downwelling"],
+                     vk.simulate_forward_cpu(s, 3, 3, None, 20000, 1, True, up, 2)["grid"],
+                     vk.simulate_brf_cpu(s, up, 20000)["brf"]])
+    for one, three in zip(*runs):
+        np.testing.assert_array_equal(one, three)
 
 
 def test_request_keys_are_named_when_missing_mistyped_or_misspelled():

@@ -302,8 +302,9 @@ def test_incident_columns_add_up_under_a_slanted_sun_and_sky(repeated):
 
 @pytest.mark.parametrize("run", ["flux", "forward", "brf"])
 def test_photon_runs_report_progress_within_a_round(run, monkeypatch):
-    # 1.2 million photons on one thread over a tile with crowns: the first round (a
-    # million) takes about a second here, and reports must come while it runs.
+    # 1.2 million photons on one thread over a tile with crowns: the first round
+    # (PHOTON_CHUNK * 256 = 1048576 photons) takes about a second here, and reports must
+    # come while it runs.
     monkeypatch.setenv("VESK_NUM_THREADS", "1")
     s = tile_scene(crowns=CROWNS)
     calls = []
@@ -314,9 +315,10 @@ def test_photon_runs_report_progress_within_a_round(run, monkeypatch):
                                                   progress=cb)}[run]
     call(lambda done, total, ms: calls.append((done, total, ms)))
     done, ms = [c[0] for c in calls], [c[2] for c in calls]
-    assert done == sorted(done) and done[-1] == 1_200_000 and 1_000_000 in done
+    round_end = 256 * vk.PHOTON_CHUNK
+    assert done == sorted(done) and done[-1] == 1_200_000 and round_end in done
     assert all(c[1] == 1_200_000 for c in calls)
-    if ms[done.index(1_000_000)] > 500.0:
-        assert done[0] < 1_000_000, f"no report inside a round that took over 0.5 s: {calls}"
+    if ms[done.index(round_end)] > 500.0:
+        assert done[0] < round_end, f"no report inside a round that took over 0.5 s: {calls}"
         gaps = np.diff([0.0] + ms)
         assert np.median(gaps) < 500.0, f"reports should come every quarter second: {gaps}"
