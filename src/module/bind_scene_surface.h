@@ -403,4 +403,93 @@ void bind_scene_settings_of(py::class_<Scene>& cls) {
       "(radians), 'projection_type' and 'camera_to_world' (16 floats, row-major).");
 }
 
+// The per-primitive and per-instance overrides, bound alike on both scene classes;
+// sif_fields_doc is the one text that differs.
+template <class Scene>
+void bind_scene_overrides_of(py::class_<Scene>& cls, const char* sif_fields_doc) {
+  cls.def(
+      "set_primitive_emissivities",
+      [](Scene& s, const FloatArray& emissivities) {
+        if (emissivities.ndim() != 1) throw py::value_error("emissivities must be 1D");
+        s.set_primitive_emissivities(to_vector(emissivities));
+      },
+      py::arg("emissivities"),
+      "Upload per-primitive emissivities: (n_primitives(),) float32, 0..1.");
+  cls.def(
+      "get_primitive_emissivities",
+      [](const Scene& s) { return to_numpy(s.primitive_emissivities()); },
+      "Per-primitive emissivities as uploaded (empty when none).");
+  cls.def(
+      "set_primitive_temperatures",
+      [](Scene& s, const FloatArray& temperatures) {
+        if (temperatures.ndim() != 1) throw py::value_error("temperatures must be 1D");
+        s.set_primitive_temperatures(to_vector(temperatures));
+      },
+      py::arg("temperatures"),
+      "Upload per-primitive temperatures (K). Length must equal n_primitives(). Closesthit "
+      "thermal mode reads these in preference to mat.params[2..4] when set.");
+  cls.def("clear_primitive_temperatures", &Scene::clear_primitive_temperatures,
+          "Clear the per-primitive temperature override (kernel reverts to mat.params[2..4]).");
+  cls.def(
+      "get_primitive_temperatures",
+      [](const Scene& s) { return to_numpy(s.primitive_temperatures()); },
+      "Return host-side per-primitive temperatures (mostly for testing).");
+  cls.def(
+      "set_primitive_sif_spectra",
+      [](Scene& s, const FloatArray& spectra, int32_t n_sif_bands) {
+        s.set_primitive_sif_spectra(to_vector(spectra), n_sif_bands);
+      },
+      py::arg("spectra"), py::arg("n_sif_bands"),
+      "Upload per-primitive SIF emission spectra. spectra: float32[n_sif_bands * n_primitives] "
+      "SoA (band-major). After upload, the backward kernel emits SIF from each hit primitive.");
+  cls.def("clear_primitive_sif_spectra", &Scene::clear_primitive_sif_spectra,
+          "Remove the per-primitive SIF spectra.");
+
+  cls.def(
+      "set_instance_turbid_thermal_state",
+      [](Scene& s, const FloatArray& temperature_sunlit,
+         const FloatArray& temperature_shaded, const FloatArray& sunlit_fraction,
+         const FloatArray& emissivity) {
+        s.set_instance_turbid_thermal_state({to_vector(temperature_sunlit),
+                                             to_vector(temperature_shaded),
+                                             to_vector(sunlit_fraction), to_vector(emissivity)});
+      },
+      py::arg("temperature_sunlit"), py::arg("temperature_shaded"), py::arg("sunlit_fraction"),
+      py::arg("emissivity"), "Upload conditional TurbidBoundary thermal state by instance.");
+  cls.def("clear_instance_turbid_thermal_state",
+          &Scene::clear_instance_turbid_thermal_state,
+          "Remove the per-instance TurbidBoundary thermal state.");
+  cls.def(
+      "set_instance_sif_spectra",
+      [](Scene& s, const FloatArray& spectra, int32_t n_sif_bands) {
+        s.set_instance_sif_spectra(to_vector(spectra), n_sif_bands);
+      },
+      py::arg("spectra"), py::arg("n_sif_bands"),
+      "Upload per-instance TurbidBoundary SIF spectra in band-major layout [n_sif_bands * "
+      "num_instances].");
+  cls.def("clear_instance_sif_spectra", &Scene::clear_instance_sif_spectra,
+          "Remove the per-instance TurbidBoundary SIF spectra.");
+  cls.def(
+      "set_instance_sif_source_fields",
+      [](Scene& s, const FloatArray& spatial_spectra,
+         const FloatArray& orientation_spectra, const FloatArray& joint_spectra,
+         const FloatArray& direct_joint_spectra, const FloatArray& bounds_min,
+         const FloatArray& bounds_max, const IntArray& grid_dims, int32_t n_sif_bands,
+         int32_t spatial_cell_stride, int32_t orientation_theta_bins,
+         int32_t orientation_phi_bins) {
+        s.set_instance_sif_source_fields(sif_source_fields(
+            spatial_spectra, orientation_spectra, joint_spectra, direct_joint_spectra, bounds_min,
+            bounds_max, grid_dims, n_sif_bands, spatial_cell_stride, orientation_theta_bins,
+            orientation_phi_bins, size_t(s.num_instances())));
+      },
+      py::arg("spatial_spectra"), py::arg("orientation_spectra"), py::arg("joint_spectra"),
+      py::arg("direct_joint_spectra"), py::arg("bounds_min"), py::arg("bounds_max"),
+      py::arg("grid_dims"), py::arg("n_sif_bands"), py::arg("spatial_cell_stride"),
+      py::arg("orientation_theta_bins"), py::arg("orientation_phi_bins"),
+      sif_fields_doc);
+  cls.def("clear_instance_sif_source_fields",
+          &Scene::clear_instance_sif_source_fields,
+          "Remove the per-instance SIF source tables.");
+}
+
 }  // namespace vesk::module

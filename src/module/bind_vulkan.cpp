@@ -91,88 +91,10 @@ void bind_vulkan_scene(py::module_& m) {
           [](const VulkanSceneManager& s) { return s.optical_media().size(); });
   cls.def("material_medium_ids", &VulkanSceneManager::material_medium_ids);
 
-  cls.def(
-      "set_primitive_emissivities",
-      [](VulkanSceneManager& s, const FloatArray& emissivities) {
-        if (emissivities.ndim() != 1) throw py::value_error("emissivities must be 1D");
-        s.set_primitive_emissivities(to_vector(emissivities));
-      },
-      py::arg("emissivities"),
-      "Upload per-primitive emissivities: (n_primitives(),) float32, 0..1.");
-  cls.def(
-      "get_primitive_emissivities",
-      [](const VulkanSceneManager& s) { return to_numpy(s.primitive_emissivities()); },
-      "Per-primitive emissivities as uploaded (empty when none).");
-  cls.def(
-      "set_primitive_temperatures",
-      [](VulkanSceneManager& s, const FloatArray& temperatures) {
-        if (temperatures.ndim() != 1) throw py::value_error("temperatures must be 1D");
-        s.set_primitive_temperatures(to_vector(temperatures));
-      },
-      py::arg("temperatures"),
-      "Upload per-primitive temperatures (K). Length must equal n_primitives(). Closesthit "
-      "thermal mode reads these in preference to mat.params[2..4] when set.");
-  cls.def("clear_primitive_temperatures", &VulkanSceneManager::clear_primitive_temperatures,
-          "Clear the per-primitive temperature override (kernel reverts to mat.params[2..4]).");
-  cls.def(
-      "get_primitive_temperatures",
-      [](const VulkanSceneManager& s) { return to_numpy(s.primitive_temperatures()); },
-      "Return host-side per-primitive temperatures (mostly for testing).");
-  cls.def(
-      "set_primitive_sif_spectra",
-      [](VulkanSceneManager& s, const FloatArray& spectra, int32_t n_sif_bands) {
-        s.set_primitive_sif_spectra(to_vector(spectra), n_sif_bands);
-      },
-      py::arg("spectra"), py::arg("n_sif_bands"),
-      "Upload per-primitive SIF emission spectra. spectra: float32[n_sif_bands * n_primitives] "
-      "SoA (band-major). After upload, the backward kernel emits SIF from each hit primitive.");
-  cls.def("clear_primitive_sif_spectra", &VulkanSceneManager::clear_primitive_sif_spectra,
-          "Remove the per-primitive SIF spectra.");
-  cls.def(
-      "set_instance_turbid_thermal_state",
-      [](VulkanSceneManager& s, const FloatArray& temperature_sunlit,
-         const FloatArray& temperature_shaded, const FloatArray& sunlit_fraction,
-         const FloatArray& emissivity) {
-        s.set_instance_turbid_thermal_state({to_vector(temperature_sunlit),
-                                             to_vector(temperature_shaded),
-                                             to_vector(sunlit_fraction), to_vector(emissivity)});
-      },
-      py::arg("temperature_sunlit"), py::arg("temperature_shaded"), py::arg("sunlit_fraction"),
-      py::arg("emissivity"), "Upload conditional TurbidBoundary thermal state by instance.");
-  cls.def("clear_instance_turbid_thermal_state",
-          &VulkanSceneManager::clear_instance_turbid_thermal_state,
-          "Remove the per-instance TurbidBoundary thermal state.");
-  cls.def(
-      "set_instance_sif_spectra",
-      [](VulkanSceneManager& s, const FloatArray& spectra, int32_t n_sif_bands) {
-        s.set_instance_sif_spectra(to_vector(spectra), n_sif_bands);
-      },
-      py::arg("spectra"), py::arg("n_sif_bands"),
-      "Upload per-instance TurbidBoundary SIF spectra in band-major layout [n_sif_bands * "
-      "num_instances].");
-  cls.def("clear_instance_sif_spectra", &VulkanSceneManager::clear_instance_sif_spectra,
-          "Remove the per-instance TurbidBoundary SIF spectra.");
-  cls.def(
-      "set_instance_sif_source_fields",
-      [](VulkanSceneManager& s, const FloatArray& spatial_spectra,
-         const FloatArray& orientation_spectra, const FloatArray& joint_spectra,
-         const FloatArray& direct_joint_spectra, const FloatArray& bounds_min,
-         const FloatArray& bounds_max, const IntArray& grid_dims, int32_t n_sif_bands,
-         int32_t spatial_cell_stride, int32_t orientation_theta_bins,
-         int32_t orientation_phi_bins) {
-        s.set_instance_sif_source_fields(sif_source_fields(
-            spatial_spectra, orientation_spectra, joint_spectra, direct_joint_spectra, bounds_min,
-            bounds_max, grid_dims, n_sif_bands, spatial_cell_stride, orientation_theta_bins,
-            orientation_phi_bins, size_t(s.num_instances())));
-      },
-      py::arg("spatial_spectra"), py::arg("orientation_spectra"), py::arg("joint_spectra"),
-      py::arg("direct_joint_spectra"), py::arg("bounds_min"), py::arg("bounds_max"),
-      py::arg("grid_dims"), py::arg("n_sif_bands"), py::arg("spatial_cell_stride"),
-      py::arg("orientation_theta_bins"), py::arg("orientation_phi_bins"),
+  bind_scene_overrides_of(
+      cls,
       "Per-instance SIF source tables in the CPU scene's layout. Leaves inside media read\n"
       "them, and the Vulkan tracers refuse media: the tables are kept for the host.");
-  cls.def("clear_instance_sif_source_fields", &VulkanSceneManager::clear_instance_sif_source_fields,
-          "Remove the per-instance SIF source tables.");
 }
 
 }  // namespace
