@@ -29,8 +29,15 @@ configure: deps $(BUILD)/CMakeCache.txt
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The Vulkan suite runs twice: on the ray-query path (lavapipe's default), then forced
+# onto the ray-tracing pipeline path that GPUs without ray queries take.
+VK_PIPELINE := VESK_VULKAN_TRACE=pipeline
+VK_SUITE    := tests/python/test_vulkan.py
+
 test: build
 	$(VK_TEST) $(BUILD)/vesk_tests --gtest_brief=1
+	$(VK_TEST) $(VK_PIPELINE) $(BUILD)/vesk_tests --gtest_brief=1 --gtest_filter='Vulkan*'
+	$(VK_TEST) $(VK_PIPELINE) $(PYPATH) $(PY) -m pytest -q $(VK_SUITE)
 	$(VK_TEST) $(PYPATH) $(PY) -m pytest -q tests/python
 
 $(SAN_BUILD)/CMakeCache.txt:
@@ -41,6 +48,8 @@ build-sanitize: deps $(SAN_BUILD)/CMakeCache.txt
 
 test-sanitize: build-sanitize
 	$(VK_TEST) ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1
+	$(VK_TEST) $(VK_PIPELINE) ASAN_OPTIONS=detect_leaks=1:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_BUILD)/vesk_tests --gtest_brief=1 --gtest_filter='Vulkan*'
+	$(VK_TEST) $(VK_PIPELINE) ASAN_OPTIONS=detect_leaks=0:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_PY) $(PY) -m pytest -q $(VK_SUITE)
 	$(VK_TEST) ASAN_OPTIONS=detect_leaks=0:$(SAN_ASAN) $(SAN_UBSAN) $(SAN_PY) $(PY) -m pytest -q tests/python
 
 demo: build

@@ -1,19 +1,33 @@
 """Vulkan backend benchmark on the benchmark canopy (bench_util.build_canopy: 240k
 instanced leaf triangles over a ground, repeated tiles, sun and sky): closest-hit rays/s
-of trace_closest and samples/s of simulate_backward on the first ranked Vulkan device
-(lavapipe, Mesa's CPU driver, on a machine without a GPU), against the CPU scene's
-trace_closest (one thread) and simulate_cpu (every thread) on the same scene in the same
-run.
+of trace_closest and samples/s of simulate_backward on the first ranked Vulkan device,
+on each trace path it offers (ray queries, ray-tracing pipelines), against the CPU
+scene's trace_closest (one thread) and simulate_cpu (every thread) on the same scene in
+the same run. Runs are interleaved (CPU, then each path, repeated), and each figure is the
+median of the repeats with its spread (min and max) beside it; the ratios are medians of
+the per-round ratios.
 
-Uses the plain build of the module (build/python).
+Uses the plain build of the module (build/python). On a machine without a GPU the device
+is lavapipe, Mesa's CPU driver.
 """
 import argparse
 import importlib
+import os
+import statistics
 import sys
+import time
 
 import numpy as np
 
-from bench_util import ROOT, best_seconds, build_canopy, emit, random_rays
+from bench_util import ROOT, build_canopy, emit, random_rays
+
+PATHS = {"ray_query": "query", "ray_pipeline": "pipeline"}
+
+
+def seconds(fn):
+    t = time.perf_counter()
+    fn()
+    return time.perf_counter() - t
 
 
 def main():
@@ -28,34 +42,61 @@ def main():
     vk = importlib.import_module("vesk_gpu")
     devices = [d for d in vk.list_vulkan_devices() if d["compatible"]]
     if not devices:
-        emit("vulkan", "error", None, "", error="no Vulkan device with ray queries")
+        emit("vulkan", "error", None, "", error="no compatible Vulkan device")
         return
-    context = vk.VulkanContext(0)
+    first = devices[0]
+    paths = [p for p, have in (("ray_query", first["has_ray_query"]),
+                               ("ray_pipeline", first["has_ray_tracing_pipeline"])) if have]
+    forced = os.environ.get("VESK_VULKAN_TRACE")
     cpu, _, _ = build_canopy(vk, np.random.default_rng(2))
-    gpu, _, _ = build_canopy(vk, np.random.default_rng(2),
-                             scene=vk.VulkanSceneManager(context, "trace_closest.spv"))
-    device = context.device_name
+    scenes = {}
+    for p in paths:
+        os.environ["VESK_VULKAN_TRACE"] = PATHS[p]
+        context = vk.VulkanContext(0)
+        scene, _, _ = build_canopy(vk, np.random.default_rng(2), scene=vk.VulkanSceneManager(context))
+        scenes[p] = (context, scene)
+    if forced is None:
+        os.environ.pop("VESK_VULKAN_TRACE")
+    else:
+        os.environ["VESK_VULKAN_TRACE"] = forced
+    device = first["name"]
     origins, dirs = random_rays(np.random.default_rng(3), cpu, args.rays)
-
-    gpu.trace_closest(origins[:64], dirs[:64])  # compiles the program once, outside the timing
-    for name, scene in (("vulkan", gpu), ("cpu", cpu)):
-        t = best_seconds(lambda: scene.trace_closest(origins, dirs), args.repeat)
-        emit("vulkan", f"trace_closest_rays_per_s_{name}", round(args.rays / t, 1), "rays/s",
-             rays=args.rays, device=device if name == "vulkan" else "calling thread")
-
     w, h = cpu.sensor_config()["width"], cpu.sensor_config()["height"]
     samples = w * h * args.spp
-    gpu.simulate_backward(1, 1)
-    runs = {"vulkan": lambda: gpu.simulate_backward(args.spp, args.max_depth),
-            "cpu": lambda: vk.simulate_cpu(cpu, args.spp, args.max_depth)}
-    times = {}
-    for name, run in runs.items():
-        times[name] = best_seconds(run, args.repeat)
-        emit("vulkan", f"backward_samples_per_s_{name}", round(samples / times[name], 1),
-             "samples/s", spp=args.spp, max_depth=args.max_depth,
-             device=device if name == "vulkan" else "every CPU thread")
-    emit("vulkan", "backward_vulkan_over_cpu", round(times["cpu"] / times["vulkan"], 3), "ratio",
-         baseline="simulate_cpu on the same scene")
+    for _, scene in scenes.values():  # programs compiled once, outside the timing
+        scene.trace_closest(origins[:64], dirs[:64])
+        scene.simulate_backward(1, 1)
+
+    runs = {"trace": {"cpu": lambda: cpu.trace_closest(origins, dirs)},
+            "backward": {"cpu": lambda: vk.simulate_cpu(cpu, args.spp, args.max_depth)}}
+    for p, (_, scene) in scenes.items():
+        runs["trace"][p] = lambda s=scene: s.trace_closest(origins, dirs)
+        runs["backward"][p] = lambda s=scene: s.simulate_backward(args.spp, args.max_depth)
+    times = {k: {n: [] for n in v} for k, v in runs.items()}
+    for _ in range(args.repeat):
+        for kind, fns in runs.items():
+            for name, fn in fns.items():
+                times[kind][name].append(seconds(fn))
+
+    work = {"trace": (args.rays, "rays/s", "trace_closest_rays_per_s"),
+            "backward": (samples, "samples/s", "backward_samples_per_s")}
+    for kind, per in times.items():
+        n, unit, figure = work[kind]
+        for name, ts in per.items():
+            rates = [n / t for t in ts]
+            emit("vulkan", f"{figure}_{name}", round(statistics.median(rates), 1), unit,
+                 spread=[round(min(rates), 1), round(max(rates), 1)],
+                 device=device if name != "cpu" else
+                 ("calling thread" if kind == "trace" else "every CPU thread"),
+                 repeats=args.repeat, **({"spp": args.spp, "max_depth": args.max_depth}
+                                         if kind == "backward" else {"rays": args.rays}))
+        for name in per:
+            if name == "cpu":
+                continue
+            ratios = [c / g for c, g in zip(per["cpu"], per[name])]
+            emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",
+                 spread=[round(min(ratios), 4), round(max(ratios), 4)],
+                 baseline="the CPU scene on the same scene, in the same rounds")
 
 
 if __name__ == "__main__":

@@ -5,8 +5,6 @@
 #extension GL_EXT_shader_explicit_arithmetic_types_int64 : require
 #include "scene.glsl"
 
-layout(local_size_x = 64) in;
-
 layout(std430, set = 0, binding = 7) readonly buffer Spectral { float spectral[]; };
 #include "illumination.glsl"
 #include "material.glsl"
@@ -131,7 +129,7 @@ void enter_tile(inout vec3 o, vec3 d) {
 }
 
 void main() {
-  uint pixel = pc.pixel_base + gl_GlobalInvocationID.x;
+  uint pixel = pc.pixel_base + INVOCATION_ID;
   if (pixel >= uint(P.width) * uint(P.height)) return;
   int x = int(pixel % uint(P.width)), y = int(pixel / uint(P.width));
   tp_base = pixel * uint(2 * P.bands);

@@ -2,7 +2,6 @@
 // Closest hits of host rays: one invocation per ray.
 #include "scene.glsl"
 
-layout(local_size_x = 64) in;
 // origin, t_min, direction, t_max per ray
 layout(std430, set = 0, binding = 6) readonly buffer Rays { float rays[]; };
 // t, position, shading normal, geometric normal, material, local primitive, primitive,
@@ -11,7 +10,7 @@ layout(std430, set = 0, binding = 7) writeonly buffer Hits { uint hits[]; };
 layout(push_constant) uniform Push { uint count, base; } pc;  // rays, first ray of this dispatch
 
 void main() {
-  uint i = pc.base + gl_GlobalInvocationID.x;
+  uint i = pc.base + INVOCATION_ID;
   if (i >= pc.count) return;
   uint b = 8 * i;
   Hit h = trace_ray(vec3(rays[b], rays[b + 1], rays[b + 2]), vec3(rays[b + 4], rays[b + 5], rays[b + 6]),

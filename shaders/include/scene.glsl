@@ -1,7 +1,22 @@
 // The scene as the programs see it: the top-level structure, every mesh's vertices,
 // normals and triangles, and the instance records; and closest-hit and shadow queries
 // that give what the CPU scene's trace_ray and trace_shadow give.
+//
+// Every program is compiled twice from one text. By default it is a compute shader that
+// traverses with ray queries; with VESK_RAY_PIPELINE defined it is the ray-generation
+// shader of a ray-tracing pipeline, for devices without ray queries, and traverses with
+// traceRayEXT (hit.rchit and miss.rmiss report the raw hit). Only the traversal below and
+// INVOCATION_ID differ between the two forms; everything a program does with a hit is
+// the same code.
+#ifdef VESK_RAY_PIPELINE
+#extension GL_EXT_ray_tracing : require
+#define INVOCATION_ID gl_LaunchIDEXT.x
+#else
 #extension GL_EXT_ray_query : require
+layout(local_size_x = 64) in;
+#define INVOCATION_ID gl_GlobalInvocationID.x
+#endif
+#include "trace_payload.glsl"
 
 layout(set = 0, binding = 0) uniform accelerationStructureEXT scene_top;
 layout(std430, set = 0, binding = 1) readonly buffer Vertices { float vertices[]; };
@@ -41,6 +56,52 @@ vec3 linear_part(InstanceRecord r, vec3 v) {
               r.row2.x * v.x + r.row2.y * v.y + r.row2.z * v.z);
 }
 
+// The traversal itself: the closest committed triangle between t_min and t_max, as the
+// raw facts the hit is made from, or instance -1 for none.
+#ifdef VESK_RAY_PIPELINE
+layout(location = 0) rayPayloadEXT TracePayload trace_payload;
+
+TracePayload closest_triangle(vec3 o, vec3 d, float t_min, float t_max) {
+  trace_payload.instance = -1;
+  traceRayEXT(scene_top, gl_RayFlagsOpaqueEXT, 0xFF, 0, 0, 0, o, t_min, d, t_max, 0);
+  return trace_payload;
+}
+
+bool any_triangle(vec3 o, vec3 d, float t_min, float t_max) {
+  // With the closest-hit shader skipped, only the miss shader writes the payload: an
+  // instance left at 0 means something was hit.
+  trace_payload.instance = 0;
+  traceRayEXT(scene_top,
+              gl_RayFlagsOpaqueEXT | gl_RayFlagsTerminateOnFirstHitEXT | gl_RayFlagsSkipClosestHitShaderEXT,
+              0xFF, 0, 0, 0, o, t_min, d, t_max, 0);
+  return trace_payload.instance >= 0;
+}
+#else
+TracePayload closest_triangle(vec3 o, vec3 d, float t_min, float t_max) {
+  TracePayload p;
+  p.instance = -1;
+  rayQueryEXT q;
+  rayQueryInitializeEXT(q, scene_top, gl_RayFlagsOpaqueEXT, 0xFF, o, t_min, d, t_max);
+  while (rayQueryProceedEXT(q)) {
+  }
+  if (rayQueryGetIntersectionTypeEXT(q, true) != gl_RayQueryCommittedIntersectionTriangleEXT) return p;
+  p.t = rayQueryGetIntersectionTEXT(q, true);
+  p.instance = rayQueryGetIntersectionInstanceIdEXT(q, true);
+  p.primitive = rayQueryGetIntersectionPrimitiveIndexEXT(q, true);
+  p.barycentrics = rayQueryGetIntersectionBarycentricsEXT(q, true);
+  return p;
+}
+
+bool any_triangle(vec3 o, vec3 d, float t_min, float t_max) {
+  rayQueryEXT q;
+  rayQueryInitializeEXT(q, scene_top, gl_RayFlagsOpaqueEXT | gl_RayFlagsTerminateOnFirstHitEXT,
+                        0xFF, o, t_min, d, t_max);
+  while (rayQueryProceedEXT(q)) {
+  }
+  return rayQueryGetIntersectionTypeEXT(q, true) == gl_RayQueryCommittedIntersectionTriangleEXT;
+}
+#endif
+
 Hit trace_ray(vec3 o, vec3 d, float t_min, float t_max) {
   Hit h;
   h.t = t_max;
@@ -49,18 +110,14 @@ Hit trace_ray(vec3 o, vec3 d, float t_min, float t_max) {
   h.material_id = h.local_primitive = h.primitive_id = h.instance_id = -1;
   h.hit = h.back_face = false;
   if (!(t_max >= t_min) || dot(d, d) == 0.0) return h;
-  rayQueryEXT q;
-  rayQueryInitializeEXT(q, scene_top, gl_RayFlagsOpaqueEXT, 0xFF, o, t_min, d, t_max);
-  while (rayQueryProceedEXT(q)) {
-  }
-  if (rayQueryGetIntersectionTypeEXT(q, true) != gl_RayQueryCommittedIntersectionTriangleEXT)
-    return h;
+  TracePayload raw = closest_triangle(o, d, t_min, t_max);
+  if (raw.instance < 0) return h;
   h.hit = true;
-  h.t = rayQueryGetIntersectionTEXT(q, true);
+  h.t = raw.t;
   h.position = o + h.t * d;
-  int inst = rayQueryGetIntersectionInstanceIdEXT(q, true);
-  int prim = rayQueryGetIntersectionPrimitiveIndexEXT(q, true);
-  vec2 uv = rayQueryGetIntersectionBarycentricsEXT(q, true);
+  int inst = raw.instance;
+  int prim = raw.primitive;
+  vec2 uv = raw.barycentrics;
   InstanceRecord r = instances[inst];
   ivec4 mesh = meshes[r.mesh_id];
   h.instance_id = inst;
@@ -89,10 +146,5 @@ Hit trace_ray(vec3 o, vec3 d, float t_min, float t_max) {
 // Whether anything lies along the ray between 1e-4 and t_max.
 bool trace_shadow(vec3 o, vec3 d, float t_max) {
   if (!(t_max >= 1e-4) || dot(d, d) == 0.0) return false;
-  rayQueryEXT q;
-  rayQueryInitializeEXT(q, scene_top, gl_RayFlagsOpaqueEXT | gl_RayFlagsTerminateOnFirstHitEXT,
-                        0xFF, o, 1e-4, d, t_max);
-  while (rayQueryProceedEXT(q)) {
-  }
-  return rayQueryGetIntersectionTypeEXT(q, true) == gl_RayQueryCommittedIntersectionTriangleEXT;
+  return any_triangle(o, d, 1e-4, t_max);
 }

@@ -28,6 +28,8 @@ py::dict device_dict(const DeviceInfo& d) {
   r["has_buffer_device_address"] = d.has_buffer_device_address;
   r["compatible"] = d.compatible;
   r["unavailable_reason"] = d.unavailable_reason;
+  r["has_ray_tracing_pipeline"] = d.has_ray_tracing_pipeline;
+  r["trace_path"] = d.trace_path;
   return r;
 }
 
@@ -36,7 +38,8 @@ void bind_vulkan_scene(py::module_& m) {
       m, "VulkanSceneManager",
       "Vulkan scene: the CPU scene's records and setters, resident on the device as one\n"
       "bottom-level acceleration structure per mesh and a top-level one over the instances,\n"
-      "traced by ray-query compute programs.");
+      "traced by the device programs in the context's trace path: ray-query compute\n"
+      "shaders, or ray-tracing pipelines on devices without ray queries.");
   cls.def(py::init([](const VulkanContext& context, const std::string& trace_shader) {
             // The programs lie beside the module.
             const std::string file =
@@ -45,9 +48,12 @@ void bind_vulkan_scene(py::module_& m) {
             return std::make_unique<VulkanSceneManager>(
                 context, trace_shader, slash == std::string::npos ? "." : file.substr(0, slash));
           }),
-          py::arg("context"), py::arg("trace_shader"), py::keep_alive<1, 2>(),
+          py::arg("context"), py::arg("trace_shader") = "trace_closest.spv",
+          py::keep_alive<1, 2>(),
           "A scene on the context's device. trace_shader: the closest-hit program, a path or\n"
-          "a file name beside the module (the build makes 'trace_closest.spv').");
+          "a file name beside the module; the default is the one the build makes. On the\n"
+          "ray_pipeline path its ray-generation form '<name>.rgen.spv' is loaded instead, with\n"
+          "'hit.rchit.spv' and 'miss.rmiss.spv' from the same folder.");
   bind_scene_geometry_of(cls);
   bind_scene_settings_of(cls);
   cls.def(
@@ -64,7 +70,8 @@ void bind_vulkan_scene(py::module_& m) {
       "simulate_cpu (same seeds and draws, sun next-event estimation through repeated\n"
       "tiles, sky, thermal and SIF emission), one invocation per pixel and sample, summed in\n"
       "64 bits. Scenes with optical turbid media are refused. Arguments and the returned\n"
-      "dict as simulate_cpu's; '_execution' names 'vulkan.ray_query.optical_backward'.");
+      "dict as simulate_cpu's; '_execution' names the trace path, as\n"
+      "'vulkan.ray_query.optical_backward' or 'vulkan.ray_pipeline.optical_backward'.");
   cls.def(
       "update_spectral_params",
       [](VulkanSceneManager& s, size_t offset, const FloatArray& values) {
@@ -107,14 +114,20 @@ void bind_vulkan(py::module_& m) {
         for (const DeviceInfo& d : VulkanContext::enumerate_devices()) out.append(device_dict(d));
         return out;
       },
-      "Every Vulkan device, ranked: compatible ones first (ray query, acceleration structures\n"
-      "and buffer device addresses), then discrete, integrated, virtual, CPU; then more\n"
+      "Every Vulkan device, ranked: compatible ones first (acceleration structures, buffer\n"
+      "device addresses, and ray query or ray-tracing pipelines), then discrete, integrated,\n"
+      "virtual, CPU; then more\n"
       "device-local memory. Each is a dict with 'device_index' (its index for VulkanContext,\n"
       "-1 when incompatible), 'physical_index', 'name', 'vendor_id', 'device_id',\n"
       "'device_type', 'is_discrete', 'api_version', 'device_local_memory_mb',\n"
       "'has_compute_queue', 'has_acceleration_structure', 'has_ray_query',\n"
-      "'has_buffer_device_address', 'compatible' and 'unavailable_reason' (empty when\n"
-      "compatible). An empty list when the machine has no Vulkan loader or driver.");
+      "'has_buffer_device_address', 'compatible', 'unavailable_reason' (empty when\n"
+      "compatible; 'ray query unavailable' means neither ray query nor ray-tracing\n"
+      "pipelines), 'has_ray_tracing_pipeline' and 'trace_path': 'ray_query' or\n"
+      "'ray_pipeline', the path a VulkanContext on it takes (ray query where the device has\n"
+      "it, unless the environment variable VESK_VULKAN_TRACE=query|pipeline forces one), or\n"
+      "'' when it cannot be opened. An empty list when the machine has no Vulkan loader or\n"
+      "driver.");
   m.def(
       "device_info",
       [](int device_id) {
@@ -133,8 +146,10 @@ void bind_vulkan(py::module_& m) {
         "VESK_VULKAN_VALIDATION set); the test suites fail on any.");
 
   py::class_<VulkanContext>(m, "VulkanContext",
-                            "A Vulkan device with ray queries: instance, logical device and one "
-                            "compute queue.")
+                            "A Vulkan device: instance, logical device, one compute queue, and\n"
+                            "the trace path its programs take ('ray_query', else\n"
+                            "'ray_pipeline'; VESK_VULKAN_TRACE=query|pipeline forces one, and\n"
+                            "forcing a path the device lacks is a RuntimeError).")
       .def(py::init<int>(), py::arg("device_index") = 0,
            "Open the compatible device at device_index in the ranking of "
            "list_vulkan_devices().")
@@ -146,9 +161,13 @@ void bind_vulkan(py::module_& m) {
       .def_property_readonly("api_version", &VulkanContext::api_version,
                              "The device's Vulkan version, packed as VK_MAKE_API_VERSION.")
       .def_property_readonly("queue_family_index", &VulkanContext::queue_family_index)
+      .def_property_readonly(
+          "trace_path", [](const VulkanContext& c) { return std::string(c.trace_label()); },
+          "'ray_query' (compute shaders with ray queries) or 'ray_pipeline' (ray-tracing\n"
+          "pipelines, for devices without ray queries).")
       .def("__repr__", [](const VulkanContext& c) {
         return "VulkanContext(device_index=" + std::to_string(c.device_index()) + ", name='" +
-               c.device_name() + "')";
+               c.device_name() + "', trace_path='" + c.trace_label() + "')";
       });
   bind_vulkan_scene(m);
 }

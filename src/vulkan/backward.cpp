@@ -177,7 +177,7 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
         mb.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
         mb.dstAccessMask = VK_ACCESS_SHADER_READ_BIT | VK_ACCESS_SHADER_WRITE_BIT;
         context_.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_TRANSFER_BIT,
-                                           VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT, 0, 1, &mb, 0,
+                                           context_.program_pipeline_stage(), 0, 1, &mb, 0,
                                            nullptr, 0, nullptr);
       }
       for (uint64_t base = 0; base < pixels; base += MAX_DISPATCH) {
@@ -201,8 +201,8 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   if (request.event_aov) take(f.aov, p.aov_offset);
   if (request.scattering_order) take(f.orders, p.orders_offset);
   backend::OpticalProductResult r = f.finish(spp);
-  r.execution = {BACKEND_VULKAN, WORKFLOW_OPTICAL_BACKWARD, "vulkan.ray_query.optical_backward",
-                 true};
+  r.execution = {BACKEND_VULKAN, WORKFLOW_OPTICAL_BACKWARD,
+                 std::string("vulkan.") + context_.trace_label() + ".optical_backward", true};
   return r;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -28,9 +29,6 @@ struct Instance {
 namespace {
 
 constexpr const char* VALIDATION_LAYER = "VK_LAYER_KHRONOS_validation";
-const char* const DEVICE_EXTENSIONS[] = {VK_KHR_ACCELERATION_STRUCTURE_EXTENSION_NAME,
-                                         VK_KHR_DEFERRED_HOST_OPERATIONS_EXTENSION_NAME,
-                                         VK_KHR_RAY_QUERY_EXTENSION_NAME};
 
 VKAPI_ATTR VkBool32 VKAPI_CALL
 on_validation_message(VkDebugUtilsMessageSeverityFlagBitsEXT, VkDebugUtilsMessageTypeFlagsEXT,
@@ -81,12 +79,36 @@ void judge_compatibility(DeviceInfo& d) {
     reason = "no compute queue";
   else if (!d.has_acceleration_structure)
     reason = "acceleration structures unavailable";
-  else if (!d.has_ray_query)
+  else if (!d.has_ray_query && !d.has_ray_tracing_pipeline)
     reason = "ray query unavailable";
   else if (!d.has_buffer_device_address)
     reason = "buffer device address unavailable";
   d.compatible = reason == nullptr;
   d.unavailable_reason = reason ? reason : "";
+}
+
+const char* trace_path_name(TracePath p) {
+  return p == TracePath::RayQuery ? "ray_query" : "ray_pipeline";
+}
+
+std::optional<TracePath> forced_trace_path() {
+  const char* v = std::getenv("VESK_VULKAN_TRACE");
+  if (!v || !*v) return std::nullopt;
+  if (std::strcmp(v, "query") == 0) return TracePath::RayQuery;
+  if (std::strcmp(v, "pipeline") == 0) return TracePath::RayPipeline;
+  throw std::invalid_argument(std::string("VESK_VULKAN_TRACE must be 'query' or 'pipeline' (or unset), not '") + v + "'");
+}
+
+TracePath choose_trace_path(const DeviceInfo& d, std::optional<TracePath> forced) {
+  if (forced == TracePath::RayQuery && !d.has_ray_query)
+    throw std::runtime_error("Vulkan: VESK_VULKAN_TRACE=query asks for the ray_query path, but device '" +
+                             d.name + "' has no ray query");
+  if (forced == TracePath::RayPipeline && !d.has_ray_tracing_pipeline)
+    throw std::runtime_error(
+        "Vulkan: VESK_VULKAN_TRACE=pipeline asks for the ray_pipeline path, but device '" + d.name +
+        "' has no ray-tracing pipelines");
+  if (forced) return *forced;
+  return d.has_ray_query ? TracePath::RayQuery : TracePath::RayPipeline;
 }
 
 std::vector<DeviceInfo> rank_devices(std::vector<DeviceInfo> devices) {
@@ -182,6 +204,7 @@ Instance::~Instance() {
 }
 
 std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> Instance::probe_devices() const {
+  const std::optional<TracePath> forced = forced_trace_path();
   uint32_t n = 0;
   check(fn.vkEnumeratePhysicalDevices(handle, &n, nullptr), "vkEnumeratePhysicalDevices(count)");
   std::vector<VkPhysicalDevice> physical(n);
@@ -232,6 +255,7 @@ std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> Instance::probe_devices() c
     const bool as_ext = has(VK_KHR_ACCELERATION_STRUCTURE_EXTENSION_NAME) &&
                         has(VK_KHR_DEFERRED_HOST_OPERATIONS_EXTENSION_NAME);
     const bool rq_ext = has(VK_KHR_RAY_QUERY_EXTENSION_NAME);
+    const bool rtp_ext = has(VK_KHR_RAY_TRACING_PIPELINE_EXTENSION_NAME);
 
     // Feature structures of extensions the device lacks may not be chained.
     if (d.api_version >= VK_API_VERSION_1_2) {
@@ -241,24 +265,36 @@ std::vector<std::pair<VkPhysicalDevice, DeviceInfo>> Instance::probe_devices() c
       as.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_ACCELERATION_STRUCTURE_FEATURES_KHR;
       VkPhysicalDeviceRayQueryFeaturesKHR rq{};
       rq.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_RAY_QUERY_FEATURES_KHR;
+      VkPhysicalDeviceRayTracingPipelineFeaturesKHR rtp{};
+      rtp.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_RAY_TRACING_PIPELINE_FEATURES_KHR;
       VkPhysicalDeviceFeatures2 f2{};
       f2.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FEATURES_2;
       f2.pNext = &v12;
       void** tail = &v12.pNext;
       if (as_ext) *tail = &as, tail = &as.pNext;
       if (rq_ext) *tail = &rq, tail = &rq.pNext;
+      if (rtp_ext) *tail = &rtp, tail = &rtp.pNext;
       fn.vkGetPhysicalDeviceFeatures2(pd, &f2);
       d.has_acceleration_structure = as_ext && as.accelerationStructure;
       d.has_ray_query = rq_ext && rq.rayQuery;
+      d.has_ray_tracing_pipeline = rtp_ext && rtp.rayTracingPipeline;
       d.has_buffer_device_address = v12.bufferDeviceAddress;
     }
     judge_compatibility(d);
+    if (d.compatible) {
+      try {
+        d.trace_path = trace_path_name(choose_trace_path(d, forced));
+      } catch (const std::runtime_error&) {
+        d.trace_path.clear();  // a forced path it lacks: opening it would fail
+      }
+    }
     out.emplace_back(pd, d);
   }
   return out;
 }
 
 std::vector<DeviceInfo> VulkanContext::enumerate_devices() {
+  forced_trace_path();  // a bad setting is refused even where nothing can be listed
   if (!loader()) return {};
   std::vector<DeviceInfo> devices;
   try {
@@ -276,6 +312,7 @@ std::vector<DeviceInfo> VulkanContext::enumerate_devices() {
 
 VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunctions>()) {
   if (device_index < 0) throw std::out_of_range("Vulkan device index must be non-negative");
+  const std::optional<TracePath> forced = forced_trace_path();
   instance_ = std::make_unique<Instance>();
   const InstanceFunctions& ifn = instance_->fn;
 
@@ -292,6 +329,8 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
                             " is outside [0, " + std::to_string(compatible));
   info_ = infos[size_t(device_index)];
   physical_ = probed[size_t(info_.physical_index)].first;
+  trace_path_ = choose_trace_path(info_, forced);
+  const bool pipeline = trace_path_ == TracePath::RayPipeline;
 
   uint32_t nq = 0;
   ifn.vkGetPhysicalDeviceQueueFamilyProperties(physical_, &nq, nullptr);
@@ -313,14 +352,22 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
   ifn.vkGetPhysicalDeviceFeatures2(physical_, &have);
   int64_float64_ = have.features.shaderInt64 && have.features.shaderFloat64;
 
+  VkPhysicalDeviceRayTracingPipelinePropertiesKHR rtp_props{};
+  rtp_props.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_RAY_TRACING_PIPELINE_PROPERTIES_KHR;
   VkPhysicalDeviceAccelerationStructurePropertiesKHR asp{};
   asp.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_ACCELERATION_STRUCTURE_PROPERTIES_KHR;
+  if (pipeline) asp.pNext = &rtp_props;
   VkPhysicalDeviceProperties2 p2{};
   p2.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2;
   p2.pNext = &asp;
   ifn.vkGetPhysicalDeviceProperties2(physical_, &p2);
   min_scratch_alignment_ =
       std::max<uint32_t>(asp.minAccelerationStructureScratchOffsetAlignment, 1);
+  if (pipeline) {
+    group_handle_size_ = rtp_props.shaderGroupHandleSize;
+    group_handle_alignment_ = std::max<uint32_t>(rtp_props.shaderGroupHandleAlignment, 1);
+    group_base_alignment_ = std::max<uint32_t>(rtp_props.shaderGroupBaseAlignment, 1);
+  }
 
   const float priority = 1.0f;
   VkDeviceQueueCreateInfo qi{};
@@ -329,13 +376,21 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
   qi.queueCount = 1;
   qi.pQueuePriorities = &priority;
 
+  // One way to trace is switched on: ray queries, or the ray-tracing pipeline.
   VkPhysicalDeviceRayQueryFeaturesKHR rq{};
   rq.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_RAY_QUERY_FEATURES_KHR;
   rq.rayQuery = VK_TRUE;
+  VkPhysicalDeviceRayTracingPipelineFeaturesKHR rtp{};
+  rtp.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_RAY_TRACING_PIPELINE_FEATURES_KHR;
+  rtp.rayTracingPipeline = VK_TRUE;
   VkPhysicalDeviceAccelerationStructureFeaturesKHR as{};
   as.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_ACCELERATION_STRUCTURE_FEATURES_KHR;
   as.accelerationStructure = VK_TRUE;
-  as.pNext = &rq;
+  as.pNext = pipeline ? static_cast<void*>(&rtp) : static_cast<void*>(&rq);
+  const char* const extensions[] = {VK_KHR_ACCELERATION_STRUCTURE_EXTENSION_NAME,
+                                    VK_KHR_DEFERRED_HOST_OPERATIONS_EXTENSION_NAME,
+                                    pipeline ? VK_KHR_RAY_TRACING_PIPELINE_EXTENSION_NAME
+                                             : VK_KHR_RAY_QUERY_EXTENSION_NAME};
   VkPhysicalDeviceVulkan12Features v12{};
   v12.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_2_FEATURES;
   v12.bufferDeviceAddress = VK_TRUE;
@@ -351,8 +406,8 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
   di.pNext = &want;
   di.queueCreateInfoCount = 1;
   di.pQueueCreateInfos = &qi;
-  di.enabledExtensionCount = uint32_t(std::size(DEVICE_EXTENSIONS));
-  di.ppEnabledExtensionNames = DEVICE_EXTENSIONS;
+  di.enabledExtensionCount = uint32_t(std::size(extensions));
+  di.ppEnabledExtensionNames = extensions;
   check(ifn.vkCreateDevice(physical_, &di, nullptr, &device_), "vkCreateDevice");
 
   {
@@ -363,6 +418,9 @@ VulkanContext::VulkanContext(int device_index) : fn_(std::make_unique<DeviceFunc
   if (!fn_->name && !missing) missing = #name;
     VESK_VK_RAY_FUNCTIONS(VESK_VK_LOAD_DEVICE)
     VESK_VK_DEVICE_FUNCTIONS(VESK_VK_LOAD_DEVICE)
+    if (pipeline) {
+      VESK_VK_PIPELINE_FUNCTIONS(VESK_VK_LOAD_DEVICE)
+    }
 #undef VESK_VK_LOAD_DEVICE
     if (missing) {
       auto destroy =
@@ -410,6 +468,16 @@ VulkanContext::~VulkanContext() {
   if (fence_) fn_->vkDestroyFence(device_, fence_, nullptr);
   if (pool_) fn_->vkDestroyCommandPool(device_, pool_, nullptr);
   fn_->vkDestroyDevice(device_, nullptr);
+}
+
+uint32_t VulkanContext::program_stage() const {
+  return trace_path_ == TracePath::RayPipeline ? VK_SHADER_STAGE_RAYGEN_BIT_KHR
+                                               : VK_SHADER_STAGE_COMPUTE_BIT;
+}
+
+uint32_t VulkanContext::program_pipeline_stage() const {
+  return trace_path_ == TracePath::RayPipeline ? VK_PIPELINE_STAGE_RAY_TRACING_SHADER_BIT_KHR
+                                               : VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT;
 }
 
 uint32_t VulkanContext::find_memory_type(unsigned type_bits, unsigned properties) const {

@@ -1,10 +1,12 @@
 #pragma once
 // The Vulkan device this backend runs on: device listing and ranking, the instance, the
-// logical device with one compute queue, a one-shot command path and memory type choice.
+// logical device with one compute queue, a one-shot command path and memory type choice,
+// and the trace path its programs take (ray queries, or a ray-tracing pipeline).
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,13 +39,31 @@ struct DeviceInfo {
   bool has_compute_queue = false, has_acceleration_structure = false, has_ray_query = false,
        has_buffer_device_address = false, compatible = false;
   std::string unavailable_reason;  // empty for a compatible device
+  bool has_ray_tracing_pipeline = false;
+  // The path a context on this device traces with under the current VESK_VULKAN_TRACE:
+  // "ray_query", "ray_pipeline", or "" when it cannot be opened so.
+  std::string trace_path;
   bool is_discrete() const;
 };
 
 // Sets `compatible` and `unavailable_reason` from the other fields: the first missing
-// requirement, in the order API version, compute queue, acceleration structures, ray
-// query, buffer device address, names the reason.
+// requirement, in the order API version, compute queue, acceleration structures, a way to
+// trace (ray query or a ray-tracing pipeline; "ray query unavailable" when neither),
+// buffer device address, names the reason.
 void judge_compatibility(DeviceInfo& d);
+
+// How the programs traverse the scene: ray queries in compute shaders where the device
+// has them, else traceRayEXT in a ray-tracing pipeline (GPUs without RT cores offer only
+// the latter).
+enum class TracePath { RayQuery, RayPipeline };
+const char* trace_path_name(TracePath p);  // "ray_query", "ray_pipeline"
+
+// The path VESK_VULKAN_TRACE forces ("query" or "pipeline"), none when it is unset or
+// empty; any other value is std::invalid_argument.
+std::optional<TracePath> forced_trace_path();
+// The path a context on d takes: the forced one, else ray query where d has it. Throws
+// std::runtime_error, naming the path and the device, when d lacks the forced path.
+TracePath choose_trace_path(const DeviceInfo& d, std::optional<TracePath> forced);
 
 // Stable ranking: compatible first, then discrete, integrated, virtual, CPU, other; then
 // more device-local memory, lower vendor id, lower device id, name bytewise. Compatible
@@ -77,6 +97,18 @@ class VulkanContext {
   bool has_shader_int64_float64() const { return int64_float64_; }
   uint32_t min_scratch_alignment() const { return min_scratch_alignment_; }
 
+  TracePath trace_path() const { return trace_path_; }
+  // "ray_query" or "ray_pipeline", as the executor labels name it.
+  const char* trace_label() const { return trace_path_name(trace_path_); }
+  // The shader stage the programs run in (VkShaderStageFlagBits) and its pipeline stage
+  // (VkPipelineStageFlagBits): compute, or ray generation in a ray-tracing pipeline.
+  uint32_t program_stage() const;
+  uint32_t program_pipeline_stage() const;
+  // Shader binding table layout of the pipeline path, in bytes.
+  uint32_t group_handle_size() const { return group_handle_size_; }
+  uint32_t group_handle_alignment() const { return group_handle_alignment_; }
+  uint32_t group_base_alignment() const { return group_base_alignment_; }
+
   VkDevice device() const { return device_; }
   const DeviceFunctions& fn() const { return *fn_; }
 
@@ -94,6 +126,8 @@ class VulkanContext {
   VkFence fence_ = nullptr;
   bool int64_float64_ = false;
   uint32_t min_scratch_alignment_ = 256;
+  TracePath trace_path_ = TracePath::RayQuery;
+  uint32_t group_handle_size_ = 32, group_handle_alignment_ = 32, group_base_alignment_ = 64;
 };
 
 }  // namespace vesk::vulkan

@@ -47,7 +47,7 @@ void build_barrier(const VulkanContext& c, VkCommandBuffer cb) {
                     VK_ACCESS_ACCELERATION_STRUCTURE_WRITE_BIT_KHR;
   c.fn().vkCmdPipelineBarrier(
       cb, VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR,
-      VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR | VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT,
+      VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR | c.program_pipeline_stage(),
       0, 1, &b, 0, nullptr, 0, nullptr);
 }
 
@@ -131,23 +131,19 @@ Buffer storage_buffer(const VulkanContext& context, size_t bytes, unsigned extra
 Program::Program(const VulkanContext& context, const std::string& spv_path,
                  std::vector<VkDescriptorType> bindings, uint32_t push_bytes)
     : context_(context), push_bytes_(push_bytes), types_(std::move(bindings)) {
-  const std::vector<uint32_t> code = read_spirv(spv_path);
   const DeviceFunctions& fn = context.fn();
   const VkDevice dev = context.device();
+  const bool pipeline = context.trace_path() == TracePath::RayPipeline;
+  stage_ = context.program_stage();
+  bind_point_ = pipeline ? VK_PIPELINE_BIND_POINT_RAY_TRACING_KHR : VK_PIPELINE_BIND_POINT_COMPUTE;
   try {
-    VkShaderModuleCreateInfo mi{};
-    mi.sType = VK_STRUCTURE_TYPE_SHADER_MODULE_CREATE_INFO;
-    mi.codeSize = code.size() * 4;
-    mi.pCode = code.data();
-    check(fn.vkCreateShaderModule(dev, &mi, nullptr, &module_), "vkCreateShaderModule");
-
     std::vector<VkDescriptorSetLayoutBinding> b(types_.size());
     std::vector<VkDescriptorPoolSize> sizes;
     for (uint32_t i = 0; i < types_.size(); ++i) {
       b[i].binding = i;
       b[i].descriptorType = types_[i];
       b[i].descriptorCount = 1;
-      b[i].stageFlags = VK_SHADER_STAGE_COMPUTE_BIT;
+      b[i].stageFlags = stage_;
       sizes.push_back({types_[i], 1});
     }
     VkDescriptorSetLayoutCreateInfo li{};
@@ -156,7 +152,7 @@ Program::Program(const VulkanContext& context, const std::string& spv_path,
     li.pBindings = b.data();
     check(fn.vkCreateDescriptorSetLayout(dev, &li, nullptr, &set_layout_),
           "vkCreateDescriptorSetLayout");
-    VkPushConstantRange pr{VK_SHADER_STAGE_COMPUTE_BIT, 0, push_bytes};
+    VkPushConstantRange pr{stage_, 0, push_bytes};
     VkPipelineLayoutCreateInfo pli{};
     pli.sType = VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO;
     pli.setLayoutCount = 1;
@@ -164,15 +160,10 @@ Program::Program(const VulkanContext& context, const std::string& spv_path,
     pli.pushConstantRangeCount = push_bytes ? 1 : 0;
     pli.pPushConstantRanges = &pr;
     check(fn.vkCreatePipelineLayout(dev, &pli, nullptr, &layout_), "vkCreatePipelineLayout");
-    VkComputePipelineCreateInfo ci{};
-    ci.sType = VK_STRUCTURE_TYPE_COMPUTE_PIPELINE_CREATE_INFO;
-    ci.stage.sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
-    ci.stage.stage = VK_SHADER_STAGE_COMPUTE_BIT;
-    ci.stage.module = module_;
-    ci.stage.pName = "main";
-    ci.layout = layout_;
-    check(fn.vkCreateComputePipelines(dev, VK_NULL_HANDLE, 1, &ci, nullptr, &pipeline_),
-          "vkCreateComputePipelines");
+    if (pipeline)
+      create_ray_pipeline_(spv_path);
+    else
+      create_compute_(spv_path);
     VkDescriptorPoolCreateInfo poi{};
     poi.sType = VK_STRUCTURE_TYPE_DESCRIPTOR_POOL_CREATE_INFO;
     poi.maxSets = 1;
@@ -186,21 +177,125 @@ Program::Program(const VulkanContext& context, const std::string& spv_path,
     ai.pSetLayouts = &set_layout_;
     check(fn.vkAllocateDescriptorSets(dev, &ai, &set_), "vkAllocateDescriptorSets");
   } catch (...) {
-    this->~Program();
+    release_();
     throw;
   }
 }
 
+namespace {
+
+VkShaderModule create_module(const VulkanContext& c, const std::string& spv_path) {
+  const std::vector<uint32_t> code = read_spirv(spv_path);
+  VkShaderModuleCreateInfo mi{};
+  mi.sType = VK_STRUCTURE_TYPE_SHADER_MODULE_CREATE_INFO;
+  mi.codeSize = code.size() * 4;
+  mi.pCode = code.data();
+  VkShaderModule m = VK_NULL_HANDLE;
+  check(c.fn().vkCreateShaderModule(c.device(), &mi, nullptr, &m), "vkCreateShaderModule");
+  return m;
+}
+
+VkDeviceSize round_up(VkDeviceSize v, VkDeviceSize a) {
+  return (v + a - 1) / a * a;
+}
+
+}  // namespace
+
+void Program::create_compute_(const std::string& spv_path) {
+  modules_.push_back(create_module(context_, spv_path));
+  VkComputePipelineCreateInfo ci{};
+  ci.sType = VK_STRUCTURE_TYPE_COMPUTE_PIPELINE_CREATE_INFO;
+  ci.stage.sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
+  ci.stage.stage = VK_SHADER_STAGE_COMPUTE_BIT;
+  ci.stage.module = modules_[0];
+  ci.stage.pName = "main";
+  ci.layout = layout_;
+  check(context_.fn().vkCreateComputePipelines(context_.device(), VK_NULL_HANDLE, 1, &ci, nullptr,
+                                               &pipeline_),
+        "vkCreateComputePipelines");
+}
+
+void Program::create_ray_pipeline_(const std::string& spv_path) {
+  // backward.spv -> backward.rgen.spv; the hit and miss stages lie beside it.
+  std::string rgen = spv_path;
+  if (rgen.size() >= 4 && rgen.compare(rgen.size() - 4, 4, ".spv") == 0) rgen.resize(rgen.size() - 4);
+  rgen += ".rgen.spv";
+  const size_t slash = spv_path.find_last_of('/');
+  const std::string dir = slash == std::string::npos ? "" : spv_path.substr(0, slash + 1);
+  for (const std::string& path : {rgen, dir + "miss.rmiss.spv", dir + "hit.rchit.spv"})
+    modules_.push_back(create_module(context_, path));
+
+  const VkShaderStageFlagBits stages[3] = {VK_SHADER_STAGE_RAYGEN_BIT_KHR,
+                                           VK_SHADER_STAGE_MISS_BIT_KHR,
+                                           VK_SHADER_STAGE_CLOSEST_HIT_BIT_KHR};
+  VkPipelineShaderStageCreateInfo si[3]{};
+  VkRayTracingShaderGroupCreateInfoKHR groups[3]{};
+  for (uint32_t i = 0; i < 3; ++i) {
+    si[i].sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
+    si[i].stage = stages[i];
+    si[i].module = modules_[i];
+    si[i].pName = "main";
+    groups[i].sType = VK_STRUCTURE_TYPE_RAY_TRACING_SHADER_GROUP_CREATE_INFO_KHR;
+    groups[i].type = i < 2 ? VK_RAY_TRACING_SHADER_GROUP_TYPE_GENERAL_KHR
+                           : VK_RAY_TRACING_SHADER_GROUP_TYPE_TRIANGLES_HIT_GROUP_KHR;
+    groups[i].generalShader = i < 2 ? i : VK_SHADER_UNUSED_KHR;
+    groups[i].closestHitShader = i == 2 ? 2 : VK_SHADER_UNUSED_KHR;
+    groups[i].anyHitShader = VK_SHADER_UNUSED_KHR;
+    groups[i].intersectionShader = VK_SHADER_UNUSED_KHR;
+  }
+  VkRayTracingPipelineCreateInfoKHR ci{};
+  ci.sType = VK_STRUCTURE_TYPE_RAY_TRACING_PIPELINE_CREATE_INFO_KHR;
+  ci.stageCount = 3;
+  ci.pStages = si;
+  ci.groupCount = 3;
+  ci.pGroups = groups;
+  ci.maxPipelineRayRecursionDepth = 1;  // rays are cast from ray generation only
+  ci.layout = layout_;
+  const DeviceFunctions& fn = context_.fn();
+  check(fn.vkCreateRayTracingPipelinesKHR(context_.device(), VK_NULL_HANDLE, VK_NULL_HANDLE, 1,
+                                          &ci, nullptr, &pipeline_),
+        "vkCreateRayTracingPipelinesKHR");
+
+  // The binding table: one record per group, each region starting on the base alignment.
+  const uint32_t handle = context_.group_handle_size();
+  std::vector<uint8_t> handles(size_t(handle) * 3);
+  check(fn.vkGetRayTracingShaderGroupHandlesKHR(context_.device(), pipeline_, 0, 3, handles.size(),
+                                                handles.data()),
+        "vkGetRayTracingShaderGroupHandlesKHR");
+  const VkDeviceSize stride = round_up(handle, context_.group_handle_alignment());
+  const VkDeviceSize region = round_up(stride, context_.group_base_alignment());
+  const VkDeviceSize base_align = context_.group_base_alignment();
+  binding_table_ = Buffer(context_, region * 3 + base_align,
+                          VK_BUFFER_USAGE_SHADER_BINDING_TABLE_BIT_KHR |
+                              VK_BUFFER_USAGE_SHADER_DEVICE_ADDRESS_BIT,
+                          HOST_SHARED, HOST_ONLY);
+  const VkDeviceAddress address = binding_table_.device_address();
+  const VkDeviceAddress start = round_up(address, base_align);
+  std::vector<uint8_t> table(size_t(region * 3), 0);
+  for (size_t g = 0; g < 3; ++g)
+    std::memcpy(&table[g * region], &handles[g * handle], handle);
+  binding_table_.upload(table.data(), table.size(), start - address);
+  raygen_region_ = {start, stride, stride};  // a ray generation region is one record
+  miss_region_ = {start + region, stride, stride};
+  hit_region_ = {start + 2 * region, stride, stride};
+}
+
 Program::~Program() {
+  release_();
+}
+
+void Program::release_() {
   const DeviceFunctions& fn = context_.fn();
   const VkDevice dev = context_.device();
   if (pool_) fn.vkDestroyDescriptorPool(dev, pool_, nullptr);
   if (pipeline_) fn.vkDestroyPipeline(dev, pipeline_, nullptr);
   if (layout_) fn.vkDestroyPipelineLayout(dev, layout_, nullptr);
   if (set_layout_) fn.vkDestroyDescriptorSetLayout(dev, set_layout_, nullptr);
-  if (module_) fn.vkDestroyShaderModule(dev, module_, nullptr);
+  for (VkShaderModule m : modules_) fn.vkDestroyShaderModule(dev, m, nullptr);
+  binding_table_.release();
+  modules_.clear();
   pool_ = VK_NULL_HANDLE, pipeline_ = VK_NULL_HANDLE, layout_ = VK_NULL_HANDLE;
-  set_layout_ = VK_NULL_HANDLE, module_ = VK_NULL_HANDLE;
+  set_layout_ = VK_NULL_HANDLE;
 }
 
 void Program::bind(uint32_t binding, const Buffer& buffer) {
@@ -232,11 +327,15 @@ void Program::bind(uint32_t binding, VkAccelerationStructureKHR tlas) {
 
 void Program::dispatch(VkCommandBuffer cb, uint32_t invocations, const void* push) const {
   const DeviceFunctions& fn = context_.fn();
-  fn.vkCmdBindPipeline(cb, VK_PIPELINE_BIND_POINT_COMPUTE, pipeline_);
-  fn.vkCmdBindDescriptorSets(cb, VK_PIPELINE_BIND_POINT_COMPUTE, layout_, 0, 1, &set_, 0, nullptr);
-  if (push_bytes_)
-    fn.vkCmdPushConstants(cb, layout_, VK_SHADER_STAGE_COMPUTE_BIT, 0, push_bytes_, push);
-  fn.vkCmdDispatch(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, 1);
+  fn.vkCmdBindPipeline(cb, bind_point_, pipeline_);
+  fn.vkCmdBindDescriptorSets(cb, bind_point_, layout_, 0, 1, &set_, 0, nullptr);
+  if (push_bytes_) fn.vkCmdPushConstants(cb, layout_, stage_, 0, push_bytes_, push);
+  if (bind_point_ == VK_PIPELINE_BIND_POINT_RAY_TRACING_KHR) {
+    const VkStridedDeviceAddressRegionKHR none{};
+    fn.vkCmdTraceRaysKHR(cb, &raygen_region_, &miss_region_, &hit_region_, &none, invocations, 1, 1);
+  } else {
+    fn.vkCmdDispatch(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, 1);
+  }
 }
 
 // ---- the scene ----

@@ -18,8 +18,12 @@ namespace vesk::vulkan {
 // name if it is a path to a file, else name inside dir.
 std::string resolve_program(const std::string& name, const std::string& dir);
 
-// One compute program: its pipeline and a single descriptor set whose bindings are the
-// listed types, in order, plus push constants of push_bytes.
+// One device program in the form the context's trace path takes: for ray queries, the
+// compute shader spv_path (<name>.spv); for the ray-tracing pipeline, <name>.rgen.spv with
+// hit.rchit.spv and miss.rmiss.spv from the same folder, and its shader binding table.
+// Either way a single descriptor set whose bindings are the listed types, in order, plus
+// push constants of push_bytes, and dispatch() runs `invocations` one-dimensional
+// invocations.
 class Program {
  public:
   Program(const VulkanContext& context, const std::string& spv_path,
@@ -36,7 +40,15 @@ class Program {
   const VulkanContext& context_;
   uint32_t push_bytes_;
   std::vector<VkDescriptorType> types_;
-  VkShaderModule module_ = VK_NULL_HANDLE;
+  void create_compute_(const std::string& spv_path);
+  void release_();
+  void create_ray_pipeline_(const std::string& spv_path);
+
+  std::vector<VkShaderModule> modules_;
+  uint32_t stage_ = 0;  // VkShaderStageFlagBits of the bindings and push constants
+  VkPipelineBindPoint bind_point_ = VK_PIPELINE_BIND_POINT_COMPUTE;
+  Buffer binding_table_;  // ray generation, miss and hit records (pipeline path)
+  VkStridedDeviceAddressRegionKHR raygen_region_{}, miss_region_{}, hit_region_{};
   VkDescriptorSetLayout set_layout_ = VK_NULL_HANDLE;
   VkPipelineLayout layout_ = VK_NULL_HANDLE;
   VkPipeline pipeline_ = VK_NULL_HANDLE;
@@ -45,7 +57,8 @@ class Program {
 };
 
 // Workgroup width of every program (local_size_x in the shaders), and the most
-// invocations one dispatch may have on any device (65535 workgroups along x).
+// invocations one dispatch may have on any device (65535 workgroups along x; a ray
+// dispatch of that width is within every device's limits too).
 constexpr uint32_t WORKGROUP = 64;
 constexpr uint32_t MAX_DISPATCH = 65535u * WORKGROUP;
 

@@ -89,6 +89,12 @@ namespace vesk::vulkan {
   X(vkCmdBuildAccelerationStructuresKHR)     \
   X(vkGetAccelerationStructureDeviceAddressKHR)
 
+// The ray-tracing pipeline path's entry points, loaded only on that path.
+#define VESK_VK_PIPELINE_FUNCTIONS(X)    \
+  X(vkCreateRayTracingPipelinesKHR)       \
+  X(vkGetRayTracingShaderGroupHandlesKHR) \
+  X(vkCmdTraceRaysKHR)
+
 #define VESK_VK_DECLARE(name) PFN_##name name = nullptr;
 
 struct GlobalFunctions {
@@ -104,6 +110,7 @@ struct InstanceFunctions {
 struct DeviceFunctions {
   VESK_VK_DEVICE_FUNCTIONS(VESK_VK_DECLARE)
   VESK_VK_RAY_FUNCTIONS(VESK_VK_DECLARE)
+  VESK_VK_PIPELINE_FUNCTIONS(VESK_VK_DECLARE)
 };
 
 // The loader's global functions, opened once per process; null when the machine has no

@@ -90,6 +90,32 @@ TEST(VulkanRanking, TheFirstMissingRequirementNamesTheReason) {
   }
 }
 
+TEST(VulkanTracePath, PipelinesAloneMakeADeviceCompatibleAndForcingAMissingPathNamesIt) {
+  DeviceInfo h100 = device("NVIDIA H100 80GB HBM3", DISCRETE, 81559, true);
+  h100.has_ray_query = false;  // GPUs without RT cores: pipelines, no ray query
+  h100.has_ray_tracing_pipeline = true;
+  judge_compatibility(h100);
+  EXPECT_TRUE(h100.compatible);
+  EXPECT_EQ(choose_trace_path(h100, std::nullopt), TracePath::RayPipeline);
+  EXPECT_EQ(choose_trace_path(h100, TracePath::RayPipeline), TracePath::RayPipeline);
+  try {
+    choose_trace_path(h100, TracePath::RayQuery);
+    ADD_FAILURE() << "forcing ray query on a device without it must fail";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(),
+                 "Vulkan: VESK_VULKAN_TRACE=query asks for the ray_query path, but device "
+                 "'NVIDIA H100 80GB HBM3' has no ray query");
+  }
+  DeviceInfo both = device("both", DISCRETE, 8192, true);
+  both.has_ray_tracing_pipeline = true;
+  EXPECT_EQ(choose_trace_path(both, std::nullopt), TracePath::RayQuery) << "ray query is preferred";
+  DeviceInfo query_only = device("query only", DISCRETE, 8192, true);
+  EXPECT_THROW(choose_trace_path(query_only, TracePath::RayPipeline), std::runtime_error);
+  h100.has_ray_tracing_pipeline = false;
+  judge_compatibility(h100);
+  EXPECT_EQ(h100.unavailable_reason, "ray query unavailable");
+}
+
 // On a machine with a compatible device (lavapipe in CI): the buffer contract.
 class VulkanDevice : public ::testing::Test {
  protected:

@@ -1,5 +1,7 @@
 """The Vulkan backend: device listing, the context, and (on a device with ray queries,
 lavapipe in CI) the scene against the CPU scene."""
+from pathlib import Path
+
 import numpy as np
 import pytest
 
@@ -29,10 +31,13 @@ def test_devices_are_listed_ranked_with_their_reasons():
     keys = {"device_index", "physical_index", "name", "vendor_id", "device_id", "device_type",
             "is_discrete", "api_version", "device_local_memory_mb", "has_compute_queue",
             "has_acceleration_structure", "has_ray_query", "has_buffer_device_address",
-            "compatible", "unavailable_reason"}
+            "compatible", "unavailable_reason", "has_ray_tracing_pipeline", "trace_path"}
     for d in DEVICES:
         assert set(d) == keys
         assert d["compatible"] == (d["unavailable_reason"] == ""), d
+        assert d["compatible"] == (d["has_ray_query"] or d["has_ray_tracing_pipeline"]) or \
+            d["unavailable_reason"] != "ray query unavailable", d
+        assert d["trace_path"] in (("ray_query", "ray_pipeline", "") if d["compatible"] else ("",)), d
     flags = [d["compatible"] for d in DEVICES]
     assert flags == sorted(flags, reverse=True), "an incompatible device ranks before a compatible one"
     assert [d["device_index"] for d in COMPATIBLE] == list(range(len(COMPATIBLE)))
@@ -246,7 +251,8 @@ def test_a_lambertian_plane_reflects_sun_and_sky_as_the_cpu_does(context, sun, s
         np.testing.assert_allclose(b["event_aov"][k], a["event_aov"][k], rtol=1e-6, atol=1e-9,
                                    err_msg=f"event slot {k}")
     assert b["_execution"] == {"backend": "vulkan", "workflow": "optical_backward",
-                               "executor": "vulkan.ray_query.optical_backward", "native": True}
+                               "executor": f"vulkan.{context.trace_path}.optical_backward",
+                               "native": True}
 
 
 @needs_device
@@ -428,3 +434,61 @@ def test_edge_cases_of_the_backward_tracer_match_the_cpu(context, rng, monkeypat
         assert b["payload"].max() > 900.0 / 6.794e-05 * 0.99, "the disc is seen between the leaves"
     if case == "VESK_MAX_DEPTH":
         assert "[Vulkan bwd] VESK_MAX_DEPTH=2" in capfd.readouterr().out
+
+
+# ---- the two trace paths: ray queries and ray-tracing pipelines --------------------------
+
+BOTH_PATHS = [d for d in COMPATIBLE if d["has_ray_query"] and d["has_ray_tracing_pipeline"]]
+
+
+def path_context(monkeypatch, path):
+    monkeypatch.setenv("VESK_VULKAN_TRACE", path)
+    c = vk.VulkanContext(0)
+    assert c.trace_path == {"query": "ray_query", "pipeline": "ray_pipeline"}[path]
+    assert vk.list_vulkan_devices()[0]["trace_path"] == c.trace_path
+    return c
+
+
+@pytest.mark.skipif(not BOTH_PATHS, reason="no Vulkan device with both trace paths")
+def test_both_trace_paths_give_the_same_hits_and_the_same_image(monkeypatch, rng):
+    leaves = canopy(rng, 400)
+    leaves[:, [3, 7]] = rng.uniform(0, 6, (400, 2))
+    o, d = rays(rng)
+    hits, images = {}, {}
+    for path in ("query", "pipeline"):
+        s = leaf_canopy(vk.VulkanSceneManager(path_context(monkeypatch, path)), leaves)
+        hits[path] = s.trace_closest(o, d)
+        images[path] = s.simulate_backward(spp=16, max_depth=6, outputs=["event_aov"])
+        assert images[path]["_execution"]["executor"] == f"vulkan.ray_{path}.optical_backward"
+    a, b = hits["query"], hits["pipeline"]
+    assert a["hit"].mean() > 0.2
+    for k in ("hit", "instance_id", "primitive_id", "material_id"):
+        assert np.array_equal(a[k], b[k]), f"{k} differs on {(a[k] != b[k]).sum()} rays"
+    np.testing.assert_allclose(b["t"], a["t"], rtol=1e-6, err_msg="distance")
+    # Same program text, same draws: the images agree to float rounding, pixel by pixel.
+    np.testing.assert_allclose(images["pipeline"]["payload"], images["query"]["payload"], rtol=1e-5)
+    for k, v in images["query"]["event_aov"].items():
+        np.testing.assert_allclose(images["pipeline"]["event_aov"][k], v, rtol=1e-5, atol=1e-9)
+
+
+@pytest.mark.skipif(not BOTH_PATHS, reason="no Vulkan device with both trace paths")
+@pytest.mark.parametrize("path, missing", [("query", "trace_closest.spv"),
+                                           ("pipeline", "trace_closest.rgen.spv"),
+                                           ("pipeline", "miss.rmiss.spv")])
+def test_a_missing_program_of_the_chosen_path_is_named(monkeypatch, tmp_path, path, missing):
+    import shutil
+    built = Path(vk.__file__).parent
+    for name in ("trace_closest.spv", "trace_closest.rgen.spv", "hit.rchit.spv", "miss.rmiss.spv"):
+        if name != missing:
+            shutil.copy(built / name, tmp_path / name)
+    with pytest.raises(RuntimeError, match=f"^Vulkan: cannot read the device program .*/{missing}$"):
+        vk.VulkanSceneManager(path_context(monkeypatch, path), str(tmp_path / "trace_closest.spv"))
+
+
+def test_a_bad_trace_setting_is_refused(monkeypatch):
+    monkeypatch.setenv("VESK_VULKAN_TRACE", "rtx")
+    message = "^VESK_VULKAN_TRACE must be 'query' or 'pipeline' \\(or unset\\), not 'rtx'$"
+    with pytest.raises(ValueError, match=message):
+        vk.list_vulkan_devices()
+    with pytest.raises(ValueError, match=message):
+        vk.VulkanContext(0)
