@@ -23,7 +23,7 @@
 #include "core/tile.h"
 #include "core/workers.h"
 #include "embree/media_walk.h"
-#include "embree/optical_scene.h"
+#include "scene/optical_scene.h"
 #include "embree/scene_manager.h"
 
 namespace vesk::embree {

@@ -13,7 +13,7 @@
 #include "core/rng.h"
 #include "core/tile.h"
 #include "core/workers.h"
-#include "embree/optical_scene.h"
+#include "scene/optical_scene.h"
 #include "embree/scene_manager.h"
 
 namespace vesk::embree {

@@ -13,7 +13,7 @@
 #include "core/memory_limit.h"
 #include "core/workers.h"
 #include "embree/flux.h"
-#include "embree/optical_scene.h"
+#include "scene/optical_scene.h"
 #include "embree/photon.h"
 
 namespace vesk::embree {

@@ -119,69 +119,9 @@ void EmbreeSceneManager::release_embree_scenes_() {
   rtc_->top = nullptr;
 }
 
-void EmbreeSceneManager::require_idle_() const {
-  if (running_.load() > 0)
-    throw std::runtime_error(
-        "the scene cannot be changed while a simulation is running on it");
-}
-
-int32_t EmbreeSceneManager::add_mesh(std::vector<float3> vertices, std::vector<float3> normals,
-                                     std::vector<int3> indices, int32_t material_id) {
-  require_idle_();
-  check_mesh(vertices, normals, indices);
-  meshes_.push_back(
-      EmbreeMesh{std::move(vertices), std::move(normals), std::move(indices), material_id});
-  return int32_t(meshes_.size() - 1);
-}
-
-int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, const float* transform) {
-  require_idle_();
-  backend::validate_instance_mesh_id(mesh_id, meshes_.size());
-  if (!transform) throw std::invalid_argument("instance transform must not be null");
-  check_transform("xform", transform);
-  // A new instance is not in the acceleration structure until the next build().
-  built_ = structure_current_ = false;
-  EmbreeInstance inst;
-  inst.mesh_id = mesh_id;
-  std::memcpy(inst.transform, transform, sizeof(inst.transform));
-  instances_.push_back(inst);
-  return int32_t(instances_.size() - 1);
-}
-
-int32_t EmbreeSceneManager::add_instance(int32_t mesh_id, float x, float y, float z, float scale) {
-  check_instance_placement(x, y, z, scale);
-  float m[12];
-  scaled_translation(x, y, z, scale, m);
-  return add_instance(mesh_id, m);
-}
-
-int32_t EmbreeSceneManager::add_instances_xform(int32_t mesh_id, const float* transforms,
-                                                size_t count) {
-  if (count == 0) return int32_t(instances_.size());
-  backend::validate_instance_mesh_id(mesh_id, meshes_.size());
-  if (!transforms) throw std::invalid_argument("instance transforms must not be null");
-  require_idle_();
-  for (size_t i = 0; i < count; ++i) check_transform("xforms", transforms + 12 * i);
-  built_ = structure_current_ = false;
-  const int32_t first = int32_t(instances_.size());
-  instances_.reserve(instances_.size() + count);
-  for (size_t i = 0; i < count; ++i) {
-    EmbreeInstance inst;
-    inst.mesh_id = mesh_id;
-    std::memcpy(inst.transform, transforms + 12 * i, sizeof(inst.transform));
-    instances_.push_back(inst);
-  }
-  return first;
-}
-
 void EmbreeSceneManager::update_instance_transform(int32_t id, const float* transform) {
-  if (id < 0 || size_t(id) >= instances_.size())
-    throw std::out_of_range("update_instance_transform: id out of range");
-  require_idle_();
-  check_transform("xform", transform);
-  EmbreeInstance& inst = instances_[size_t(id)];
-  // The stored transform changes first: a rebuild picks it up even if Embree refuses.
-  std::memcpy(inst.transform, transform, sizeof(inst.transform));
+  SceneModel::update_instance_transform(id, transform);
+  const scene::Instance& inst = instances_[size_t(id)];
   if (!structure_current_ || inst.geometry_id < 0 || !rtc_->top) return;
   RTCGeometry g = rtcGetGeometry(rtc_->top, unsigned(inst.geometry_id));
   if (!g) throw std::runtime_error("update_instance_transform: rtcGetGeometry returned null");
@@ -219,7 +159,7 @@ void EmbreeSceneManager::build_scene() {
   rtc_->mesh_scenes.assign(meshes_.size(), nullptr);
 
   for (size_t m = 0; m < meshes_.size(); ++m) {
-    const EmbreeMesh& mesh = meshes_[m];
+    const scene::Mesh& mesh = meshes_[m];
     RTCScene scene = rtcNewScene(device);
     rtc_->mesh_scenes[m] = scene;
     RTCGeometry geom = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
@@ -243,8 +183,8 @@ void EmbreeSceneManager::build_scene() {
 
   int32_t primitive_offset = 0;
   instance_info_.reserve(instances_.size());
-  for (EmbreeInstance& inst : instances_) {
-    const EmbreeMesh& mesh = meshes_.at(size_t(inst.mesh_id));
+  for (scene::Instance& inst : instances_) {
+    const scene::Mesh& mesh = meshes_.at(size_t(inst.mesh_id));
     RTCGeometry geom = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_INSTANCE);
     rtcSetGeometryInstancedScene(geom, rtc_->mesh_scenes[size_t(inst.mesh_id)]);
     float cm[16];
@@ -271,67 +211,6 @@ void EmbreeSceneManager::build_reuse_gas() {
 }
 
 void EmbreeSceneManager::build_reuse_geometry() { build_reuse_gas(); }
-
-void EmbreeSceneManager::clear_for_reuse() {
-  require_idle_();
-  materials_.clear();
-  spectral_.clear();
-  media_ = {};
-  sky_ = SkySelection{};
-  thermal_mode_ = false;
-  sif_only_mode_ = false;
-  emission_mode_ = EMISSION_OPTICAL;
-  emitter_ = Emitter{};
-  band_wavelengths_.clear();
-  num_bands_ = 0;
-  // The acceleration structure stays; build_reuse_gas() marks the scene usable again.
-  built_ = false;
-}
-
-EmbreeSceneManager::SceneBox EmbreeSceneManager::checked_scene_box_() const {
-  const SceneBox b = instances_box([](size_t) { return true; });
-  for (const float v : {b.lo.x, b.lo.y, b.lo.z, b.hi.x, b.hi.y, b.hi.z})
-    if (!(std::fabs(v) <= MAX_COORDINATE) && !instances_.empty())
-      throw std::invalid_argument(
-          "the scene reaches beyond 1e9 scene units from the origin; move or scale it closer");
-  return b;
-}
-
-void EmbreeSceneManager::store_aabb_(const SceneBox& b) {
-  x_min_ = b.lo.x, y_min_ = b.lo.y, min_height_ = b.lo.z;
-  x_max_ = b.hi.x, y_max_ = b.hi.y, max_height_ = b.hi.z;
-}
-
-EmbreeSceneManager::SceneBox EmbreeSceneManager::instances_box(
-    const std::function<bool(size_t)>& pick) const {
-  SceneBox b;
-  std::vector<std::array<float3, 2>> mesh_box(meshes_.size());
-  for (size_t m = 0; m < meshes_.size(); ++m) {
-    float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
-    for (const float3& v : meshes_[m].vertices) {
-      lo = {std::min(lo.x, v.x), std::min(lo.y, v.y), std::min(lo.z, v.z)};
-      hi = {std::max(hi.x, v.x), std::max(hi.y, v.y), std::max(hi.z, v.z)};
-    }
-    mesh_box[m] = {lo, hi};
-  }
-  for (size_t i = 0; i < instances_.size(); ++i) {
-    if (!pick(i)) continue;
-    const EmbreeInstance& inst = instances_[i];
-    const auto& box = mesh_box.at(size_t(inst.mesh_id));
-    for (int c = 0; c < 8; ++c) {
-      const float3 corner{(c & 1) ? box[1].x : box[0].x, (c & 2) ? box[1].y : box[0].y,
-                          (c & 4) ? box[1].z : box[0].z};
-      const float3 p = transform_point(inst.transform, corner);
-      b.lo = {std::min(b.lo.x, p.x), std::min(b.lo.y, p.y), std::min(b.lo.z, p.z)};
-      b.hi = {std::max(b.hi.x, p.x), std::max(b.hi.y, p.y), std::max(b.hi.z, p.z)};
-    }
-  }
-  return b;
-}
-
-std::pair<float3, float3> EmbreeSceneManager::aabb() const {
-  return {float3{x_min_, y_min_, min_height_}, float3{x_max_, y_max_, max_height_}};
-}
 
 EmbreeHit EmbreeSceneManager::trace_ray(const float3& origin, const float3& direction,
                                         float t_min, float t_max) const {
@@ -365,8 +244,8 @@ EmbreeHit EmbreeSceneManager::trace_ray(const float3& origin, const float3& dire
   const int32_t prim = int32_t(rh.hit.primID);
   h.local_primitive = prim;
   h.instance_id = int32_t(inst_id);
-  const EmbreeInstance* inst = nullptr;
-  const EmbreeMesh* mesh = nullptr;
+  const scene::Instance* inst = nullptr;
+  const scene::Mesh* mesh = nullptr;
   if (inst_id < instance_info_.size()) {
     const InstanceInfo& info = instance_info_[inst_id];
     h.material_id = info.material_id;
@@ -419,14 +298,7 @@ std::vector<EmbreeHit> EmbreeSceneManager::trace_closest(
     const std::vector<backend::Ray>& rays) const {
   if (!built_ || !rtc_->top)
     throw std::runtime_error("trace_closest: scene not built. Call build() first.");
-  // Rays the ray tracer cannot take are refused before any is traced.
-  for (const backend::Ray& r : rays) {
-    check_coordinates("origins", &r.origin.x, 3);
-    check_coordinates("directions", &r.direction.x, 3);
-    if (!(r.t_min >= 0.0f) || !std::isfinite(r.t_min))
-      throw std::invalid_argument("t_min must be finite and non-negative");
-    if (std::isnan(r.t_max)) throw std::invalid_argument("t_max must not be NaN");
-  }
+  check_rays_(rays);
   const std::vector<int32_t> offsets = instance_primitive_offsets();
   std::vector<EmbreeHit> hits(rays.size());
   for (size_t i = 0; i < rays.size(); ++i) {

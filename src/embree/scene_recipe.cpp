@@ -35,11 +35,11 @@ void check_direction(const char* name, const float3& d) {
 
 }  // namespace
 
-SceneRecipe EmbreeSceneManager::recipe() const {
-  SceneRecipe r;
+scene::SceneRecipe EmbreeSceneManager::recipe() const {
+  scene::SceneRecipe r;
   r.meshes = meshes_;
   r.instances = instances_;
-  for (EmbreeInstance& i : r.instances) i.geometry_id = -1;
+  for (scene::Instance& i : r.instances) i.geometry_id = -1;
   r.materials = materials_;
   r.spectral = spectral_;
   r.num_bands = num_bands_;
@@ -77,12 +77,12 @@ SceneRecipe EmbreeSceneManager::recipe() const {
   return r;
 }
 
-std::unique_ptr<EmbreeSceneManager> EmbreeSceneManager::from_recipe(SceneRecipe r) {
+std::unique_ptr<EmbreeSceneManager> EmbreeSceneManager::from_recipe(scene::SceneRecipe r) {
   auto s = std::make_unique<EmbreeSceneManager>();
   // Geometry, materials and spectra through the setters, which check them.
-  for (EmbreeMesh& m : r.meshes)
+  for (scene::Mesh& m : r.meshes)
     s->add_mesh(std::move(m.vertices), std::move(m.normals), std::move(m.indices), m.material_id);
-  for (const EmbreeInstance& i : r.instances) s->add_instance(i.mesh_id, i.transform);
+  for (const scene::Instance& i : r.instances) s->add_instance(i.mesh_id, i.transform);
   if (r.num_bands != 0) s->set_num_bands(r.num_bands);
   s->num_bands_ = r.num_bands;  // 0 after clear_for_reuse, which no setter gives
   for (const MaterialData& m : r.materials) {
@@ -134,12 +134,12 @@ std::unique_ptr<EmbreeSceneManager> EmbreeSceneManager::from_recipe(SceneRecipe 
   check_finite("spectra", r.instance_sif_spectra.data(), r.instance_sif_spectra.size());
   const size_t thermal = r.instance_turbid_thermal.temperature_sunlit.size();
   if (thermal > insts) invalid("instance turbid thermal state does not fit the scene");
-  check_turbid_thermal_state(r.instance_turbid_thermal, thermal);
+  scene::check_turbid_thermal_state(r.instance_turbid_thermal, thermal);
   const InstanceSifSourceFields& f = r.instance_sif_source_fields;
   if (!f.empty() || !f.spatial_spectra.empty()) {
     if (f.grid_dims.size() % 3 != 0 || f.grid_dims.size() / 3 > insts)
       invalid("instance SIF source fields do not fit the scene");
-    check_sif_source_fields(f, f.grid_dims.size() / 3);
+    scene::check_sif_source_fields(f, f.grid_dims.size() / 3);
   }
   s->primitive_temperatures_ = std::move(r.primitive_temperatures);
   s->primitive_emissivities_ = std::move(r.primitive_emissivities);

@@ -62,8 +62,8 @@ void EmbreeSceneManager::instance_world_mesh(int32_t instance, std::vector<float
                                              std::vector<int3>& t) const {
   if (instance < 0 || size_t(instance) >= instances_.size())
     throw std::out_of_range("instance_id out of range");
-  const EmbreeInstance& inst = instances_[size_t(instance)];
-  const EmbreeMesh& mesh = meshes_.at(size_t(inst.mesh_id));
+  const scene::Instance& inst = instances_[size_t(instance)];
+  const scene::Mesh& mesh = meshes_.at(size_t(inst.mesh_id));
   const float* m = inst.transform;
   const double det = double(m[0]) * (double(m[5]) * m[10] - double(m[6]) * m[9]) -
                      double(m[1]) * (double(m[4]) * m[10] - double(m[6]) * m[8]) +

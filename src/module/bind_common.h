@@ -18,6 +18,8 @@ namespace py = pybind11;
 
 namespace vesk::embree {
 class EmbreeSceneManager;
+}
+namespace vesk::scene {
 struct InstanceSifSourceFields;
 }
 
@@ -84,7 +86,7 @@ void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 
 // set_instance_sif_source_fields' checks and texts, for both scene classes.
-vesk::embree::InstanceSifSourceFields sif_source_fields(
+vesk::scene::InstanceSifSourceFields sif_source_fields(
     const FloatArray& spatial_spectra, const FloatArray& orientation_spectra,
     const FloatArray& joint_spectra, const FloatArray& direct_joint_spectra,
     const FloatArray& bounds_min, const FloatArray& bounds_max, const IntArray& grid_dims,

@@ -10,7 +10,7 @@ using vesk::embree::EmbreeSceneManager;
 
 // The binding's form of the checks on instance SIF source tables, shared by both scene
 // classes: dimensions, then lengths, then values and grids, with this entry's texts.
-vesk::embree::InstanceSifSourceFields sif_source_fields(
+vesk::scene::InstanceSifSourceFields sif_source_fields(
     const FloatArray& spatial_spectra, const FloatArray& orientation_spectra,
     const FloatArray& joint_spectra, const FloatArray& direct_joint_spectra,
     const FloatArray& bounds_min, const FloatArray& bounds_max, const IntArray& grid_dims,
@@ -49,7 +49,7 @@ vesk::embree::InstanceSifSourceFields sif_source_fields(
   check_finite("orientation_spectra", f.orientation_spectra.data(), f.orientation_spectra.size());
   check_finite("joint_spectra", f.joint_spectra.data(), f.joint_spectra.size());
   check_finite("direct_joint_spectra", f.direct_joint_spectra.data(), f.direct_joint_spectra.size());
-  if (!vesk::embree::sif_source_grids_valid(f))
+  if (!vesk::scene::sif_source_grids_valid(f))
     throw py::value_error("set_instance_sif_source_fields: invalid instance grid");
   return f;
 }

@@ -8,7 +8,7 @@
 namespace vesk::module {
 
 using vesk::embree::EmbreeSceneManager;
-using vesk::embree::SceneRecipe;
+using vesk::scene::SceneRecipe;
 
 namespace {
 
@@ -106,7 +106,7 @@ py::dict state_of(const EmbreeSceneManager& s) {
   std::vector<int3> indices;
   std::vector<int64_t> sizes;
   std::vector<int32_t> mesh_materials;
-  for (const embree::EmbreeMesh& m : r.meshes) {
+  for (const scene::Mesh& m : r.meshes) {
     vertices.insert(vertices.end(), m.vertices.begin(), m.vertices.end());
     normals.insert(normals.end(), m.normals.begin(), m.normals.end());
     indices.insert(indices.end(), m.indices.begin(), m.indices.end());
@@ -122,7 +122,7 @@ py::dict state_of(const EmbreeSceneManager& s) {
 
   std::vector<int32_t> inst_mesh;
   std::vector<float> xforms;
-  for (const embree::EmbreeInstance& i : r.instances) {
+  for (const scene::Instance& i : r.instances) {
     inst_mesh.push_back(i.mesh_id);
     xforms.insert(xforms.end(), i.transform, i.transform + 12);
   }
@@ -234,7 +234,7 @@ std::unique_ptr<EmbreeSceneManager> scene_from(const py::dict& d) {
     for (int c = 0; c < 3; ++c)
       if (sizes[3 * m + size_t(c)] < 0 || size_t(sizes[3 * m + size_t(c)]) > total[c] - at[c])
         throw py::value_error("scene state: mesh sizes exceed the mesh arrays");
-    embree::EmbreeMesh mesh;
+    scene::Mesh mesh;
     auto rows3 = [](const auto& flat, size_t first, size_t n, auto& out) {
       out.resize(n);
       for (size_t i = 0; i < n; ++i)
@@ -255,7 +255,7 @@ std::unique_ptr<EmbreeSceneManager> scene_from(const py::dict& d) {
   if (xforms.size() != 12 * inst_mesh.size())
     throw py::value_error("scene state: instance counts do not match");
   for (size_t i = 0; i < inst_mesh.size(); ++i) {
-    embree::EmbreeInstance inst;
+    scene::Instance inst;
     inst.mesh_id = inst_mesh[i];
     std::copy(xforms.begin() + std::ptrdiff_t(12 * i), xforms.begin() + std::ptrdiff_t(12 * i + 12),
               inst.transform);

@@ -7,7 +7,7 @@
 
 #include "core/memory_limit.h"
 #include "core/workers.h"
-#include "embree/optical_scene.h"
+#include "scene/optical_scene.h"
 #include "vulkan/device_scene.h"
 
 namespace vesk::vulkan {
@@ -48,8 +48,8 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   // The program's bindings belong to the run in flight (a progress callback may call in).
   if (running_ > 0)
     throw std::runtime_error("simulate_backward: a simulation is already running on this scene");
-  embree::validate_optical_scene(*this, num_bands_);
-  embree::validate_band_wavelengths(*this, num_bands_);
+  scene::validate_optical_scene(*this, num_bands_);
+  scene::validate_band_wavelengths(*this, num_bands_);
   if (sensor_.width < 1 || sensor_.height < 1)
     throw std::invalid_argument(
         "the sensor has no pixels: call set_sensor() with a positive width and height first");
@@ -69,7 +69,7 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
     throw std::runtime_error(
         "Vulkan: the backward tracer needs 64-bit integers and floats in shaders (shaderInt64 "
         "and shaderFloat64), which this device lacks");
-  max_depth = embree::max_depth_from_env(max_depth, "[Vulkan bwd]");
+  max_depth = scene::max_depth_from_env(max_depth, "[Vulkan bwd]");
 
   const int32_t width = sensor_.width, height = sensor_.height, bands = num_bands_;
   const uint64_t pixels = uint64_t(width) * uint64_t(height);
@@ -89,7 +89,7 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
 
   ++running_;
   struct Idle {
-    int& n;
+    std::atomic<int>& n;
     ~Idle() { --n; }
   } idle{running_};
 
@@ -101,7 +101,7 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   p.terrain_following = terrain_following_;
   p.sun_x = emitter_.direction.x, p.sun_y = emitter_.direction.y, p.sun_z = emitter_.direction.z;
   p.sun_offset = emitter_.spectral_offset;
-  p.has_sun = embree::scene_has_sun(*this);
+  p.has_sun = scene::scene_has_sun(*this);
   p.sky_uniform = sky_.uniform_offset, p.sky_directional = sky_.directional_offset;
   p.sky_hw = sky_.hw_offset;
   p.hw_x = sky_.hw_sun_direction.x, p.hw_y = sky_.hw_sun_direction.y;

@@ -11,9 +11,6 @@
 
 namespace vesk::vulkan {
 
-using embree::EmbreeInstance;
-using embree::EmbreeMesh;
-
 std::string resolve_program(const std::string& name, const std::string& dir) {
   if (name.find('/') != std::string::npos || dir.empty()) return name;
   return dir + "/" + name;
@@ -353,7 +350,7 @@ struct InstanceRecord {
 };
 
 std::vector<InstanceRecord> make_instance_records(
-    const std::vector<EmbreeInstance>& instances,
+    const std::vector<scene::Instance>& instances,
     const std::vector<VulkanSceneManager::InstanceInfo>& info) {
   std::vector<InstanceRecord> r(instances.size());
   for (size_t i = 0; i < instances.size(); ++i) {
@@ -381,15 +378,15 @@ void VulkanSceneManager::Device::release_structures() {
   bottom.clear();
 }
 
-void VulkanSceneManager::Device::build(const std::vector<EmbreeMesh>& meshes,
-                                       const std::vector<EmbreeInstance>& instances,
+void VulkanSceneManager::Device::build(const std::vector<scene::Mesh>& meshes,
+                                       const std::vector<scene::Instance>& instances,
                                        const std::vector<InstanceInfo>& info) {
   // Every mesh's vertices, normals and triangles in one table each, with a record of
   // where each mesh starts (in vertices and triangles; -1: no normals).
   std::vector<float3> v, n;
   std::vector<int3> t;
   std::vector<int32_t> table;
-  for (const EmbreeMesh& m : meshes) {
+  for (const scene::Mesh& m : meshes) {
     table.insert(table.end(), {int32_t(v.size()), m.normals.empty() ? -1 : int32_t(n.size()),
                                int32_t(t.size()), int32_t(m.indices.size())});
     v.insert(v.end(), m.vertices.begin(), m.vertices.end());
@@ -429,7 +426,7 @@ void VulkanSceneManager::Device::build(const std::vector<EmbreeMesh>& meshes,
   rebuild_top_level(instances, info);
 }
 
-void VulkanSceneManager::Device::rebuild_top_level(const std::vector<EmbreeInstance>& instances,
+void VulkanSceneManager::Device::rebuild_top_level(const std::vector<scene::Instance>& instances,
                                                    const std::vector<InstanceInfo>& info) {
   destroy(context, top);
   const std::vector<InstanceRecord> records = make_instance_records(instances, info);

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "embree/scene_manager.h"
+#include "scene/scene_model.h"
 #include "vulkan/buffer.h"
 #include "vulkan/context.h"
 #include "vulkan/scene_manager.h"
@@ -76,10 +76,10 @@ struct VulkanSceneManager::Device {
   Device(const VulkanContext& context, const std::string& trace_program);
   ~Device();
 
-  void build(const std::vector<embree::EmbreeMesh>& meshes,
-             const std::vector<embree::EmbreeInstance>& instances,
+  void build(const std::vector<scene::Mesh>& meshes,
+             const std::vector<scene::Instance>& instances,
              const std::vector<InstanceInfo>& info);
-  void rebuild_top_level(const std::vector<embree::EmbreeInstance>& instances,
+  void rebuild_top_level(const std::vector<scene::Instance>& instances,
                          const std::vector<InstanceInfo>& info);
   // Binds the scene tables at bindings 0 (structure) to 5 of a program.
   void bind_scene(Program& p) const;

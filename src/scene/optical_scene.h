@@ -1,6 +1,6 @@
 #pragma once
-// Checks and settings shared by the optical tracers (backward, forward, flux), on the CPU
-// scene and on the GPU scenes, which hold the same records under the same names.
+// Checks and settings shared by the optical tracers (backward, forward, flux) of every
+// backend, written against the accessors of SceneModel.
 
 #include <algorithm>
 #include <cstdint>
@@ -11,7 +11,7 @@
 #include "core/illumination.h"
 #include "core/types.h"
 
-namespace vesk::embree {
+namespace vesk::scene {
 
 // A positive integer in VESK_MAX_DEPTH replaces max_depth and logs "<prefix> VESK_MAX_DEPTH=d".
 int32_t max_depth_from_env(int32_t max_depth, const char* prefix);
@@ -103,4 +103,4 @@ void validate_band_wavelengths(const Scene& scene, int32_t n_bands) {
     throw std::invalid_argument("thermal mode needs one band wavelength per band");
 }
 
-}  // namespace vesk::embree
+}  // namespace vesk::scene

@@ -1,5 +1,7 @@
 // Per-primitive and per-instance overrides that the thermal and SIF paths read.
 // Every setter checks its whole input before it stores anything.
+#include "scene/overrides.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -8,11 +10,11 @@
 #include <stdexcept>
 
 #include "core/array_check.h"
-#include "embree/scene_manager.h"
+#include "scene/scene_model.h"
 
-namespace vesk::embree {
+namespace vesk::scene {
 
-void EmbreeSceneManager::set_primitive_emissivities(std::vector<float> values) {
+void SceneModel::set_primitive_emissivities(std::vector<float> values) {
   require_idle_();
   if (values.size() != n_primitives())
     throw std::invalid_argument("Embree primitive emissivity count must equal n_primitives()");
@@ -20,7 +22,7 @@ void EmbreeSceneManager::set_primitive_emissivities(std::vector<float> values) {
   primitive_emissivities_ = std::move(values);
 }
 
-void EmbreeSceneManager::set_primitive_temperatures(std::vector<float> values) {
+void SceneModel::set_primitive_temperatures(std::vector<float> values) {
   require_idle_();
   if (values.size() != n_primitives())
     throw std::invalid_argument("Embree primitive temperature count must equal n_primitives()");
@@ -28,8 +30,7 @@ void EmbreeSceneManager::set_primitive_temperatures(std::vector<float> values) {
   primitive_temperatures_ = std::move(values);
 }
 
-void EmbreeSceneManager::set_primitive_sif_spectra(std::vector<float> spectra,
-                                                   int32_t n_sif_bands) {
+void SceneModel::set_primitive_sif_spectra(std::vector<float> spectra, int32_t n_sif_bands) {
   require_idle_();
   if (n_sif_bands < 1) throw std::invalid_argument("Embree SIF band count must be positive");
   if (spectra.size() != size_t(n_sif_bands) * n_primitives())
@@ -40,17 +41,17 @@ void EmbreeSceneManager::set_primitive_sif_spectra(std::vector<float> spectra,
   n_sif_bands_ = n_sif_bands;
 }
 
-void EmbreeSceneManager::clear_primitive_emissivities() {
+void SceneModel::clear_primitive_emissivities() {
   require_idle_();
   primitive_emissivities_.clear();
 }
 
-void EmbreeSceneManager::clear_primitive_temperatures() {
+void SceneModel::clear_primitive_temperatures() {
   require_idle_();
   primitive_temperatures_.clear();
 }
 
-void EmbreeSceneManager::clear_primitive_sif_spectra() {
+void SceneModel::clear_primitive_sif_spectra() {
   require_idle_();
   primitive_sif_spectra_.clear();
   n_sif_bands_ = 0;
@@ -74,19 +75,18 @@ void check_turbid_thermal_state(const InstanceTurbidThermalState& s, size_t n) {
   }
 }
 
-void EmbreeSceneManager::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
+void SceneModel::set_instance_turbid_thermal_state(InstanceTurbidThermalState s) {
   require_idle_();
   check_turbid_thermal_state(s, instances_.size());
   instance_turbid_thermal_ = std::move(s);
 }
 
-void EmbreeSceneManager::clear_instance_turbid_thermal_state() {
+void SceneModel::clear_instance_turbid_thermal_state() {
   require_idle_();
   instance_turbid_thermal_ = {};
 }
 
-void EmbreeSceneManager::set_instance_sif_spectra(std::vector<float> spectra,
-                                                  int32_t n_sif_bands) {
+void SceneModel::set_instance_sif_spectra(std::vector<float> spectra, int32_t n_sif_bands) {
   require_idle_();
   if (n_sif_bands < 1) throw std::invalid_argument("Embree SIF band count must be positive");
   if (spectra.size() != size_t(n_sif_bands) * instances_.size())
@@ -97,7 +97,7 @@ void EmbreeSceneManager::set_instance_sif_spectra(std::vector<float> spectra,
   instance_n_sif_bands_ = n_sif_bands;
 }
 
-void EmbreeSceneManager::clear_instance_sif_spectra() {
+void SceneModel::clear_instance_sif_spectra() {
   require_idle_();
   instance_sif_spectra_.clear();
   instance_n_sif_bands_ = 0;
@@ -155,15 +155,15 @@ void check_sif_source_fields(const InstanceSifSourceFields& f, size_t n) {
     throw std::invalid_argument("Embree instance SIF source fields: invalid instance grid");
 }
 
-void EmbreeSceneManager::set_instance_sif_source_fields(InstanceSifSourceFields f) {
+void SceneModel::set_instance_sif_source_fields(InstanceSifSourceFields f) {
   require_idle_();
   check_sif_source_fields(f, instances_.size());
   instance_sif_source_fields_ = std::move(f);
 }
 
-void EmbreeSceneManager::clear_instance_sif_source_fields() {
+void SceneModel::clear_instance_sif_source_fields() {
   require_idle_();
   instance_sif_source_fields_ = {};
 }
 
-}  // namespace vesk::embree
+}  // namespace vesk::scene

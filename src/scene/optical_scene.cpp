@@ -1,5 +1,5 @@
 // Checks and settings shared by the optical tracers.
-#include "embree/optical_scene.h"
+#include "scene/optical_scene.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -9,9 +9,8 @@
 #include <vector>
 
 #include "core/log.h"
-#include "embree/scene_manager.h"
 
-namespace vesk::embree {
+namespace vesk::scene {
 
 int32_t max_depth_from_env(int32_t max_depth, const char* prefix) {
   const char* v = std::getenv("VESK_MAX_DEPTH");
@@ -47,4 +46,4 @@ void require_non_negative(const std::vector<float>& buffer, int64_t offset, size
 
 }  // namespace detail
 
-}  // namespace vesk::embree
+}  // namespace vesk::scene
