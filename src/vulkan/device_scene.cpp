@@ -474,13 +474,7 @@ void VulkanSceneManager::Device::bind_scene(Program& p) const {
 std::vector<VulkanHit> VulkanSceneManager::trace_closest(
     const std::vector<backend::Ray>& rays) const {
   if (!built_) throw std::runtime_error("trace_closest: scene not built. Call build() first.");
-  for (const backend::Ray& r : rays) {
-    check_coordinates("origins", &r.origin.x, 3);
-    check_coordinates("directions", &r.direction.x, 3);
-    if (!(r.t_min >= 0.0f) || !std::isfinite(r.t_min))
-      throw std::invalid_argument("t_min must be finite and non-negative");
-    if (std::isnan(r.t_max)) throw std::invalid_argument("t_max must not be NaN");
-  }
+  check_rays_(rays);
   std::vector<VulkanHit> hits(rays.size());
   if (rays.empty()) return hits;
   static_assert(sizeof(backend::Ray) == 36);
