@@ -720,6 +720,8 @@ def assemble_sif_source_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     phi_bins, n_bands) in the source's unit; uint32 sample counts 'spatial_counts'
     (n_instances, cell_stride), 'orientation_counts' (n_instances, theta_bins, phi_bins),
     'joint_counts' (n_instances, cell_stride, theta_bins, phi_bins); and '_execution'.
+    Optional 'n_instances', 'n_samples', 'n_bands' give the counts (then every array
+    may be flat; 2-D arrays must match them).
     Cell (ix, iy, iz) is slot (iz * ny + iy) * nx + ix. The tables, with n_sif_bands =
     n_bands, are what set_instance_sif_source_fields takes.
     """
@@ -735,7 +737,8 @@ def execute_energy_balance_process_cpu(scene: EmbreeSceneManager, request: dict)
     element, Newton on Rabs - e s sigma T^4 - Gh (T - Ta) - C (es(T) - ea) - G = 0, inside
     a coupling loop that reruns the longwave transport at the current temperatures.
     The scene must be built; it keeps the emissivities and the final temperatures as
-    its per-primitive values. request: 'primitive_material_ids' int32 per primitive,
+    its per-primitive values. request: 'primitive_material_ids' int32 per primitive
+    (optional 'n_elements' must equal its length),
     and per material 'material_active' 0/1, 'material_initial_temperature' K,
     'material_emissivity' 0..1, 'material_sidedness' 1..2 (above 1 the underside takes
     in radiation too), 'material_sensible_derivative' W m-2 K-1 (Gh),
@@ -762,6 +765,7 @@ def execute_photosynthesis_process_dynamic_cpu(scene: EmbreeSceneManager, reques
     keeps the emissivities and the coupled temperatures as its per-primitive values.
     request, one float32 value per primitive unless noted: 'active', 'fluorescent'
     0/1 flags (inactive elements keep their temperature and report zeros);
+    optional 'n_elements' int, which must equal the length of 'active';
     'apar' umol m-2 s-1; 'absorbed_shortwave' W m-2; 'initial_temperature' K;
     'emissivity' 0..1; 'sidedness' 1..2; 'leaf_width' m; 'stomata_sides';
     'vcmax25', 'jmax25', 'rd25' umol m-2 s-1; 'ball_berry_slope';
@@ -790,14 +794,15 @@ def execute_photosynthesis_process_static_cpu(scene: EmbreeSceneManager, request
     request: dict of
       'absorbed_top', 'absorbed_bottom', 'absorbed_direct': float32 (elements, bands),
           W m-2 per band absorbed on each side, and the part of their sum that came
-          straight from the sun;
+          straight from the sun; or flat, element-major, with 'n_elements' and 'n_bands'
+          given (counts given beside 2-D arrays must match their shapes);
       'wavelengths': float32 (bands,) nm; only bands in 400..700 nm (inclusive) count as
           PAR, converted to umol m-2 s-1 of photons at the band's wavelength;
       'sunlit_fraction': float32 (elements,) 0..1;
       'temperature_sunlit', 'temperature_shaded': float32 (elements,) K;
       'material_ids': int32 (elements,), -1 for none (the element is then inactive);
       'material_active', 'material_fluorescent': 0/1 flags (materials,); their length is
-          the number of materials;
+          the number of materials unless 'n_materials' gives it;
       'vcmax25', 'jmax25', 'rd25' umol m-2 s-1 at 25 C, 'ball_berry_slope',
           'ball_berry_intercept' mol m-2 s-1, 'quantum_yield' 0..1: float32 (materials,);
       'co2' float umol mol-1, 'relative_humidity' float 0..1, 'max_iterations' int and
@@ -815,7 +820,9 @@ def finalize_sif_process_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     absorbed spectra at the bands that excite fluorescence. A validated gather, no
     physics; the scene is not read and need not be built.
     request: 'absorbed_top', 'absorbed_bottom' float32 (n_elements, n_bands), absorbed
-    flux per band on each side (any unit, copied as is, never negative);
+    flux per band on each side (any unit, copied as is, never negative), or flat,
+    element-major, with 'n_elements' and 'n_bands' given; optional 'n_selected' and
+    'n_materials' (counts given must match the arrays);
     'material_ids' int32 (n_elements,), -1 for no material; 'material_phi_f' float32
     (n_materials,) yields 0..1; 'selected_band_indices' int32 (n_selected,), strictly
     increasing band indices; optional 'element_phi_f' float32 (n_elements,) yields 0..1
@@ -1008,7 +1015,10 @@ def solve_physiology_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     'max_iterations' int and 'tolerance' float shared by the ci and temperature
     iterations; optional 'dynamic_energy_balance' bool, which needs
     'absorbed_shortwave', 'absorbed_longwave' W m-2, 'air_temperature' K,
-    'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides'.
+    'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides',
+    and optional 'solve_leaf_temperature' (True: Newton; False: the fluxes at the
+    given temperature). Optional 'n_elements', 'n_bands' must match apar's shape;
+    'read_back_outputs' is accepted and changes nothing here.
     Returns float32 'an' umol m-2 s-1, 'gs' mol m-2 s-1, 'ci' umol mol-1, 'phi_f', bool
     'converged' (non-convergence is reported here, never raised), with the energy
     balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'

@@ -217,7 +217,7 @@ void bind_energy_balance_processes(py::module_& m) {
       [](EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(
             request,
-            {"active", "fluorescent", "apar", "absorbed_shortwave", "initial_temperature",
+            {"n_elements", "active", "fluorescent", "apar", "absorbed_shortwave", "initial_temperature",
              "emissivity", "sidedness", "leaf_width", "stomata_sides", "vcmax25", "jmax25",
              "rd25", "ball_berry_slope", "ball_berry_intercept", "quantum_yield", "conditional",
              "sunlit_fraction", "apar_sunlit", "apar_shaded", "shortwave_sunlit",
@@ -230,6 +230,11 @@ void bind_energy_balance_processes(py::module_& m) {
         backend::DynamicPhotosynthesisProcessRequestView v;
         v.active = a.take_bytes(request, "active");
         v.n_elements = int32_t(std::min<size_t>(v.active.size, 0x7fffffff));
+        RequestCount elements(request, "n_elements");
+        if (elements.given && elements.value != int64_t(v.active.size))
+          throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
+                                " does not match active of shape (" +
+                                std::to_string(v.active.size) + ",)");
         v.fluorescent = a.take_bytes(request, "fluorescent");
         v.apar = a.take(request, "apar");
         v.absorbed_shortwave = a.take(request, "absorbed_shortwave");
@@ -293,6 +298,7 @@ void bind_energy_balance_processes(py::module_& m) {
       "keeps the emissivities and the coupled temperatures as its per-primitive values.\n"
       "request, one float32 value per primitive unless noted: 'active', 'fluorescent'\n"
       "0/1 flags (inactive elements keep their temperature and report zeros);\n"
+      "optional 'n_elements' int, which must equal the length of 'active';\n"
       "'apar' umol m-2 s-1; 'absorbed_shortwave' W m-2; 'initial_temperature' K;\n"
       "'emissivity' 0..1; 'sidedness' 1..2; 'leaf_width' m; 'stomata_sides';\n"
       "'vcmax25', 'jmax25', 'rd25' umol m-2 s-1; 'ball_berry_slope';\n"
@@ -316,7 +322,7 @@ void bind_energy_balance_processes(py::module_& m) {
       [](EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(
             request,
-            {"primitive_material_ids", "material_active", "material_initial_temperature",
+            {"n_elements", "primitive_material_ids", "material_active", "material_initial_temperature",
              "material_emissivity", "material_sidedness", "material_sensible_derivative",
              "material_latent_coefficient", "material_ground_heat", "material_sw_albedo",
              "precomputed_shortwave", "absorbed_shortwave_top", "absorbed_shortwave_bottom",
@@ -328,6 +334,11 @@ void bind_energy_balance_processes(py::module_& m) {
         RequestArrays a;
         const backend::IntSpan ids_span = a.take_ints(request, "primitive_material_ids");
         const std::vector<int32_t> ids(ids_span.data, ids_span.data + ids_span.size);
+        RequestCount elements(request, "n_elements");
+        if (elements.given && elements.value != int64_t(ids.size()))
+          throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
+                                " does not match primitive_material_ids of shape (" +
+                                std::to_string(ids.size()) + ",)");
         const std::vector<uint8_t> active =
             fan_out<uint8_t>(request, "material_active", ids, "an array of 0/1 flags");
         const char* fl = "a float array";
@@ -379,7 +390,8 @@ void bind_energy_balance_processes(py::module_& m) {
       "element, Newton on Rabs - e s sigma T^4 - Gh (T - Ta) - C (es(T) - ea) - G = 0, inside\n"
       "a coupling loop that reruns the longwave transport at the current temperatures.\n"
       "The scene must be built; it keeps the emissivities and the final temperatures as\n"
-      "its per-primitive values. request: 'primitive_material_ids' int32 per primitive,\n"
+      "its per-primitive values. request: 'primitive_material_ids' int32 per primitive\n"
+      "(optional 'n_elements' must equal its length),\n"
       "and per material 'material_active' 0/1, 'material_initial_temperature' K,\n"
       "'material_emissivity' 0..1, 'material_sidedness' 1..2 (above 1 the underside takes\n"
       "in radiation too), 'material_sensible_derivative' W m-2 K-1 (Gh),\n"

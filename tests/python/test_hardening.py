@@ -246,3 +246,49 @@ def test_vesk_quiet_silences_the_tracers_log_lines(quiet):
     else:
         assert [line.split(":")[0] for line in logged] == ["Forward flux (CPU)",
                                                            "Forward fPAR (CPU)"]
+
+
+def request_forms():
+    """Per process entry: the call, a request in 2-D form, the counts of the flat form,
+    the arrays it flattens, and a count changed to contradict the 2-D shapes."""
+    from test_energy_balance import dyn_request, eb_request, leaf, scene_of
+    from test_photosynthesis import photosynthesis_request
+    from test_physiology import leaf_request
+    from test_sif import assembly_request, sif_request
+    spectra = ("absorbed_top", "absorbed_bottom")
+    return {
+        "static": (vk.execute_photosynthesis_process_static_cpu, photosynthesis_request(),
+                   dict(n_elements=5, n_bands=4, n_materials=3),
+                   spectra + ("absorbed_direct",), dict(n_bands=3)),
+        "sif": (vk.finalize_sif_process_cpu, sif_request(),
+                dict(n_elements=4, n_bands=5, n_selected=2, n_materials=2), spectra,
+                dict(n_elements=3)),
+        "assembly": (vk.assemble_sif_source_cpu, assembly_request(),
+                     dict(n_instances=2, n_samples=8, n_bands=2),
+                     ("positions", "normals", "grid_dims", "source", "direct_source",
+                      "bounds_min", "bounds_max"), dict(n_samples=9)),
+        "leaf": (vk.solve_physiology_cpu, leaf_request(), dict(n_elements=4, n_bands=2), (),
+                 dict(n_bands=1)),
+        "dynamic": (lambda s, r: vk.execute_photosynthesis_process_dynamic_cpu(scene_of(leaf()), r),
+                    dyn_request(2, n_samples=4, max_iterations=3), dict(n_elements=2), (),
+                    dict(n_elements=3)),
+        "energy": (lambda s, r: vk.execute_energy_balance_process_cpu(scene_of(leaf()), r),
+                   eb_request(2, n_samples=4, max_iterations=3), dict(n_elements=2), (),
+                   dict(n_elements=1)),
+    }
+
+
+@pytest.mark.parametrize("entry", ["static", "sif", "assembly", "leaf", "dynamic", "energy"])
+def test_process_requests_take_flat_arrays_with_counts_or_2d_arrays(entry):
+    run, request, counts, flattened, wrong = request_forms()[entry]
+    s = vk.EmbreeSceneManager()
+    flat = {**request, **counts, **{k: np.ravel(request[k]) for k in flattened}}
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")  # no key the documentation names may draw a warning
+        shaped, given = run(s, request), run(s, flat)
+    for key in shaped:
+        if key != "_execution":
+            np.testing.assert_array_equal(given[key], shaped[key], err_msg=f"{entry}: {key}")
+    (key, value), = wrong.items()
+    with pytest.raises(ValueError, match=rf"^request\['{key}'\] = {value} does not match "):
+        run(s, {**request, **counts, **wrong})
