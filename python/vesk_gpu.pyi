@@ -81,7 +81,8 @@ class EmbreeSceneManager:
         distance) inside a medium whose first-order path already ran b (observation distance)
         inside it: the paths share leaves over the characteristic length, shrinking with the
         angle between source and observation directions. exp(-tau) without correlation;
-        never above 1.
+        never above 1. A non-finite number or a zero direction is refused (ValueError
+        naming it).
         """
     def geometry_build_revision(self: EmbreeSceneManager) -> int:
         """Counter raised by build() and refit_ias(); results made from an older revision are stale."""
@@ -160,6 +161,7 @@ class EmbreeSceneManager:
         (sigma = leaf_area_density * G(direction), summed over the media), and the medium
         hit, chosen by selection_sample in proportion to sigma. Returns 'distance' (the
         largest float when nothing can collide), 'sigma_total', 'selected_slot', 'medium_id'.
+        A non-finite number or a zero direction is refused (ValueError naming it).
         """
     def save(self: EmbreeSceneManager, path: object) -> None:
         """Write the scene to one .npz file at path, exactly as given (no suffix is added):

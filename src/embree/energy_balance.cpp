@@ -138,8 +138,10 @@ float3 unit_sun(float x, float y, float z) {
   return {x / l, y / l, z / l};
 }
 
-// Runs body(p) for every primitive on the workers, each taking the next primitive from
-// one counter. Every primitive writes only its own result slots.
+// Runs body(p, cancel) for every primitive on the workers, each taking the next primitive
+// from one counter. Every primitive writes only its own result slots. A body with many
+// samples looks at `cancel` between them (SAMPLES_PER_CANCEL_CHECK), so that an interrupt
+// or a failed worker stops the run within a fraction of a second.
 template <class Body>
 void for_each_primitive(const EmbreeSceneManager& scene, size_t n, int32_t threads,
                         const Body& body) {
@@ -153,10 +155,15 @@ void for_each_primitive(const EmbreeSceneManager& scene, size_t n, int32_t threa
         for (;;) {
           const int64_t p = next.fetch_add(1, std::memory_order_relaxed);
           if (p >= int64_t(n) || cancel.load(std::memory_order_relaxed)) return;
-          body(size_t(p));
+          body(size_t(p), cancel);
         }
       },
       {}, cancel);
+}
+
+constexpr int32_t SAMPLES_PER_CANCEL_CHECK = 16;
+inline bool cancelled(int32_t sample, const std::atomic<bool>& cancel) {
+  return sample % SAMPLES_PER_CANCEL_CHECK == 0 && cancel.load(std::memory_order_relaxed);
 }
 
 void check_sun_direction(const char* prefix, float x, float y, float z) {
@@ -233,11 +240,12 @@ void render_energy_balance(const EmbreeSceneManager& scene, const EnergyBalanceR
     return l;
   };
 
-  for_each_primitive(scene, n, r.threads, [&](size_t p) {
+  for_each_primitive(scene, n, r.threads, [&](size_t p, const std::atomic<bool>& cancel) {
     const float3 N = prims.normals[p];
     if (dot(N, N) == 0.0f) return;  // a degenerate triangle receives nothing
     double top = 0.0, bot = 0.0, top_sun = 0.0, bot_sun = 0.0;
     for (int32_t i = 0; i < n_samples; ++i) {
+      if (cancelled(i, cancel)) return;
       RNG rng = sample_rng(p, uint64_t(i));
       const float u = rng.next_float(), v = rng.next_float();
       const float3 P = point_on(prims, p, u, v);
@@ -393,7 +401,7 @@ void render_energy_balance_multiband(const EmbreeSceneManager& scene,
     }
   };
 
-  for_each_primitive(scene, n, r.threads, [&](size_t p) {
+  for_each_primitive(scene, n, r.threads, [&](size_t p, const std::atomic<bool>& cancel) {
     const float3 N = prims.normals[p];
     if (dot(N, N) == 0.0f) return;
     double top[MAX_EB_BANDS] = {}, bot[MAX_EB_BANDS] = {};
@@ -401,6 +409,7 @@ void render_energy_balance_multiband(const EmbreeSceneManager& scene,
     double top_sun = 0.0, bot_sun = 0.0;
     int64_t lit = 0;
     for (int32_t i = 0; i < n_samples; ++i) {
+      if (cancelled(i, cancel)) return;
       RNG rng = sample_rng(p, uint64_t(i));
       const float u = rng.next_float(), v = rng.next_float();
       const float3 P = point_on(prims, p, u, v);

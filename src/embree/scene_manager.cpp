@@ -423,6 +423,8 @@ std::vector<EmbreeHit> EmbreeSceneManager::trace_closest(
   for (const backend::Ray& r : rays) {
     check_coordinates("origins", &r.origin.x, 3);
     check_coordinates("directions", &r.direction.x, 3);
+    if (r.direction.x == 0.0f && r.direction.y == 0.0f && r.direction.z == 0.0f)
+      throw std::invalid_argument("directions contains a zero direction");
     if (!(r.t_min >= 0.0f) || !std::isfinite(r.t_min))
       throw std::invalid_argument("t_min must be finite and non-negative");
     if (std::isnan(r.t_max)) throw std::invalid_argument("t_max must not be NaN");
