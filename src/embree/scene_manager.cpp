@@ -330,6 +330,8 @@ EmbreeSceneManager::SceneBox EmbreeSceneManager::instances_box(
 }
 
 std::pair<float3, float3> EmbreeSceneManager::aabb() const {
+  // A scene with nothing in it has the empty box that a build would give it.
+  if (!built_ && instances_.empty()) return {SceneBox{}.lo, SceneBox{}.hi};
   return {float3{x_min_, y_min_, min_height_}, float3{x_max_, y_max_, max_height_}};
 }
 
