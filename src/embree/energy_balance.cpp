@@ -166,10 +166,13 @@ inline bool cancelled(int32_t sample, const std::atomic<bool>& cancel) {
   return sample % SAMPLES_PER_CANCEL_CHECK == 0 && cancel.load(std::memory_order_relaxed);
 }
 
-void check_sun_direction(const char* prefix, float x, float y, float z) {
-  const float d[3] = {x, y, z};
-  check_finite("sun direction", d, 3);
-  if (!(double(x) * x + double(y) * y + double(z) * z > 0.0))
+// Every component must be finite, whether or not a sun is given: a NaN is a mistake
+// even where it goes unread. Zero only matters when the sun is used.
+void check_sun_direction(const char* prefix, float x, float y, float z, bool used) {
+  check_finite("sun_dir_x", x);
+  check_finite("sun_dir_y", y);
+  check_finite("sun_dir_z", z);
+  if (used && !(double(x) * x + double(y) * y + double(z) * z > 0.0))
     throw std::invalid_argument(std::string(prefix) + ": the sun direction must not be zero");
 }
 
@@ -192,8 +195,8 @@ void validate_energy_balance(const EmbreeSceneManager& scene, const EnergyBalanc
   if (r.sun_irradiance) check_finite("sun_irradiance", r.sun_irradiance, 1);
   if (r.sky_diffuse_radiance) check_non_negative("sky_diffuse_radiance", r.sky_diffuse_radiance, 1);
   check_non_negative("sky_lw_radiance", &r.sky_lw_radiance, 1);
-  if (r.band_type == 0 && r.sun_irradiance && *r.sun_irradiance > 0.0f)
-    check_sun_direction("run_energy_balance", r.sun_dir_x, r.sun_dir_y, r.sun_dir_z);
+  check_sun_direction("run_energy_balance", r.sun_dir_x, r.sun_dir_y, r.sun_dir_z,
+                      r.band_type == 0 && r.sun_irradiance && *r.sun_irradiance > 0.0f);
   if (!scene.is_built())
     throw std::runtime_error("EB RRT: scene has no geometry. Call scene.build() first.");
 }
@@ -312,7 +315,7 @@ void validate_energy_balance_multiband(const EmbreeSceneManager& scene,
   if (r.sun_irradiance) check_non_negative("sun_irradiance", r.sun_irradiance, size_t(r.n_bands));
   if (r.sky_diffuse_radiance)
     check_non_negative("sky_diffuse_radiance", r.sky_diffuse_radiance, size_t(r.n_bands));
-  if (r.sun_irradiance) check_sun_direction(P, r.sun_dir_x, r.sun_dir_y, r.sun_dir_z);
+  check_sun_direction(P, r.sun_dir_x, r.sun_dir_y, r.sun_dir_z, r.sun_irradiance != nullptr);
   if (!scene.is_built())
     throw std::runtime_error("EB multiband RRT: scene has no geometry. Call scene.build() first.");
   // Without a sky of its own, a walk that escapes reads the scene's sky.

@@ -130,6 +130,8 @@ def test_transports_do_not_depend_on_the_thread_count(monkeypatch):
     (dict(sw_albedos=np.ones((2, 1), F)), ValueError, "sw_albedos must be 1D (flattened"),
     (dict(sw_albedos=np.ones(3, F)), ValueError, "sw_albedos must have n_primitives values"),
     (dict(sky_diffuse_radiance=-1.0), ValueError, "sky_diffuse_radiance contains a negative"),
+    # A NaN is refused by name even where no sun would read it.
+    (dict(sun_dir_y=float("nan")), ValueError, "sun_dir_y contains a non-finite value"),
 ])
 def test_single_band_refusals(kwargs, error, text):
     with pytest.raises(error, match=text.replace("(", r"\(").replace(")", r"\)")):
@@ -148,6 +150,8 @@ def test_single_band_refusals(kwargs, error, text):
      "sw_albedos must have n_bands \\* n_primitives values"),
     (dict(sky_directional_table=np.ones(3, F)), "directional sky must have n_bands \\* 16 \\* 32"),
     (dict(sw_reflectance=np.ones(2, F)), "split Mesh optics require sw_reflectance"),
+    (dict(sun_dir_z=float("inf"), sky_diffuse_radiance=np.ones(1, F)),
+     "sun_dir_z contains a non-finite value"),
 ])
 def test_multiband_refusals_in_order(kwargs, text):
     kwargs = dict(dict(n_bands=1), **kwargs)
