@@ -745,7 +745,11 @@ def execute_energy_balance_process_cpu(scene: EmbreeSceneManager, request: dict)
     'material_emissivity' 0..1, 'material_sidedness' 1..2 (above 1 the underside takes
     in radiation too), 'material_sensible_derivative' W m-2 K-1 (Gh),
     'material_latent_coefficient' W m-2 Pa-1 (C), 'material_ground_heat' W m-2 (G, a
-    sink), 'material_sw_albedo' 0..1. Scalars 'air_temperature' K, 'vapor_pressure' Pa,
+    sink), 'material_sw_albedo' 0..1; or, without 'primitive_material_ids', the same
+    per primitive as 'active', 'initial_temperature', 'emissivity', 'sidedness',
+    'sensible_derivative', 'latent_coefficient', 'ground_heat', 'sw_albedo' (with an
+    optional 'n_elements' that their lengths must match). Scalars 'air_temperature' K,
+    'vapor_pressure' Pa,
     'sky_lw_radiance' W m-2 sr-1; optional 'sw_direct' W m-2 (0), 'sw_diffuse_radiance'
     W m-2 sr-1 (0), 'sun_dir_x', 'sun_dir_y', 'sun_dir_z' toward the sun (0, 0, 1),
     'n_samples' (64), 'max_iterations' (20), 'convergence_tolerance' K (0.01), 'damping'
