@@ -307,8 +307,9 @@ def media_ground():
 
 UP = np.array([0.0, 0.0, 1.0], F)
 ROWS = np.array([[5.0, 5.0, 3.0], [1.0, 2.0, 3.0]], F)
-# Every query entry with working arguments; the sweep puts NaN, inf and (in directions)
-# zero in one argument, or in one coordinate of it, at a time.
+# Every query entry (the scene's and the microwave evaluators) with working arguments; the
+# sweep puts NaN, inf and (in directions) zero in one argument, or in one coordinate of
+# it, at a time.
 QUERIES = {
     "trace_closest": (lambda s, **a: s.trace_closest(**a), dict(
         origins=ROWS, directions=-ROWS / np.linalg.norm(ROWS, axis=1)[:, None], t_min=1e-4,
@@ -321,12 +322,36 @@ QUERIES = {
                    observation_distance=0.5, source_direction=np.array([0.3, 0.2, 0.93], F),
                    observation_direction=UP), {"source_direction", "observation_direction"}),
 }
+SOIL = np.array([0.3, 0.2, 0.25, 0, 1, 1.5, 0, 295, 290, 1, 0.01, 0], F)
+TRUNK = np.array([0.15, 6.0, 0.4, 295.0, 0.0, 0.0, 1.0], F)
+COSINES = np.cos(np.radians([0.0, 30.0, 60.0])).astype(F)
+QUERIES.update({
+    "_evaluate_microwave_soil": (lambda s, **a: vk._evaluate_microwave_soil(**a), dict(
+        frequency=1.4e9, parameters=SOIL, cosines=COSINES, active=True), set()),
+    "_evaluate_microwave_soil_reflectivity": (
+        lambda s, **a: vk._evaluate_microwave_soil_reflectivity(**a),
+        dict(frequency=5.3e9, parameters=SOIL, cosines=COSINES, allow_hallikainen=True), set()),
+    "_evaluate_microwave_trunk": (lambda s, **a: vk._evaluate_microwave_trunk(**a), dict(
+        frequency=1.4e9, parameters=TRUNK, cosines=COSINES), set()),
+    "_evaluate_microwave_trunk_ground": (lambda s, **a: vk._evaluate_microwave_trunk_ground(**a),
+                                         dict(frequency=1.4e9, soil_parameters=SOIL,
+                                              trunk_parameters=TRUNK,
+                                              directions_to_trunk=np.array([[0.7, 0, -0.714]], F),
+                                              directions_to_ground=np.array([[0.7, 0, -0.714]], F),
+                                              ground_normals=UP[None]),
+                                         {"directions_to_trunk", "directions_to_ground",
+                                          "ground_normals"}),
+    "_microwave_cylinder_amplitude": (lambda s, **a: vk._microwave_cylinder_amplitude(**a), dict(
+        frequency=1.4e9, radius=0.1, permittivity=8 + 2.5j, elevation_incident=0.3,
+        elevation_scattered=0.2, phi=0.7), set()),
+})
 
 
 def bad_arguments():
     for name, (_, args, directions) in QUERIES.items():
         for arg, value in args.items():
-            if isinstance(value, int) or isinstance(value, np.ndarray) and value.dtype != F:
+            if isinstance(value, (int, complex)) or isinstance(value, np.ndarray) and \
+                    value.dtype != F:
                 continue
             bad = ["nan", "inf", "-inf"] + (["zero"] if arg in directions else [])
             if arg == "t_max":  # any t_max but NaN is an interval: infinite or empty
