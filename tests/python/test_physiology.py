@@ -82,3 +82,18 @@ def test_a_converged_temperature_is_kept_as_it_stands():
     second = vk.solve_physiology_cpu(scene, again)
     assert second["converged"].all()
     np.testing.assert_array_equal(second["temperature"], first["temperature"])
+
+
+def test_solve_leaf_temperature_false_gives_the_fluxes_at_the_given_temperature():
+    scene = vk.EmbreeSceneManager()
+    solved = vk.solve_physiology_cpu(scene, leaf_request(energy=True))
+    held = leaf_request(energy=True)
+    held.update(solve_leaf_temperature=False, read_back_outputs=True)
+    fixed = vk.solve_physiology_cpu(scene, held)
+    np.testing.assert_array_equal(fixed["temperature"], held["temperature"])
+    # Away from its balance the leaf does not close it; at the solved temperature it does.
+    residual = fixed["net_radiation"] - fixed["sensible_heat"] - fixed["latent_heat"]
+    assert np.abs(residual).min() > 1.0, "the given temperature is not the balance"
+    held["temperature"] = solved["temperature"]
+    at_root = vk.solve_physiology_cpu(scene, held)
+    np.testing.assert_allclose(at_root["net_radiation"], solved["net_radiation"], rtol=1e-5)
