@@ -222,9 +222,10 @@ void bind_energy_balance_processes(py::module_& m) {
       [](EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(
             request,
-            {"n_elements", "active", "fluorescent", "apar", "absorbed_shortwave", "initial_temperature",
-             "emissivity", "sidedness", "leaf_width", "stomata_sides", "vcmax25", "jmax25",
-             "rd25", "ball_berry_slope", "ball_berry_intercept", "quantum_yield", "conditional",
+            {"n_elements", "active", "fluorescent", "apar", "absorbed_shortwave",
+             "initial_temperature", "emissivity", "sidedness", "leaf_width", "stomata_sides",
+             "vcmax25", "jmax25", "rd25", "ball_berry_slope", "ball_berry_intercept",
+             "quantum_yield", "conditional",
              "sunlit_fraction", "apar_sunlit", "apar_shaded", "shortwave_sunlit",
              "shortwave_shaded", "co2", "relative_humidity", "air_temperature", "vapor_pressure",
              "pressure", "wind", "sky_lw_radiance", "n_samples", "max_iterations",
@@ -348,8 +349,9 @@ void bind_energy_balance_processes(py::module_& m) {
         if (request.contains("primitive_material_ids")) {
           for (const char* k : PER_ELEMENT_KEYS)
             if (request.contains(k))
-              throw py::value_error(std::string("request['") + k + "'] is per element, but the "
-                                    "request gives per-material values with primitive_material_ids");
+              throw py::value_error(std::string("request['") + k +
+                                    "'] is per element, but the request gives per-material "
+                                    "values with primitive_material_ids");
           const backend::IntSpan ids_span = a.take_ints(request, "primitive_material_ids");
           const std::vector<int32_t> ids(ids_span.data, ids_span.data + ids_span.size);
           if (elements.given && elements.value != int64_t(ids.size()))
@@ -369,7 +371,8 @@ void bind_energy_balance_processes(py::module_& m) {
           v.active = span_of(active);
           v.initial_temperature = span_of(t0), v.emissivity = span_of(emis);
           v.sidedness = span_of(sides), v.sensible_derivative = span_of(gh);
-          v.latent_coefficient = span_of(le), v.ground_heat = span_of(g), v.sw_albedo = span_of(alb);
+          v.latent_coefficient = span_of(le), v.ground_heat = span_of(g);
+          v.sw_albedo = span_of(alb);
         } else {
           v.active = a.take_bytes(request, "active");
           v.n_elements = elements.given ? elements.get32()

@@ -52,7 +52,8 @@ void bind_photosynthesis_static(py::module_& m) {
       "execute_photosynthesis_process_static_cpu",
       [](const EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(request,
-                         {"n_elements", "n_bands", "n_materials", "absorbed_top", "absorbed_bottom", "absorbed_direct", "wavelengths",
+                         {"n_elements", "n_bands", "n_materials", "absorbed_top",
+                          "absorbed_bottom", "absorbed_direct", "wavelengths",
                           "sunlit_fraction", "material_ids", "material_active",
                           "material_fluorescent", "temperature_sunlit", "temperature_shaded",
                           "vcmax25", "jmax25", "rd25", "ball_berry_slope",
@@ -76,8 +77,9 @@ void bind_photosynthesis_static(py::module_& m) {
         v.material_ids = arrays.take_ints(request, "material_ids");
         v.material_active = arrays.take_bytes(request, "material_active");
         v.material_fluorescent = arrays.take_bytes(request, "material_fluorescent");
-        v.n_materials = materials.given ? materials.get32()
-                                        : int32_t(std::min<size_t>(v.material_active.size, 0x7fffffff));
+        v.n_materials = materials.given
+                            ? materials.get32()
+                            : int32_t(std::min<size_t>(v.material_active.size, 0x7fffffff));
         v.element_temperature = arrays.take(request, "temperature_sunlit");
         v.element_temperature_shaded = arrays.take(request, "temperature_shaded");
         v.vcmax25 = arrays.take(request, "vcmax25");

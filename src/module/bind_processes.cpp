@@ -14,7 +14,8 @@ void bind_processes(py::module_& m) {
       "solve_physiology_cpu",
       [](const EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(request,
-                         {"n_elements", "n_bands", "apar", "temperature", "co2", "relative_humidity", "vpd", "pressure",
+                         {"n_elements", "n_bands", "apar", "temperature", "co2",
+                          "relative_humidity", "vpd", "pressure",
                           "wind", "vcmax25", "jmax25", "rd25", "ball_berry_slope",
                           "ball_berry_intercept", "quantum_yield", "max_iterations",
                           "tolerance", "dynamic_energy_balance", "absorbed_shortwave",
@@ -56,7 +57,8 @@ void bind_processes(py::module_& m) {
         // On the host every output is always filled, so read_back_outputs changes nothing.
         v.solve_leaf_temperature =
             get_or<bool>(request, "solve_leaf_temperature", true, "a bool");
-        if (request.contains("read_back_outputs")) get<bool>(request, "read_back_outputs", "a bool");
+        if (request.contains("read_back_outputs"))
+          get<bool>(request, "read_back_outputs", "a bool");
         v.read_back_outputs = true;
         if (v.dynamic_energy_balance) {
           v.absorbed_shortwave = arrays.take(request, "absorbed_shortwave");

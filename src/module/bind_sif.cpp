@@ -101,8 +101,9 @@ void bind_sif_processes(py::module_& m) {
       [](const EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(
             request,
-            {"n_instances", "n_samples", "n_bands", "positions", "normals", "instance_ids", "grid_dims", "source", "direct_source",
-             "bounds_min", "bounds_max", "cell_stride", "theta_bins", "phi_bins"},
+            {"n_instances", "n_samples", "n_bands", "positions", "normals", "instance_ids",
+             "grid_dims", "source", "direct_source", "bounds_min", "bounds_max", "cell_stride",
+             "theta_bins", "phi_bins"},
             "assemble_sif_source_cpu");
         RequestArrays a;
         RequestCount instances(request, "n_instances"), samples(request, "n_samples"),
