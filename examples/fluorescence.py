@@ -6,12 +6,11 @@
    fluorescence yield phi_f per leaf.
 3. Finalisation gathers each leaf's yield and its absorbed spectrum in the bands that
    excite fluorescence (here those inside 400-700 nm).
-4. Each leaf then emits phi_f times the energy it absorbed in those bands, spread over
-   wavelength by a two-peak emission shape: Gaussians at 685 nm (sigma 10 nm, the
-   photosystem II peak) and 740 nm (sigma 25 nm, photosystem I and the far-red shoulder),
-   the far-red peak twice the area of the red one, normalised to unit area over
-   wavelength. A leaf emits that energy evenly over its two sides and as a Lambertian
-   surface, so the radiance leaving each side is E / (2 pi) per nm.
+4. vesk.sif_emission turns those into emission spectra: phi_f is a photon yield, so each
+   leaf emits phi_f times the PAR photons it absorbed, spread over wavelength by a
+   two-peak shape (685 nm and 740 nm, vesk.sif_emission_shape) and converted back to
+   energy at the emission wavelength; the red photons absorbed carry more energy than
+   the far-red ones emitted. A leaf emits evenly from its two sides, each Lambertian.
 5. simulate_cpu in SIF-only mode renders what a nadir camera sees of the fluorescence
    alone: out/fluorescence_740nm.png, and out/fluorescence_spectrum.png plots the canopy's
    mean emission spectrum.
@@ -26,6 +25,7 @@ matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
 import numpy as np  # noqa: E402
 
+import vesk  # noqa: E402
 import vesk_gpu as vk  # noqa: E402
 
 F = np.float32
@@ -90,19 +90,12 @@ fin = vk.finalize_sif_process_cpu(scene, dict(
     absorbed_top=absorbed.astype(F), absorbed_bottom=np.zeros((n, bands), F),
     material_ids=np.where(is_leaf, 0, -1).astype(np.int32), material_phi_f=np.zeros(1, F),
     selected_band_indices=excitation, element_phi_f=ps["phi_f"]))
-excited = (fin["absorbed_top_selected"] + fin["absorbed_bottom_selected"]).sum(axis=1)  # W m-2
 
 
-# ---- 4. emission spectra per leaf from the two-peak shape ----
-def emission_shape(wl):
-    """Unit-area (per nm) two-peak fluorescence emission: 685 nm and 740 nm, 1 : 2."""
-    g = lambda mu, s: np.exp(-0.5 * ((wl - mu) / s) ** 2) / (s * np.sqrt(2 * np.pi))  # noqa: E731
-    return (g(685.0, 10.0) + 2.0 * g(740.0, 25.0)) / 3.0
-
-
-emitted = fin["phi_f"].astype(np.float64) * excited  # W m-2 of leaf, all wavelengths
-radiance = emitted[:, None] * emission_shape(wavelengths.astype(np.float64))[None, :] / (2 * np.pi)
-scene.set_primitive_sif_spectra(radiance.T.astype(F).ravel(), bands)  # band-major
+# ---- 4. emission spectra per leaf, counted in photons ----
+sif = vesk.sif_emission(fin["absorbed_top_selected"], fin["absorbed_bottom_selected"],
+                        wavelengths[excitation], fin["phi_f"], emission_wavelengths=wavelengths)
+scene.set_primitive_sif_spectra(sif["spectra"], bands)  # band-major, W m-2 sr-1 nm-1
 
 # ---- 5. a SIF-only nadir image at 740 nm and the canopy spectrum ----
 cam = np.array([1, 0, 0, TILE / 2, 0, 1, 0, TILE / 2, 0, 0, 1, 10, 0, 0, 0, 1], F)
@@ -123,8 +116,10 @@ fig.savefig("out/fluorescence_740nm.png", dpi=100)
 
 fig, ax = plt.subplots(figsize=(5.6, 3.6))
 fine = np.linspace(640, 820, 200)
-mean_emitted = emitted[is_leaf].mean()
-ax.plot(fine, 1e3 * mean_emitted * emission_shape(fine) / (2 * np.pi), label="leaf emission (mean)")
+leaf_emission = vesk.sif_emission(fin["absorbed_top_selected"][is_leaf],
+                                  fin["absorbed_bottom_selected"][is_leaf], wavelengths[excitation],
+                                  fin["phi_f"][is_leaf], emission_wavelengths=fine)["top"]
+ax.plot(fine, 1e3 * leaf_emission.mean(axis=0), label="leaf emission (mean)")
 ax.plot(wavelengths, 1e3 * image.mean(axis=(0, 1)), "o", label="canopy, seen from above")
 ax.set_xlabel("wavelength (nm)"), ax.set_ylabel("radiance (mW m-2 sr-1 nm-1)")
 ax.set_title("Canopy fluorescence spectrum")

@@ -81,7 +81,8 @@ class EmbreeSceneManager:
         distance) inside a medium whose first-order path already ran b (observation distance)
         inside it: the paths share leaves over the characteristic length, shrinking with the
         angle between source and observation directions. exp(-tau) without correlation;
-        never above 1.
+        never above 1. A non-finite number or a zero direction is refused (ValueError
+        naming it).
         """
     def geometry_build_revision(self: EmbreeSceneManager) -> int:
         """Counter raised by build() and refit_ias(); results made from an older revision are stale."""
@@ -160,6 +161,7 @@ class EmbreeSceneManager:
         (sigma = leaf_area_density * G(direction), summed over the media), and the medium
         hit, chosen by selection_sample in proportion to sigma. Returns 'distance' (the
         largest float when nothing can collide), 'sigma_total', 'selected_slot', 'medium_id'.
+        A non-finite number or a zero direction is refused (ValueError naming it).
         """
     def save(self: EmbreeSceneManager, path: object) -> None:
         """Write the scene to one .npz file at path, exactly as given (no suffix is added):
@@ -276,7 +278,11 @@ PHOTON_CHUNK: int
 TURBID_MAX_SAMPLE_BUDGET: int
 
 class VulkanContext:
-    """A Vulkan device with ray queries: instance, logical device and one compute queue."""
+    """A Vulkan device: instance, logical device, one compute queue, and
+    the trace path its programs take ('ray_query', else
+    'ray_pipeline'; VESK_VULKAN_TRACE=query|pipeline forces one, and
+    forcing a path the device lacks is a RuntimeError).
+    """
     def __init__(self: VulkanContext, device_index: int = ...) -> None:
         """Open the compatible device at device_index in the ranking of list_vulkan_devices()."""
     api_version: Any
@@ -285,15 +291,19 @@ class VulkanContext:
     physical_device_index: Any
     queue_family_index: Any
     total_vram_mb: Any
+    trace_path: Any
 
 class VulkanSceneManager:
     """Vulkan scene: the CPU scene's records and setters, resident on the device as one
     bottom-level acceleration structure per mesh and a top-level one over the instances,
-    traced by ray-query compute programs.
+    traced by the device programs in the context's trace path: ray-query compute
+    shaders, or ray-tracing pipelines on devices without ray queries.
     """
-    def __init__(self: VulkanSceneManager, context: VulkanContext, trace_shader: str) -> None:
+    def __init__(self: VulkanSceneManager, context: VulkanContext, trace_shader: str = ...) -> None:
         """A scene on the context's device. trace_shader: the closest-hit program, a path or
-        a file name beside the module (the build makes 'trace_closest.spv').
+        a file name beside the module; the default is the one the build makes. On the
+        ray_pipeline path its ray-generation form '<name>.rgen.spv' is loaded instead, with
+        'hit.rchit.spv' and 'miss.rmiss.spv' from the same folder.
         """
     def aabb(self: VulkanSceneManager) -> tuple:
         """((x_min, y_min, z_min), (x_max, y_max, z_max)) from the transformed corner boxes of
@@ -475,7 +485,8 @@ class VulkanSceneManager:
         simulate_cpu (same seeds and draws, sun next-event estimation through repeated
         tiles, sky, thermal and SIF emission), one invocation per pixel and sample, summed in
         64 bits. Scenes with optical turbid media are refused. Arguments and the returned
-        dict as simulate_cpu's; '_execution' names 'vulkan.ray_query.optical_backward'.
+        dict as simulate_cpu's; '_execution' names the trace path, as
+        'vulkan.ray_query.optical_backward' or 'vulkan.ray_pipeline.optical_backward'.
         """
     def thermal_mode(self: VulkanSceneManager) -> bool:
         ...
@@ -720,6 +731,8 @@ def assemble_sif_source_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     phi_bins, n_bands) in the source's unit; uint32 sample counts 'spatial_counts'
     (n_instances, cell_stride), 'orientation_counts' (n_instances, theta_bins, phi_bins),
     'joint_counts' (n_instances, cell_stride, theta_bins, phi_bins); and '_execution'.
+    Optional 'n_instances', 'n_samples', 'n_bands' give the counts (then every array
+    may be flat; 2-D arrays must match them).
     Cell (ix, iy, iz) is slot (iz * ny + iy) * nx + ix. The tables, with n_sif_bands =
     n_bands, are what set_instance_sif_source_fields takes.
     """
@@ -735,12 +748,17 @@ def execute_energy_balance_process_cpu(scene: EmbreeSceneManager, request: dict)
     element, Newton on Rabs - e s sigma T^4 - Gh (T - Ta) - C (es(T) - ea) - G = 0, inside
     a coupling loop that reruns the longwave transport at the current temperatures.
     The scene must be built; it keeps the emissivities and the final temperatures as
-    its per-primitive values. request: 'primitive_material_ids' int32 per primitive,
+    its per-primitive values. request: 'primitive_material_ids' int32 per primitive
+    (optional 'n_elements' must equal its length),
     and per material 'material_active' 0/1, 'material_initial_temperature' K,
     'material_emissivity' 0..1, 'material_sidedness' 1..2 (above 1 the underside takes
     in radiation too), 'material_sensible_derivative' W m-2 K-1 (Gh),
     'material_latent_coefficient' W m-2 Pa-1 (C), 'material_ground_heat' W m-2 (G, a
-    sink), 'material_sw_albedo' 0..1. Scalars 'air_temperature' K, 'vapor_pressure' Pa,
+    sink), 'material_sw_albedo' 0..1; or, without 'primitive_material_ids', the same
+    per primitive as 'active', 'initial_temperature', 'emissivity', 'sidedness',
+    'sensible_derivative', 'latent_coefficient', 'ground_heat', 'sw_albedo' (with an
+    optional 'n_elements' that their lengths must match). Scalars 'air_temperature' K,
+    'vapor_pressure' Pa,
     'sky_lw_radiance' W m-2 sr-1; optional 'sw_direct' W m-2 (0), 'sw_diffuse_radiance'
     W m-2 sr-1 (0), 'sun_dir_x', 'sun_dir_y', 'sun_dir_z' toward the sun (0, 0, 1),
     'n_samples' (64), 'max_iterations' (20), 'convergence_tolerance' K (0.01), 'damping'
@@ -762,6 +780,7 @@ def execute_photosynthesis_process_dynamic_cpu(scene: EmbreeSceneManager, reques
     keeps the emissivities and the coupled temperatures as its per-primitive values.
     request, one float32 value per primitive unless noted: 'active', 'fluorescent'
     0/1 flags (inactive elements keep their temperature and report zeros);
+    optional 'n_elements' int, which must equal the length of 'active';
     'apar' umol m-2 s-1; 'absorbed_shortwave' W m-2; 'initial_temperature' K;
     'emissivity' 0..1; 'sidedness' 1..2; 'leaf_width' m; 'stomata_sides';
     'vcmax25', 'jmax25', 'rd25' umol m-2 s-1; 'ball_berry_slope';
@@ -790,14 +809,15 @@ def execute_photosynthesis_process_static_cpu(scene: EmbreeSceneManager, request
     request: dict of
       'absorbed_top', 'absorbed_bottom', 'absorbed_direct': float32 (elements, bands),
           W m-2 per band absorbed on each side, and the part of their sum that came
-          straight from the sun;
+          straight from the sun; or flat, element-major, with 'n_elements' and 'n_bands'
+          given (counts given beside 2-D arrays must match their shapes);
       'wavelengths': float32 (bands,) nm; only bands in 400..700 nm (inclusive) count as
           PAR, converted to umol m-2 s-1 of photons at the band's wavelength;
       'sunlit_fraction': float32 (elements,) 0..1;
       'temperature_sunlit', 'temperature_shaded': float32 (elements,) K;
       'material_ids': int32 (elements,), -1 for none (the element is then inactive);
       'material_active', 'material_fluorescent': 0/1 flags (materials,); their length is
-          the number of materials;
+          the number of materials unless 'n_materials' gives it;
       'vcmax25', 'jmax25', 'rd25' umol m-2 s-1 at 25 C, 'ball_berry_slope',
           'ball_berry_intercept' mol m-2 s-1, 'quantum_yield' 0..1: float32 (materials,);
       'co2' float umol mol-1, 'relative_humidity' float 0..1, 'max_iterations' int and
@@ -815,7 +835,9 @@ def finalize_sif_process_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     absorbed spectra at the bands that excite fluorescence. A validated gather, no
     physics; the scene is not read and need not be built.
     request: 'absorbed_top', 'absorbed_bottom' float32 (n_elements, n_bands), absorbed
-    flux per band on each side (any unit, copied as is, never negative);
+    flux per band on each side (any unit, copied as is, never negative), or flat,
+    element-major, with 'n_elements' and 'n_bands' given; optional 'n_selected' and
+    'n_materials' (counts given must match the arrays);
     'material_ids' int32 (n_elements,), -1 for no material; 'material_phi_f' float32
     (n_materials,) yields 0..1; 'selected_band_indices' int32 (n_selected,), strictly
     increasing band indices; optional 'element_phi_f' float32 (n_elements,) yields 0..1
@@ -827,14 +849,20 @@ def finalize_sif_process_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     """
 
 def list_vulkan_devices() -> list:
-    """Every Vulkan device, ranked: compatible ones first (ray query, acceleration structures
-    and buffer device addresses), then discrete, integrated, virtual, CPU; then more
+    """Every Vulkan device, ranked: compatible ones first (acceleration structures, buffer
+    device addresses, and ray query or ray-tracing pipelines), then discrete, integrated,
+    virtual, CPU; then more
     device-local memory. Each is a dict with 'device_index' (its index for VulkanContext,
     -1 when incompatible), 'physical_index', 'name', 'vendor_id', 'device_id',
     'device_type', 'is_discrete', 'api_version', 'device_local_memory_mb',
     'has_compute_queue', 'has_acceleration_structure', 'has_ray_query',
-    'has_buffer_device_address', 'compatible' and 'unavailable_reason' (empty when
-    compatible). An empty list when the machine has no Vulkan loader or driver.
+    'has_buffer_device_address', 'compatible', 'unavailable_reason' (empty when
+    compatible; 'ray query unavailable' means neither ray query nor ray-tracing
+    pipelines), 'has_ray_tracing_pipeline' and 'trace_path': 'ray_query' or
+    'ray_pipeline', the path a VulkanContext on it takes (ray query where the device has
+    it, unless the environment variable VESK_VULKAN_TRACE=query|pipeline forces one), or
+    '' when it cannot be opened. An empty list when the machine has no Vulkan loader or
+    driver.
     """
 
 def make_cylinder(radius: float, height: float, segments: int = ...) -> dict:
@@ -1008,7 +1036,10 @@ def solve_physiology_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     'max_iterations' int and 'tolerance' float shared by the ci and temperature
     iterations; optional 'dynamic_energy_balance' bool, which needs
     'absorbed_shortwave', 'absorbed_longwave' W m-2, 'air_temperature' K,
-    'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides'.
+    'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides',
+    with the leaf temperature solved by Newton. Optional 'n_elements', 'n_bands' must
+    match apar's shape; 'solve_leaf_temperature' and 'read_back_outputs' are accepted
+    and change nothing here (this form always solves and reads everything back).
     Returns float32 'an' umol m-2 s-1, 'gs' mol m-2 s-1, 'ci' umol mol-1, 'phi_f', bool
     'converged' (non-convergence is reported here, never raised), with the energy
     balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'

@@ -7,7 +7,8 @@ this package helps set them up and read what they return:
                  sun_direction, look_at, principal_plane, view_direction,
                  load_mesh (OBJ, PLY), make_tree (porous crowns of leaves)
   running        progress_bar (tqdm), leaf_request (the leaf solver's inputs with
-                 typical values)
+                 typical values), sif_emission (fluorescence spectra per primitive
+                 from absorbed light, through photons)
   results        save_image (tone-mapped PNG), save_figure, to_xarray (labelled
                  Datasets, with .to_netcdf()), flux_extent
   LiDAR          write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
@@ -24,7 +25,7 @@ from vesk.image import save_figure, save_image, tone_map
 from vesk.labels import flux_extent, to_xarray
 from vesk.las import write_las
 from vesk.mesh import Tree, load_mesh, make_tree
-from vesk.physiology import leaf_request
+from vesk.physiology import leaf_request, sif_emission, sif_emission_shape
 from vesk.progress import progress_bar
 from vesk.scan import airborne_line_scan, terrestrial_scan
 from vesk.spectra import Spectra, lambertian, leaf, rpv
@@ -33,5 +34,6 @@ __version__ = vk.__version__
 
 __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_at",
            "principal_plane", "view_direction", "load_mesh", "make_tree", "Tree",
-           "save_image", "save_figure", "tone_map", "leaf_request", "to_xarray", "flux_extent", "progress_bar",
+           "save_image", "save_figure", "tone_map", "leaf_request", "sif_emission",
+           "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
            "write_las", "airborne_line_scan", "terrestrial_scan"]

@@ -113,7 +113,8 @@ OpticalMediaTable validate_optical_turbid_media(const std::vector<float>& densit
 float projection_g(const OpticalTurbidMediumData& m, const float3& d) {
   const float mu = std::min(std::fabs(d.z), 1.0f);
   const float degrees = std::acos(mu) * 57.29578f;
-  const int32_t i = std::min(int32_t(degrees), G_TABLE_SIZE - 1);
+  // A NaN direction must give NaN, not an index before the table.
+  const int32_t i = degrees >= 0.0f ? std::min(int32_t(degrees), G_TABLE_SIZE - 1) : 0;
   const float frac = degrees - float(i);
   const int32_t j = i < G_TABLE_SIZE - 1 ? i + 1 : i;
   return (1.0f - frac) * m.projection_g[i] + frac * m.projection_g[j];

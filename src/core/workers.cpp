@@ -105,7 +105,17 @@ void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, 
   const auto interval = std::chrono::milliseconds(PROGRESS_INTERVAL_MS);
   std::atomic<bool> cancel{false};
   auto last_report = clock::now();
-  int64_t reported = 0;
+  int64_t reported = 0, next_batch = PROGRESS_BATCH;
+  auto tell = [&](int64_t n) {
+    if (n > reported) report(n), reported = n;
+  };
+  // Every batch end that `done` items have passed, in order; the last one is the run's end.
+  auto batch_ends = [&](int64_t done) {
+    for (; next_batch <= done && next_batch < count; next_batch += PROGRESS_BATCH) {
+      tell(next_batch);
+      last_report = clock::now();
+    }
+  };
   const int64_t stop = first + count;
   for (int64_t start = first; start < stop; start += round_size) {
     const int64_t end = std::min(stop, start + round_size);
@@ -147,9 +157,10 @@ void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, 
           if (running == 0) break;
           lock.unlock();
           poll_interrupt();
+          const int64_t n = finished.load(std::memory_order_relaxed);
+          batch_ends(n);
           if (clock::now() >= last_report + interval) {
-            const int64_t n = finished.load(std::memory_order_relaxed);
-            if (n > reported) report(n), reported = n;
+            tell(n);
             last_report = clock::now();
           }
           lock.lock();
@@ -158,9 +169,8 @@ void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, 
     }
     run_workers(threads, worker, caller, cancel);
     if (report) {
-      report(end - first);
-      reported = end - first;
-      last_report = clock::now();
+      batch_ends(end - first);
+      if (end == stop) report(count), reported = count;
     }
   }
 }

@@ -35,6 +35,9 @@ void run_workers(int threads, const std::function<void(int)>& worker,
 // How often, at least, a counted run with a listener tells it how far it got: a user
 // watching a progress bar wants to see it move, whatever the size of a round.
 constexpr int PROGRESS_INTERVAL_MS = 250;
+// Items per batch of a counted run: a listener hears of every batch end, counted from the
+// first item of the run, whatever the rounds the work runs in.
+constexpr int64_t PROGRESS_BATCH = 1000000;
 
 // Items first .. first + count - 1 in rounds of round_size, in order. Each round starts
 // `threads` workers that take chunks [first + k chunk, first + (k + 1) chunk) (the last
@@ -42,9 +45,10 @@ constexpr int PROGRESS_INTERVAL_MS = 250;
 // first and round_size multiples of chunk, every chunk is aligned to absolute indices,
 // whatever the range, so a chunk's work can be the same in any split of the items.
 // When `report` is set, the calling thread runs report(items done, in finished chunks)
-// every PROGRESS_INTERVAL_MS while a round runs (only when the count moved) and always at
-// the end of each round, so the last call is report(count). How often anyone is told
-// changes nothing in the work.
+// every PROGRESS_INTERVAL_MS while a round runs (only when the count moved), once with
+// exactly k * PROGRESS_BATCH at each batch end that the run passes (noticed within
+// INTERRUPT_POLL_MS), and last with report(count). Reports never go backwards. How often
+// anyone is told changes nothing in the work.
 void run_counted(int threads, int64_t first, int64_t count, int64_t round_size, int64_t chunk,
                  const std::function<void(int, int64_t, int64_t)>& work,
                  const std::function<void(int64_t)>& report);

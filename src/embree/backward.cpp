@@ -565,6 +565,7 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
       for (int32_t y = first_row + t; y < end_row; y += threads) {
         if (cancel.load(std::memory_order_relaxed)) return;
         for (int32_t x = 0; x < width; ++x) {
+          if ((x & 255) == 255 && cancel.load(std::memory_order_relaxed)) return;
           if (!(with_media ? trace_medium_path(c, media, s, x, y, sample)
                            : trace_surface_path(c, s, x, y, sample)))
             continue;

@@ -138,8 +138,10 @@ float3 unit_sun(float x, float y, float z) {
   return {x / l, y / l, z / l};
 }
 
-// Runs body(p) for every primitive on the workers, each taking the next primitive from
-// one counter. Every primitive writes only its own result slots.
+// Runs body(p, cancel) for every primitive on the workers, each taking the next primitive
+// from one counter. Every primitive writes only its own result slots. A body with many
+// samples looks at `cancel` between them (SAMPLES_PER_CANCEL_CHECK), so that an interrupt
+// or a failed worker stops the run within a fraction of a second.
 template <class Body>
 void for_each_primitive(const EmbreeSceneManager& scene, size_t n, int32_t threads,
                         const Body& body) {
@@ -153,16 +155,24 @@ void for_each_primitive(const EmbreeSceneManager& scene, size_t n, int32_t threa
         for (;;) {
           const int64_t p = next.fetch_add(1, std::memory_order_relaxed);
           if (p >= int64_t(n) || cancel.load(std::memory_order_relaxed)) return;
-          body(size_t(p));
+          body(size_t(p), cancel);
         }
       },
       {}, cancel);
 }
 
-void check_sun_direction(const char* prefix, float x, float y, float z) {
-  const float d[3] = {x, y, z};
-  check_finite("sun direction", d, 3);
-  if (!(double(x) * x + double(y) * y + double(z) * z > 0.0))
+constexpr int32_t SAMPLES_PER_CANCEL_CHECK = 16;
+inline bool cancelled(int32_t sample, const std::atomic<bool>& cancel) {
+  return sample % SAMPLES_PER_CANCEL_CHECK == 0 && cancel.load(std::memory_order_relaxed);
+}
+
+// Every component must be finite, whether or not a sun is given: a NaN is a mistake
+// even where it goes unread. Zero only matters when the sun is used.
+void check_sun_direction(const char* prefix, float x, float y, float z, bool used) {
+  check_finite("sun_dir_x", x);
+  check_finite("sun_dir_y", y);
+  check_finite("sun_dir_z", z);
+  if (used && !(double(x) * x + double(y) * y + double(z) * z > 0.0))
     throw std::invalid_argument(std::string(prefix) + ": the sun direction must not be zero");
 }
 
@@ -185,8 +195,8 @@ void validate_energy_balance(const EmbreeSceneManager& scene, const EnergyBalanc
   if (r.sun_irradiance) check_finite("sun_irradiance", r.sun_irradiance, 1);
   if (r.sky_diffuse_radiance) check_non_negative("sky_diffuse_radiance", r.sky_diffuse_radiance, 1);
   check_non_negative("sky_lw_radiance", &r.sky_lw_radiance, 1);
-  if (r.band_type == 0 && r.sun_irradiance && *r.sun_irradiance > 0.0f)
-    check_sun_direction("run_energy_balance", r.sun_dir_x, r.sun_dir_y, r.sun_dir_z);
+  check_sun_direction("run_energy_balance", r.sun_dir_x, r.sun_dir_y, r.sun_dir_z,
+                      r.band_type == 0 && r.sun_irradiance && *r.sun_irradiance > 0.0f);
   if (!scene.is_built())
     throw std::runtime_error("EB RRT: scene has no geometry. Call scene.build() first.");
 }
@@ -233,11 +243,12 @@ void render_energy_balance(const EmbreeSceneManager& scene, const EnergyBalanceR
     return l;
   };
 
-  for_each_primitive(scene, n, r.threads, [&](size_t p) {
+  for_each_primitive(scene, n, r.threads, [&](size_t p, const std::atomic<bool>& cancel) {
     const float3 N = prims.normals[p];
     if (dot(N, N) == 0.0f) return;  // a degenerate triangle receives nothing
     double top = 0.0, bot = 0.0, top_sun = 0.0, bot_sun = 0.0;
     for (int32_t i = 0; i < n_samples; ++i) {
+      if (cancelled(i, cancel)) return;
       RNG rng = sample_rng(p, uint64_t(i));
       const float u = rng.next_float(), v = rng.next_float();
       const float3 P = point_on(prims, p, u, v);
@@ -304,7 +315,7 @@ void validate_energy_balance_multiband(const EmbreeSceneManager& scene,
   if (r.sun_irradiance) check_non_negative("sun_irradiance", r.sun_irradiance, size_t(r.n_bands));
   if (r.sky_diffuse_radiance)
     check_non_negative("sky_diffuse_radiance", r.sky_diffuse_radiance, size_t(r.n_bands));
-  if (r.sun_irradiance) check_sun_direction(P, r.sun_dir_x, r.sun_dir_y, r.sun_dir_z);
+  check_sun_direction(P, r.sun_dir_x, r.sun_dir_y, r.sun_dir_z, r.sun_irradiance != nullptr);
   if (!scene.is_built())
     throw std::runtime_error("EB multiband RRT: scene has no geometry. Call scene.build() first.");
   // Without a sky of its own, a walk that escapes reads the scene's sky.
@@ -393,7 +404,7 @@ void render_energy_balance_multiband(const EmbreeSceneManager& scene,
     }
   };
 
-  for_each_primitive(scene, n, r.threads, [&](size_t p) {
+  for_each_primitive(scene, n, r.threads, [&](size_t p, const std::atomic<bool>& cancel) {
     const float3 N = prims.normals[p];
     if (dot(N, N) == 0.0f) return;
     double top[MAX_EB_BANDS] = {}, bot[MAX_EB_BANDS] = {};
@@ -401,6 +412,7 @@ void render_energy_balance_multiband(const EmbreeSceneManager& scene,
     double top_sun = 0.0, bot_sun = 0.0;
     int64_t lit = 0;
     for (int32_t i = 0; i < n_samples; ++i) {
+      if (cancelled(i, cancel)) return;
       RNG rng = sample_rng(p, uint64_t(i));
       const float u = rng.next_float(), v = rng.next_float();
       const float3 P = point_on(prims, p, u, v);

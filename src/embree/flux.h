@@ -45,8 +45,8 @@ FluxResult finish_flux(const EmbreeSceneManager& scene, const FluxRequest& reque
 FluxResult render_flux(const EmbreeSceneManager& scene, const FluxRequest& request,
                        const ProgressFn& progress);
 
-// Photons run in rounds of this many (a whole number of chunks); progress comes at the
-// end of each round and every PROGRESS_INTERVAL_MS within one.
+// Photons run in rounds of this many (a whole number of chunks); progress comes at each
+// end of a batch of PROGRESS_BATCH photons, every PROGRESS_INTERVAL_MS, and at the end.
 constexpr int64_t PHOTON_ROUND = 256 * PHOTON_CHUNK;
 
 // Checks a photon range against the global numbering: a positive count, a first photon

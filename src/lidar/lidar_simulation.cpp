@@ -72,6 +72,10 @@ struct LidarContext {
   float tan_half;
   bool media;
   MediaScene ms;
+  // Raised when the run must stop (an interrupt, a failed worker): a pulse of a wide
+  // beam or a long range gate looks at it between beam samples and along its bins.
+  const std::atomic<bool>* cancel = nullptr;
+  bool stopping() const { return cancel->load(std::memory_order_relaxed); }
 };
 
 float front_reflectance(const LidarContext& c, const MaterialData& m, int32_t w) {
@@ -204,6 +208,7 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
   // Single scattering by the leaves of each bin, attenuated on the way out only.
   float C = 0.0f;
   for (int32_t i = 0; i < c.num_bins; ++i) {
+    if ((i & 0xfffff) == 0xfffff && c.stopping()) return;
     const float e_i = s.extinction[size_t(i)];
     const float C_prev = C;
     C = C + q.range_resolution * e_i;
@@ -237,6 +242,7 @@ void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* sl
   const float3 v{u.y * d.z - u.z * d.y, u.z * d.x - u.x * d.z, u.x * d.y - u.y * d.x};
   s.first = c.num_bins, s.last = -1;
   for (size_t k = 0; k < c.beam.weights.size(); ++k) {
+    if (c.stopping()) break;
     const float a = c.beam.xy[2 * k] * c.tan_half, b = c.beam.xy[2 * k + 1] * c.tan_half;
     const float sc = 1.0f / std::sqrt(a * a + b * b + 1.0f);
     const float3 r = normalize((b * sc) * u + (a * sc) * v + sc * d);
@@ -317,10 +323,11 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
   validate_lidar_request(scene, q);
   const EmbreeSceneManager::RunGuard read_only(scene);
   const auto start = std::chrono::steady_clock::now();
+  std::atomic<bool> cancel{false};
   LidarContext c{scene, q, scene.materials().data(), scene.spectral_params().data(),
                  scene.num_bands(), bin_count(q), beam_pattern(q.beam_samples_per_dim),
                  std::tan(q.beam_half_angle_rad), scene.has_optical_media(),
-                 MediaScene::from(scene)};
+                 MediaScene::from(scene), &cancel};
   const std::vector<float> kernel = lidar::pulse_kernel(q.pulse_fwhm_ns, q.range_resolution);
   const int threads = resolve_thread_count(q.num_threads);
   log_line("LiDAR (CPU): %d pulses, %d beam samples, %s mode, %d threads\n", q.num_pulses,
@@ -344,7 +351,6 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
   }
   std::vector<int32_t> ranges(q.direct_mode ? 0 : 2 * size_t(std::max(q.num_pulses, 0)));
   std::atomic<int64_t> next{0};
-  std::atomic<bool> cancel{false};
   run_workers(
       threads,
       [&](int t) {

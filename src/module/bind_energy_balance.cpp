@@ -68,6 +68,11 @@ std::vector<T> fan_out(const py::dict& request, const char* key, const std::vect
   return out;
 }
 
+// The energy-balance process's per-element inputs under the view's names.
+constexpr const char* PER_ELEMENT_KEYS[] = {"active", "initial_temperature", "emissivity",
+                                            "sidedness", "sensible_derivative",
+                                            "latent_coefficient", "ground_heat", "sw_albedo"};
+
 template <class T>
 backend::Span<T> span_of(const std::vector<T>& v) {
   return {v.data(), v.size()};
@@ -217,9 +222,10 @@ void bind_energy_balance_processes(py::module_& m) {
       [](EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(
             request,
-            {"active", "fluorescent", "apar", "absorbed_shortwave", "initial_temperature",
-             "emissivity", "sidedness", "leaf_width", "stomata_sides", "vcmax25", "jmax25",
-             "rd25", "ball_berry_slope", "ball_berry_intercept", "quantum_yield", "conditional",
+            {"n_elements", "active", "fluorescent", "apar", "absorbed_shortwave",
+             "initial_temperature", "emissivity", "sidedness", "leaf_width", "stomata_sides",
+             "vcmax25", "jmax25", "rd25", "ball_berry_slope", "ball_berry_intercept",
+             "quantum_yield", "conditional",
              "sunlit_fraction", "apar_sunlit", "apar_shaded", "shortwave_sunlit",
              "shortwave_shaded", "co2", "relative_humidity", "air_temperature", "vapor_pressure",
              "pressure", "wind", "sky_lw_radiance", "n_samples", "max_iterations",
@@ -230,6 +236,11 @@ void bind_energy_balance_processes(py::module_& m) {
         backend::DynamicPhotosynthesisProcessRequestView v;
         v.active = a.take_bytes(request, "active");
         v.n_elements = int32_t(std::min<size_t>(v.active.size, 0x7fffffff));
+        RequestCount elements(request, "n_elements");
+        if (elements.given && elements.value != int64_t(v.active.size))
+          throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
+                                " does not match active of shape (" +
+                                std::to_string(v.active.size) + ",)");
         v.fluorescent = a.take_bytes(request, "fluorescent");
         v.apar = a.take(request, "apar");
         v.absorbed_shortwave = a.take(request, "absorbed_shortwave");
@@ -293,6 +304,7 @@ void bind_energy_balance_processes(py::module_& m) {
       "keeps the emissivities and the coupled temperatures as its per-primitive values.\n"
       "request, one float32 value per primitive unless noted: 'active', 'fluorescent'\n"
       "0/1 flags (inactive elements keep their temperature and report zeros);\n"
+      "optional 'n_elements' int, which must equal the length of 'active';\n"
       "'apar' umol m-2 s-1; 'absorbed_shortwave' W m-2; 'initial_temperature' K;\n"
       "'emissivity' 0..1; 'sidedness' 1..2; 'leaf_width' m; 'stomata_sides';\n"
       "'vcmax25', 'jmax25', 'rd25' umol m-2 s-1; 'ball_berry_slope';\n"
@@ -316,7 +328,9 @@ void bind_energy_balance_processes(py::module_& m) {
       [](EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(
             request,
-            {"primitive_material_ids", "material_active", "material_initial_temperature",
+            {"n_elements", "active", "initial_temperature", "emissivity", "sidedness",
+             "sensible_derivative", "latent_coefficient", "ground_heat", "sw_albedo",
+             "primitive_material_ids", "material_active", "material_initial_temperature",
              "material_emissivity", "material_sidedness", "material_sensible_derivative",
              "material_latent_coefficient", "material_ground_heat", "material_sw_albedo",
              "precomputed_shortwave", "absorbed_shortwave_top", "absorbed_shortwave_bottom",
@@ -326,24 +340,51 @@ void bind_energy_balance_processes(py::module_& m) {
              "newton_tolerance"},
             "execute_energy_balance_process_cpu");
         RequestArrays a;
-        const backend::IntSpan ids_span = a.take_ints(request, "primitive_material_ids");
-        const std::vector<int32_t> ids(ids_span.data, ids_span.data + ids_span.size);
-        const std::vector<uint8_t> active =
-            fan_out<uint8_t>(request, "material_active", ids, "an array of 0/1 flags");
-        const char* fl = "a float array";
-        const std::vector<float> t0 = fan_out<float>(request, "material_initial_temperature", ids, fl);
-        const std::vector<float> emis = fan_out<float>(request, "material_emissivity", ids, fl);
-        const std::vector<float> sides = fan_out<float>(request, "material_sidedness", ids, fl);
-        const std::vector<float> gh = fan_out<float>(request, "material_sensible_derivative", ids, fl);
-        const std::vector<float> le = fan_out<float>(request, "material_latent_coefficient", ids, fl);
-        const std::vector<float> g = fan_out<float>(request, "material_ground_heat", ids, fl);
-        const std::vector<float> alb = fan_out<float>(request, "material_sw_albedo", ids, fl);
         backend::EnergyBalanceProcessRequestView v;
-        v.n_elements = int32_t(std::min<size_t>(ids.size(), 0x7fffffff));
-        v.active = span_of(active);
-        v.initial_temperature = span_of(t0), v.emissivity = span_of(emis);
-        v.sidedness = span_of(sides), v.sensible_derivative = span_of(gh);
-        v.latent_coefficient = span_of(le), v.ground_heat = span_of(g), v.sw_albedo = span_of(alb);
+        // Per material (primitive_material_ids and material_*), or per element under the
+        // view's own names; the vectors hold the fanned-out values of the first form.
+        std::vector<uint8_t> active;
+        std::vector<float> t0, emis, sides, gh, le, g, alb;
+        RequestCount elements(request, "n_elements");
+        if (request.contains("primitive_material_ids")) {
+          for (const char* k : PER_ELEMENT_KEYS)
+            if (request.contains(k))
+              throw py::value_error(std::string("request['") + k +
+                                    "'] is per element, but the request gives per-material "
+                                    "values with primitive_material_ids");
+          const backend::IntSpan ids_span = a.take_ints(request, "primitive_material_ids");
+          const std::vector<int32_t> ids(ids_span.data, ids_span.data + ids_span.size);
+          if (elements.given && elements.value != int64_t(ids.size()))
+            throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
+                                  " does not match primitive_material_ids of shape (" +
+                                  std::to_string(ids.size()) + ",)");
+          active = fan_out<uint8_t>(request, "material_active", ids, "an array of 0/1 flags");
+          const char* fl = "a float array";
+          t0 = fan_out<float>(request, "material_initial_temperature", ids, fl);
+          emis = fan_out<float>(request, "material_emissivity", ids, fl);
+          sides = fan_out<float>(request, "material_sidedness", ids, fl);
+          gh = fan_out<float>(request, "material_sensible_derivative", ids, fl);
+          le = fan_out<float>(request, "material_latent_coefficient", ids, fl);
+          g = fan_out<float>(request, "material_ground_heat", ids, fl);
+          alb = fan_out<float>(request, "material_sw_albedo", ids, fl);
+          v.n_elements = int32_t(std::min<size_t>(ids.size(), 0x7fffffff));
+          v.active = span_of(active);
+          v.initial_temperature = span_of(t0), v.emissivity = span_of(emis);
+          v.sidedness = span_of(sides), v.sensible_derivative = span_of(gh);
+          v.latent_coefficient = span_of(le), v.ground_heat = span_of(g);
+          v.sw_albedo = span_of(alb);
+        } else {
+          v.active = a.take_bytes(request, "active");
+          v.n_elements = elements.given ? elements.get32()
+                                        : int32_t(std::min<size_t>(v.active.size, 0x7fffffff));
+          v.initial_temperature = a.take(request, "initial_temperature");
+          v.emissivity = a.take(request, "emissivity");
+          v.sidedness = a.take(request, "sidedness");
+          v.sensible_derivative = a.take(request, "sensible_derivative");
+          v.latent_coefficient = a.take(request, "latent_coefficient");
+          v.ground_heat = a.take(request, "ground_heat");
+          v.sw_albedo = a.take(request, "sw_albedo");
+        }
         v.precomputed_shortwave = get_or<bool>(request, "precomputed_shortwave", false, "a bool");
         if (v.precomputed_shortwave) {
           v.absorbed_shortwave_top = a.take(request, "absorbed_shortwave_top");
@@ -379,12 +420,17 @@ void bind_energy_balance_processes(py::module_& m) {
       "element, Newton on Rabs - e s sigma T^4 - Gh (T - Ta) - C (es(T) - ea) - G = 0, inside\n"
       "a coupling loop that reruns the longwave transport at the current temperatures.\n"
       "The scene must be built; it keeps the emissivities and the final temperatures as\n"
-      "its per-primitive values. request: 'primitive_material_ids' int32 per primitive,\n"
+      "its per-primitive values. request: 'primitive_material_ids' int32 per primitive\n"
+      "(optional 'n_elements' must equal its length),\n"
       "and per material 'material_active' 0/1, 'material_initial_temperature' K,\n"
       "'material_emissivity' 0..1, 'material_sidedness' 1..2 (above 1 the underside takes\n"
       "in radiation too), 'material_sensible_derivative' W m-2 K-1 (Gh),\n"
       "'material_latent_coefficient' W m-2 Pa-1 (C), 'material_ground_heat' W m-2 (G, a\n"
-      "sink), 'material_sw_albedo' 0..1. Scalars 'air_temperature' K, 'vapor_pressure' Pa,\n"
+      "sink), 'material_sw_albedo' 0..1; or, without 'primitive_material_ids', the same\n"
+      "per primitive as 'active', 'initial_temperature', 'emissivity', 'sidedness',\n"
+      "'sensible_derivative', 'latent_coefficient', 'ground_heat', 'sw_albedo' (with an\n"
+      "optional 'n_elements' that their lengths must match). Scalars 'air_temperature' K,\n"
+      "'vapor_pressure' Pa,\n"
       "'sky_lw_radiance' W m-2 sr-1; optional 'sw_direct' W m-2 (0), 'sw_diffuse_radiance'\n"
       "W m-2 sr-1 (0), 'sun_dir_x', 'sun_dir_y', 'sun_dir_z' toward the sun (0, 0, 1),\n"
       "'n_samples' (64), 'max_iterations' (20), 'convergence_tolerance' K (0.01), 'damping'\n"

@@ -1,4 +1,8 @@
 // The microwave response evaluators (private entries that fill the transport tables).
+#include <cmath>
+#include <string>
+
+#include "core/array_check.h"
 #include "microwave/cylinder.h"
 #include "microwave/evaluators.h"
 #include "module/bind_common.h"
@@ -8,21 +12,40 @@
 namespace vesk::module {
 namespace {
 
-const float* soil_array(const FloatArray& a) {
+// Shapes first, with their fixed texts; then every value the evaluator reads must be
+// finite (a NaN would come back as a table of NaN), refused under the argument's name.
+const float* soil_array(const FloatArray& a, const char* name = "parameters") {
   if (a.ndim() != 1 || a.size() < 12)
     throw std::runtime_error("soil parameters must be a 1D array with 12 values");
+  check_finite(name, a.data(), 12);
   return a.data();
 }
 
-const float* trunk_array(const FloatArray& a) {
+const float* trunk_array(const FloatArray& a, const char* name = "parameters") {
   if (a.ndim() != 1 || a.size() < 7)
     throw std::runtime_error("trunk parameters must be a 1D array with 7 values");
+  check_finite(name, a.data(), 7);
   return a.data();
 }
 
 const float* cosine_array(const FloatArray& a) {
   if (a.ndim() != 1) throw std::runtime_error("cosines must be a 1D array");
+  check_finite("cosines", a.data(), size_t(a.size()));
   return a.data();
+}
+
+void check_number(const char* name, double x) {
+  if (!std::isfinite(x)) throw std::invalid_argument(std::string(name) + " must be finite");
+}
+
+// Rows of three that must be finite and not zero: directions and normals.
+void check_rows(const char* name, const FloatArray& a) {
+  check_finite(name, a.data(), size_t(a.size()));
+  for (py::ssize_t i = 0; i < a.shape(0); ++i) {
+    const float* r = a.data() + 3 * i;
+    if (r[0] == 0.0f && r[1] == 0.0f && r[2] == 0.0f)
+      throw std::invalid_argument(std::string(name) + " contains a zero vector");
+  }
 }
 
 py::array_t<float> table(std::vector<float>&& v, size_t rows, py::ssize_t cols) {
@@ -36,6 +59,7 @@ void bind_microwave(py::module_& m) {
       "_evaluate_microwave_soil",
       [](float frequency, const FloatArray& parameters, const FloatArray& cosines, bool active) {
         const float* p = soil_array(parameters);
+        check_number("frequency", frequency);
         const float* c = cosine_array(cosines);
         const size_t n = size_t(cosines.size());
         return table(microwave::evaluate_soil(frequency, p, c, n, active), n, 4);
@@ -51,6 +75,7 @@ void bind_microwave(py::module_& m) {
       [](float frequency, const FloatArray& parameters, const FloatArray& cosines,
          bool allow_hallikainen) {
         const float* p = soil_array(parameters);
+        check_number("frequency", frequency);
         const float* c = cosine_array(cosines);
         const size_t n = size_t(cosines.size());
         return table(microwave::evaluate_soil_reflectivity(frequency, p, c, n, allow_hallikainen),
@@ -63,6 +88,7 @@ void bind_microwave(py::module_& m) {
       "_evaluate_microwave_trunk",
       [](float frequency, const FloatArray& parameters, const FloatArray& cosines) {
         const float* p = trunk_array(parameters);
+        check_number("frequency", frequency);
         const float* c = cosine_array(cosines);
         const size_t n = size_t(cosines.size());
         return table(microwave::evaluate_trunk(frequency, p, c, n), n, 4);
@@ -75,12 +101,16 @@ void bind_microwave(py::module_& m) {
       [](float frequency, const FloatArray& soil_parameters, const FloatArray& trunk_parameters,
          const FloatArray& directions_to_trunk, const FloatArray& directions_to_ground,
          const FloatArray& ground_normals) {
-        const float* soil = soil_array(soil_parameters);
-        const float* trunk = trunk_array(trunk_parameters);
+        const float* soil = soil_array(soil_parameters, "soil_parameters");
+        const float* trunk = trunk_array(trunk_parameters, "trunk_parameters");
         const py::ssize_t n = directions_to_trunk.ndim() == 2 ? directions_to_trunk.shape(0) : -1;
         for (const FloatArray* a : {&directions_to_trunk, &directions_to_ground, &ground_normals})
           if (!has_rows_of(*a, 3) || a->shape(0) != n)
             throw std::runtime_error("direction and normal arrays must all have shape (N, 3)");
+        check_number("frequency", frequency);
+        check_rows("directions_to_trunk", directions_to_trunk);
+        check_rows("directions_to_ground", directions_to_ground);
+        check_rows("ground_normals", ground_normals);
         return table(microwave::evaluate_trunk_ground(
                          frequency, soil, trunk, directions_to_trunk.data(),
                          directions_to_ground.data(), ground_normals.data(), size_t(n)),
@@ -95,6 +125,13 @@ void bind_microwave(py::module_& m) {
       "_microwave_cylinder_amplitude",
       [](double frequency, double radius, std::complex<double> permittivity,
          double elevation_incident, double elevation_scattered, double phi) {
+        check_number("frequency", frequency);
+        check_number("radius", radius);
+        check_number("permittivity", permittivity.real());
+        check_number("permittivity", permittivity.imag());
+        check_number("elevation_incident", elevation_incident);
+        check_number("elevation_scattered", elevation_scattered);
+        check_number("phi", phi);
         const microwave::AmplitudeMatrix t = microwave::cylinder_amplitude(
             frequency, radius, permittivity, elevation_incident, elevation_scattered, phi);
         py::array_t<std::complex<double>> out({2, 2});

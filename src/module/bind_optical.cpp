@@ -18,7 +18,7 @@ void bind_optical(py::module_& m) {
       },
       py::arg("scene"), py::arg("spp") = 16, py::arg("max_depth") = 16,
       py::arg("progress") = py::none(),
-      py::arg("outputs") = "radiance", py::arg("max_output_order") = 0,
+      py::arg("outputs") = std::vector<std::string>{"radiance"}, py::arg("max_output_order") = 0,
       "Render the sensor image by backward path tracing with sun next-event estimation, all\n"
       "bands in one path, on every CPU this process may use, or VESK_NUM_THREADS (else\n"
       "OMP_NUM_THREADS) threads; the image does not depend on their number. Ctrl-C stops\n"

@@ -10,14 +10,14 @@ using vesk::embree::EmbreeSceneManager;
 
 namespace {
 
-// One of the three spectra, which must all have absorbed_top's [element, band] shape: a
-// transposed array has the right length and would otherwise pass unnoticed.
-FloatArray spectrum(const py::dict& request, const char* key, const FloatArray* like) {
-  FloatArray a = get<FloatArray>(request, key, "a float array");
-  if (a.ndim() != 2 || (like && (a.shape(0) != like->shape(0) || a.shape(1) != like->shape(1))))
-    throw std::runtime_error(std::string(key) + " must have shape [element, band]" +
-                             (like ? " matching absorbed_top" : ""));
-  return a;
+// The three spectra: [element, band] arrays, or flat element-major ones with the
+// counts. A transposed array has the right length and would otherwise pass unnoticed.
+FloatArray spectrum(const py::dict& request, const char* key, RequestCount& elements,
+                    RequestCount& bands) {
+  return rows_by_cols<std::runtime_error>(
+      request, key, elements, bands,
+      std::string(key) + " must have shape [element, band], or be flat with 'n_elements' and "
+                         "'n_bands' given");
 }
 
 backend::FloatSpan span_of(const FloatArray& a) {
@@ -52,7 +52,8 @@ void bind_photosynthesis_static(py::module_& m) {
       "execute_photosynthesis_process_static_cpu",
       [](const EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(request,
-                         {"absorbed_top", "absorbed_bottom", "absorbed_direct", "wavelengths",
+                         {"n_elements", "n_bands", "n_materials", "absorbed_top",
+                          "absorbed_bottom", "absorbed_direct", "wavelengths",
                           "sunlit_fraction", "material_ids", "material_active",
                           "material_fluorescent", "temperature_sunlit", "temperature_shaded",
                           "vcmax25", "jmax25", "rd25", "ball_berry_slope",
@@ -60,21 +61,25 @@ void bind_photosynthesis_static(py::module_& m) {
                           "max_iterations", "tolerance"},
                          "execute_photosynthesis_process_static_cpu");
         RequestArrays arrays;
-        const FloatArray top = spectrum(request, "absorbed_top", nullptr);
-        const FloatArray bottom = spectrum(request, "absorbed_bottom", &top);
-        const FloatArray direct = spectrum(request, "absorbed_direct", &top);
+        RequestCount elements(request, "n_elements"), bands(request, "n_bands"),
+            materials(request, "n_materials");
+        const FloatArray top = spectrum(request, "absorbed_top", elements, bands);
+        const FloatArray bottom = spectrum(request, "absorbed_bottom", elements, bands);
+        const FloatArray direct = spectrum(request, "absorbed_direct", elements, bands);
         backend::PhotosynthesisProcessRequestView v;
         v.absorbed_top = span_of(top);
         v.absorbed_bottom = span_of(bottom);
         v.absorbed_direct = span_of(direct);
-        v.n_elements = int32_t(top.shape(0));
-        v.n_bands = int32_t(top.shape(1));
+        v.n_elements = elements.get32();
+        v.n_bands = bands.get32();
         v.wavelengths = arrays.take(request, "wavelengths");
         v.sunlit_fraction = arrays.take(request, "sunlit_fraction");
         v.material_ids = arrays.take_ints(request, "material_ids");
         v.material_active = arrays.take_bytes(request, "material_active");
         v.material_fluorescent = arrays.take_bytes(request, "material_fluorescent");
-        v.n_materials = int32_t(v.material_active.size);
+        v.n_materials = materials.given
+                            ? materials.get32()
+                            : int32_t(std::min<size_t>(v.material_active.size, 0x7fffffff));
         v.element_temperature = arrays.take(request, "temperature_sunlit");
         v.element_temperature_shaded = arrays.take(request, "temperature_shaded");
         v.vcmax25 = arrays.take(request, "vcmax25");
@@ -99,14 +104,15 @@ void bind_photosynthesis_static(py::module_& m) {
       "request: dict of\n"
       "  'absorbed_top', 'absorbed_bottom', 'absorbed_direct': float32 (elements, bands),\n"
       "      W m-2 per band absorbed on each side, and the part of their sum that came\n"
-      "      straight from the sun;\n"
+      "      straight from the sun; or flat, element-major, with 'n_elements' and 'n_bands'\n"
+      "      given (counts given beside 2-D arrays must match their shapes);\n"
       "  'wavelengths': float32 (bands,) nm; only bands in 400..700 nm (inclusive) count as\n"
       "      PAR, converted to umol m-2 s-1 of photons at the band's wavelength;\n"
       "  'sunlit_fraction': float32 (elements,) 0..1;\n"
       "  'temperature_sunlit', 'temperature_shaded': float32 (elements,) K;\n"
       "  'material_ids': int32 (elements,), -1 for none (the element is then inactive);\n"
       "  'material_active', 'material_fluorescent': 0/1 flags (materials,); their length is\n"
-      "      the number of materials;\n"
+      "      the number of materials unless 'n_materials' gives it;\n"
       "  'vcmax25', 'jmax25', 'rd25' umol m-2 s-1 at 25 C, 'ball_berry_slope',\n"
       "      'ball_berry_intercept' mol m-2 s-1, 'quantum_yield' 0..1: float32 (materials,);\n"
       "  'co2' float umol mol-1, 'relative_humidity' float 0..1, 'max_iterations' int and\n"

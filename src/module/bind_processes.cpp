@@ -14,17 +14,23 @@ void bind_processes(py::module_& m) {
       "solve_physiology_cpu",
       [](const EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(request,
-                         {"apar", "temperature", "co2", "relative_humidity", "vpd", "pressure",
+                         {"n_elements", "n_bands", "apar", "temperature", "co2",
+                          "relative_humidity", "vpd", "pressure",
                           "wind", "vcmax25", "jmax25", "rd25", "ball_berry_slope",
                           "ball_berry_intercept", "quantum_yield", "max_iterations",
                           "tolerance", "dynamic_energy_balance", "absorbed_shortwave",
                           "absorbed_longwave", "air_temperature", "vapor_pressure",
-                          "emissivity", "sidedness", "leaf_width", "stomata_sides"},
+                          "emissivity", "sidedness", "leaf_width", "stomata_sides",
+                          "solve_leaf_temperature", "read_back_outputs"},
                          "solve_physiology_cpu");
         RequestArrays arrays;
         const FloatArray apar = get<FloatArray>(request, "apar", "a float array");
         const FloatArray temperature = get<FloatArray>(request, "temperature", "a float array");
         if (apar.ndim() != 2) throw std::runtime_error("apar must have shape [element, band]");
+        // The counts are the view's own fields; given, they must agree with apar.
+        RequestCount elements(request, "n_elements"), bands(request, "n_bands");
+        elements.agree(apar, 0, "apar");
+        bands.agree(apar, 1, "apar");
         if (temperature.ndim() != 1 || temperature.shape(0) != apar.shape(0))
           throw std::runtime_error("temperature must have shape [element] matching apar");
         backend::PhysiologyRequestView v;
@@ -48,7 +54,14 @@ void bind_processes(py::module_& m) {
         v.dynamic_energy_balance =
             request.contains("dynamic_energy_balance") &&
             get<bool>(request, "dynamic_energy_balance", "a bool");
+        // The dictionary form always solves for the leaf temperature and reads every output
+        // back (on the host every output is always filled); the keys are accepted and
+        // change nothing.
+        if (request.contains("solve_leaf_temperature"))
+          get<bool>(request, "solve_leaf_temperature", "a bool");
         v.solve_leaf_temperature = true;
+        if (request.contains("read_back_outputs"))
+          get<bool>(request, "read_back_outputs", "a bool");
         v.read_back_outputs = true;
         if (v.dynamic_energy_balance) {
           v.absorbed_shortwave = arrays.take(request, "absorbed_shortwave");
@@ -89,7 +102,10 @@ void bind_processes(py::module_& m) {
       "'max_iterations' int and 'tolerance' float shared by the ci and temperature\n"
       "iterations; optional 'dynamic_energy_balance' bool, which needs\n"
       "'absorbed_shortwave', 'absorbed_longwave' W m-2, 'air_temperature' K,\n"
-      "'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides'.\n"
+      "'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides',\n"
+      "with the leaf temperature solved by Newton. Optional 'n_elements', 'n_bands' must\n"
+      "match apar's shape; 'solve_leaf_temperature' and 'read_back_outputs' are accepted\n"
+      "and change nothing here (this form always solves and reads everything back).\n"
       "Returns float32 'an' umol m-2 s-1, 'gs' mol m-2 s-1, 'ci' umol mol-1, 'phi_f', bool\n"
       "'converged' (non-convergence is reported here, never raised), with the energy\n"
       "balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'\n"

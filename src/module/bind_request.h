@@ -3,6 +3,7 @@
 // lookups with errors that name the key, arrays kept alive for the call, and a warning
 // for keys that no entry reads.
 
+#include <algorithm>
 #include <cmath>
 #include <initializer_list>
 #include <limits>
@@ -102,6 +103,62 @@ struct RequestArrays {
     return take_as<uint8_t>(request, key, "an array of 0/1 flags");
   }
 };
+
+// A count that a request may give beside its arrays (n_elements, n_bands, ...): given
+// under its key, or learnt from the first array that has that axis. Arrays given with
+// the axis must agree with it; arrays given flat leave their length to the validator.
+struct RequestCount {
+  const char* key;
+  bool given = false;
+  int64_t value = -1;  // -1: neither given nor learnt yet
+  std::string from;    // the array it was learnt from
+  RequestCount(const py::dict& request, const char* k) : key(k) {
+    given = request.contains(k);
+    if (given) value = get<int32_t>(request, k, "an int");
+  }
+  bool known() const { return given || !from.empty(); }
+  // Counts beyond int32 saturate; the validators then refuse them as mismatches.
+  int32_t get32() const { return int32_t(std::min<int64_t>(value, 0x7fffffff)); }
+  // Checks axis `axis` of a 2-D `array` against a given count; a flat array, or no
+  // given count, is left to the validator.
+  void check_given(const py::array& a, int axis, const char* array) {
+    if (given && a.ndim() == 2) agree(a, axis, array);
+  }
+  // Takes axis `axis` of `array` as the count, or checks it against the count.
+  void agree(const py::array& a, int axis, const char* array) {
+    const int64_t extent = int64_t(a.shape(axis));
+    if (!known()) {
+      value = extent;
+      from = array;
+      return;
+    }
+    if (extent == value) return;
+    std::string shape = "(";
+    for (py::ssize_t d = 0; d < a.ndim(); ++d)
+      shape += (d ? ", " : "") + std::to_string(a.shape(d));
+    shape += a.ndim() == 1 ? ",)" : ")";
+    throw py::value_error(
+        (given ? "request['" + std::string(key) + "'] = " + std::to_string(value)
+               : std::string(key) + " = " + std::to_string(value) + " from " + from) +
+        " does not match " + array + " of shape " + shape);
+  }
+};
+
+// A float array of `rows` x `cols` values, row-major: 2-D with those extents, or flat
+// when both counts are known (given, or learnt from an earlier array). Anything else
+// fails with `Error(shape_rule)`.
+template <class Error>
+FloatArray rows_by_cols(const py::dict& request, const char* key, RequestCount& rows,
+                        RequestCount& cols, const std::string& shape_rule) {
+  FloatArray a = get<FloatArray>(request, key, "a float array");
+  if (a.ndim() == 2) {
+    rows.agree(a, 0, key);
+    cols.agree(a, 1, key);
+  } else if (a.ndim() != 1 || !rows.known() || !cols.known()) {
+    throw Error(shape_rule);
+  }
+  return a;
+}
 
 // Keys no entry reads are most often misspellings; they get a warning, not silence.
 inline void warn_unread_keys(const py::dict& request, std::initializer_list<const char*> known,

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "core/array_check.h"
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
 
@@ -17,6 +18,16 @@ const OpticalTurbidMediumData& medium_at(const EmbreeSceneManager& s, int64_t id
     throw std::out_of_range("optical turbid medium " + std::to_string(id) + " is outside [0, " +
                             std::to_string(s.optical_media().size()) + ")");
   return s.optical_media()[size_t(id)];
+}
+
+// A direction the samplers can use: finite and not zero; they normalise nothing, and G
+// reads only its z component, but a zero or NaN vector is always a caller's mistake.
+float3 direction_of(const FloatArray& a, const char* name) {
+  const float* d = a.data();
+  check_finite(name, d, 3);
+  if (d[0] == 0.0f && d[1] == 0.0f && d[2] == 0.0f)
+    throw std::invalid_argument(std::string(name) + " must not be the zero vector");
+  return {d[0], d[1], d[2]};
 }
 
 }  // namespace
@@ -79,7 +90,9 @@ void bind_scene_media(SceneClass& cls) {
         for (int32_t k = 0; k < n; ++k)
           if (ids[k] < 0 || size_t(ids[k]) >= s.optical_media().size())
             throw std::runtime_error("active medium ids contains an invalid id");
-        const float3 d{direction.data()[0], direction.data()[1], direction.data()[2]};
+        const float3 d = direction_of(direction, "direction");
+        check_finite("distance_sample", distance_sample);
+        check_finite("selection_sample", selection_sample);
         const FreePath r = sample_combined_free_path(s.optical_media().data(),
                                                      s.optical_media().size(), ids, n, d,
                                                      distance_sample, selection_sample);
@@ -95,7 +108,8 @@ void bind_scene_media(SceneClass& cls) {
       "The tracers' free path through overlapping media: distance = -ln(1 - u) / sigma_total\n"
       "(sigma = leaf_area_density * G(direction), summed over the media), and the medium\n"
       "hit, chosen by selection_sample in proportion to sigma. Returns 'distance' (the\n"
-      "largest float when nothing can collide), 'sigma_total', 'selected_slot', 'medium_id'.");
+      "largest float when nothing can collide), 'sigma_total', 'selected_slot', 'medium_id'.\n"
+      "A non-finite number or a zero direction is refused (ValueError naming it).");
   cls.def(
       "conditional_hotspot_transmittance",
       [](const EmbreeSceneManager& s, int64_t medium_id, float optical_depth,
@@ -104,11 +118,13 @@ void bind_scene_media(SceneClass& cls) {
         if (source_direction.size() != 3 || observation_direction.size() != 3)
           throw std::runtime_error("source and observation directions need 3 values");
         const OpticalTurbidMediumData& m = medium_at(s, medium_id);
-        const float* a = source_direction.data();
-        const float* b = observation_direction.data();
+        check_finite("optical_depth", optical_depth);
+        check_finite("initial_medium_distance", initial_medium_distance);
+        check_finite("observation_distance", observation_distance);
+        const float3 a = direction_of(source_direction, "source_direction");
+        const float3 b = direction_of(observation_direction, "observation_direction");
         return conditional_hotspot_transmittance(m, optical_depth, initial_medium_distance,
-                                                 observation_distance, {a[0], a[1], a[2]},
-                                                 {b[0], b[1], b[2]});
+                                                 observation_distance, a, b);
       },
       py::arg("medium_id"), py::arg("optical_depth"), py::arg("initial_medium_distance"),
       py::arg("observation_distance"), py::arg("source_direction"),
@@ -117,7 +133,8 @@ void bind_scene_media(SceneClass& cls) {
       "distance) inside a medium whose first-order path already ran b (observation distance)\n"
       "inside it: the paths share leaves over the characteristic length, shrinking with the\n"
       "angle between source and observation directions. exp(-tau) without correlation;\n"
-      "never above 1.");
+      "never above 1. A non-finite number or a zero direction is refused (ValueError\n"
+      "naming it).");
 }
 
 }  // namespace vesk::module

@@ -42,27 +42,31 @@ void bind_sif_processes(py::module_& m) {
       "finalize_sif_process_cpu",
       [](const EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(request,
-                         {"absorbed_top", "absorbed_bottom", "material_ids", "material_phi_f",
+                         {"n_elements", "n_bands", "n_selected", "n_materials", "absorbed_top",
+                          "absorbed_bottom", "material_ids", "material_phi_f",
                           "selected_band_indices", "element_phi_f"},
                          "finalize_sif_process_cpu");
         RequestArrays a;
-        const FloatArray top = get<FloatArray>(request, "absorbed_top", "a float array");
-        if (top.ndim() != 2)
-          throw py::value_error("absorbed_top must have shape (n_elements, n_bands)");
-        const FloatArray bottom = get<FloatArray>(request, "absorbed_bottom", "a float array");
-        if (bottom.ndim() != 2 || bottom.shape(0) != top.shape(0) ||
-            bottom.shape(1) != top.shape(1))
-          throw py::value_error("absorbed_bottom must have the shape of absorbed_top");
+        RequestCount elements(request, "n_elements"), bands(request, "n_bands");
+        const RequestCount selected(request, "n_selected"), materials(request, "n_materials");
+        const char* rule = " must have shape (n_elements, n_bands), or be flat with 'n_elements' "
+                           "and 'n_bands' given";
+        const FloatArray top = rows_by_cols<py::value_error>(
+            request, "absorbed_top", elements, bands, std::string("absorbed_top") + rule);
+        const FloatArray bottom = rows_by_cols<py::value_error>(
+            request, "absorbed_bottom", elements, bands, std::string("absorbed_bottom") + rule);
         backend::SifProcessRequestView v;
-        v.n_elements = count_of(top.shape(0));
-        v.n_bands = count_of(top.shape(1));
+        v.n_elements = elements.get32();
+        v.n_bands = bands.get32();
         v.absorbed_top = span_of(top);
         v.absorbed_bottom = span_of(bottom);
         v.material_ids = a.take_ints(request, "material_ids");
         v.material_phi_f = a.take(request, "material_phi_f");
-        v.n_materials = count_of(py::ssize_t(v.material_phi_f.size));
+        v.n_materials = materials.given ? materials.get32()
+                                        : count_of(py::ssize_t(v.material_phi_f.size));
         v.selected_band_indices = a.take_ints(request, "selected_band_indices");
-        v.n_selected = count_of(py::ssize_t(v.selected_band_indices.size));
+        v.n_selected = selected.given ? selected.get32()
+                                      : count_of(py::ssize_t(v.selected_band_indices.size));
         if (request.contains("element_phi_f") && !request["element_phi_f"].is_none())
           v.element_phi_f = a.take(request, "element_phi_f");
         backend::SifProcessResult r = scene.finalize_sif_process(v);
@@ -80,7 +84,9 @@ void bind_sif_processes(py::module_& m) {
       "absorbed spectra at the bands that excite fluorescence. A validated gather, no\n"
       "physics; the scene is not read and need not be built.\n"
       "request: 'absorbed_top', 'absorbed_bottom' float32 (n_elements, n_bands), absorbed\n"
-      "flux per band on each side (any unit, copied as is, never negative);\n"
+      "flux per band on each side (any unit, copied as is, never negative), or flat,\n"
+      "element-major, with 'n_elements' and 'n_bands' given; optional 'n_selected' and\n"
+      "'n_materials' (counts given must match the arrays);\n"
       "'material_ids' int32 (n_elements,), -1 for no material; 'material_phi_f' float32\n"
       "(n_materials,) yields 0..1; 'selected_band_indices' int32 (n_selected,), strictly\n"
       "increasing band indices; optional 'element_phi_f' float32 (n_elements,) yields 0..1\n"
@@ -95,28 +101,47 @@ void bind_sif_processes(py::module_& m) {
       [](const EmbreeSceneManager& scene, const py::dict& request) {
         warn_unread_keys(
             request,
-            {"positions", "normals", "instance_ids", "grid_dims", "source", "direct_source",
-             "bounds_min", "bounds_max", "cell_stride", "theta_bins", "phi_bins"},
+            {"n_instances", "n_samples", "n_bands", "positions", "normals", "instance_ids",
+             "grid_dims", "source", "direct_source", "bounds_min", "bounds_max", "cell_stride",
+             "theta_bins", "phi_bins"},
             "assemble_sif_source_cpu");
         RequestArrays a;
+        RequestCount instances(request, "n_instances"), samples(request, "n_samples"),
+            bands(request, "n_bands");
         const FloatArray positions = get<FloatArray>(request, "positions", "a float array");
+        const FloatArray normals = get<FloatArray>(request, "normals", "a float array");
         const IntArray grid_dims = get<IntArray>(request, "grid_dims", "an int array");
         const FloatArray source = get<FloatArray>(request, "source", "a float array");
+        const FloatArray direct = get<FloatArray>(request, "direct_source", "a float array");
+        const FloatArray lo = get<FloatArray>(request, "bounds_min", "a float array");
+        const FloatArray hi = get<FloatArray>(request, "bounds_max", "a float array");
+        // Counts given beside 2-D arrays must match them; a flat array's length is the
+        // validator's to check.
+        samples.check_given(positions, 0, "positions");
+        samples.check_given(normals, 0, "normals");
+        instances.check_given(grid_dims, 0, "grid_dims");
+        instances.check_given(lo, 0, "bounds_min");
+        instances.check_given(hi, 0, "bounds_max");
+        bands.check_given(source, 0, "source");
+        bands.check_given(direct, 0, "direct_source");
+        samples.check_given(source, 1, "source");
+        samples.check_given(direct, 1, "direct_source");
         backend::SifSourceAssemblyRequestView v;
-        v.n_samples = rows_of_three(positions);
-        v.n_instances = rows_of_three(grid_dims);
+        v.n_samples = samples.given ? samples.get32() : rows_of_three(positions);
+        v.n_instances = instances.given ? instances.get32() : rows_of_three(grid_dims);
         // (n_bands, n_samples), or flat band after band.
-        v.n_bands = source.ndim() == 2 ? count_of(source.shape(0))
-                    : v.n_samples > 0  ? count_of(source.size() / v.n_samples)
-                                       : 0;
+        v.n_bands = bands.given          ? bands.get32()
+                    : source.ndim() == 2 ? count_of(source.shape(0))
+                    : v.n_samples > 0    ? count_of(source.size() / v.n_samples)
+                                         : 0;
         v.positions = span_of(positions);
-        v.normals = a.take(request, "normals");
+        v.normals = span_of(normals);
         v.instance_ids = a.take_ints(request, "instance_ids");
         v.grid_dims = span_of(grid_dims);
         v.source_band_major = span_of(source);
-        v.direct_source_band_major = a.take(request, "direct_source");
-        v.bounds_min = a.take(request, "bounds_min");
-        v.bounds_max = a.take(request, "bounds_max");
+        v.direct_source_band_major = span_of(direct);
+        v.bounds_min = span_of(lo);
+        v.bounds_max = span_of(hi);
         v.cell_stride = get<int32_t>(request, "cell_stride", "an int");
         v.theta_bins = get<int32_t>(request, "theta_bins", "an int");
         v.phi_bins = get<int32_t>(request, "phi_bins", "an int");
@@ -159,6 +184,8 @@ void bind_sif_processes(py::module_& m) {
       "phi_bins, n_bands) in the source's unit; uint32 sample counts 'spatial_counts'\n"
       "(n_instances, cell_stride), 'orientation_counts' (n_instances, theta_bins, phi_bins),\n"
       "'joint_counts' (n_instances, cell_stride, theta_bins, phi_bins); and '_execution'.\n"
+      "Optional 'n_instances', 'n_samples', 'n_bands' give the counts (then every array\n"
+      "may be flat; 2-D arrays must match them).\n"
       "Cell (ix, iy, iz) is slot (iz * ny + iy) * nx + ix. The tables, with n_sif_bands =\n"
       "n_bands, are what set_instance_sif_source_fields takes.");
 }

@@ -134,6 +134,8 @@ SceneModel::SceneBox SceneModel::instances_box(const std::function<bool(size_t)>
 }
 
 std::pair<float3, float3> SceneModel::aabb() const {
+  // A scene with nothing in it has the empty box that a build would give it.
+  if (!built_ && instances_.empty()) return {SceneBox{}.lo, SceneBox{}.hi};
   return {float3{x_min_, y_min_, min_height_}, float3{x_max_, y_max_, max_height_}};
 }
 
@@ -141,6 +143,8 @@ void SceneModel::check_rays_(const std::vector<backend::Ray>& rays) {
   for (const backend::Ray& r : rays) {
     check_coordinates("origins", &r.origin.x, 3);
     check_coordinates("directions", &r.direction.x, 3);
+    if (r.direction.x == 0.0f && r.direction.y == 0.0f && r.direction.z == 0.0f)
+      throw std::invalid_argument("directions contains a zero direction");
     if (!(r.t_min >= 0.0f) || !std::isfinite(r.t_min))
       throw std::invalid_argument("t_min must be finite and non-negative");
     if (std::isnan(r.t_max)) throw std::invalid_argument("t_max must not be NaN");

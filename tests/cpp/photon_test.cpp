@@ -182,9 +182,10 @@ TEST(Flux, CellsBouncesAndProgress) {
                                calls.push_back(done);
                                EXPECT_EQ(total, PHOTON_ROUND + 1);
                              });
-  // Slow machines add reports inside the rounds; the ends of the rounds always come.
+  // Slow machines add reports inside the batches; the ends of the batches always come.
   EXPECT_TRUE(std::is_sorted(calls.begin(), calls.end())) << "progress never goes back";
-  EXPECT_NE(std::find(calls.begin(), calls.end(), long(PHOTON_ROUND)), calls.end()) << "round end";
+  EXPECT_NE(std::find(calls.begin(), calls.end(), long(PROGRESS_BATCH)), calls.end())
+      << "batch end";
   ASSERT_FALSE(calls.empty());
   EXPECT_EQ(calls.back(), PHOTON_ROUND + 1) << "the last report is the whole run";
   double down = 0, up = 0;

@@ -130,6 +130,8 @@ def test_transports_do_not_depend_on_the_thread_count(monkeypatch):
     (dict(sw_albedos=np.ones((2, 1), F)), ValueError, "sw_albedos must be 1D (flattened"),
     (dict(sw_albedos=np.ones(3, F)), ValueError, "sw_albedos must have n_primitives values"),
     (dict(sky_diffuse_radiance=-1.0), ValueError, "sky_diffuse_radiance contains a negative"),
+    # A NaN is refused by name even where no sun would read it.
+    (dict(sun_dir_y=float("nan")), ValueError, "sun_dir_y contains a non-finite value"),
 ])
 def test_single_band_refusals(kwargs, error, text):
     with pytest.raises(error, match=text.replace("(", r"\(").replace(")", r"\)")):
@@ -148,6 +150,8 @@ def test_single_band_refusals(kwargs, error, text):
      "sw_albedos must have n_bands \\* n_primitives values"),
     (dict(sky_directional_table=np.ones(3, F)), "directional sky must have n_bands \\* 16 \\* 32"),
     (dict(sw_reflectance=np.ones(2, F)), "split Mesh optics require sw_reflectance"),
+    (dict(sun_dir_z=float("inf"), sky_diffuse_radiance=np.ones(1, F)),
+     "sun_dir_z contains a non-finite value"),
 ])
 def test_multiband_refusals_in_order(kwargs, text):
     kwargs = dict(dict(n_bands=1), **kwargs)
@@ -332,3 +336,23 @@ def test_dynamic_refusals_leave_the_scene_unchanged(canopy, over, text):
     with pytest.raises(ValueError, match=text):
         vk.execute_photosynthesis_process_dynamic_cpu(canopy, dyn_request(8, **over))
     assert scene_state(canopy) == before
+
+
+def test_energy_balance_process_takes_per_element_arrays_as_well_as_per_material():
+    s = scene_of(leaf())
+    n = s.n_primitives()
+    by_material = eb_request(n, n_materials=2, n_samples=4, max_iterations=3,
+                             primitive_material_ids=np.arange(n, dtype=np.int32) % 2,
+                             material_emissivity=np.array([0.95, 0.9], F))
+    ids = by_material["primitive_material_ids"]
+    by_element = {k[len("material_"):] if k.startswith("material_") else k: v
+                  for k, v in by_material.items() if k != "primitive_material_ids"}
+    by_element = {k: (v[ids] if k in ("active", "initial_temperature", "emissivity", "sidedness",
+                                      "sensible_derivative", "latent_coefficient", "ground_heat",
+                                      "sw_albedo") else v) for k, v in by_element.items()}
+    a = vk.execute_energy_balance_process_cpu(s, by_material)
+    b = vk.execute_energy_balance_process_cpu(s, {**by_element, "n_elements": n})
+    for key in ("temperature", "net_radiation", "absorbed_longwave", "element_converged"):
+        np.testing.assert_array_equal(a[key], b[key], err_msg=key)
+    with pytest.raises(ValueError, match=r"^request\['emissivity'\] is per element, but "):
+        vk.execute_energy_balance_process_cpu(s, {**by_material, "emissivity": by_element["emissivity"]})

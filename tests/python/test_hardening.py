@@ -145,26 +145,31 @@ def run_python(code, env=None, **kwargs):
     "vk.simulate_cpu(s, spp=10**8)",
     "vk.simulate_cpu(s, spp=10**8, progress=lambda *a: None)",
     "vk.simulate_flux_cpu(s, 2, 2, 10**12, 1)",
+    # A few primitives with billions of samples each: only a check between samples stops it.
+    "vk.run_energy_balance_cpu(s, n_samples=2**31 - 1, sky_diffuse_radiance=100.0)",
+    "vk.run_energy_balance_multiband_cpu(s, 1, n_samples=2**31 - 1, sky_diffuse_radiance="
+    "np.ones(1, np.float32), sw_albedos=np.full(s.n_primitives(), 0.3, np.float32))",
 ])
-def test_ctrl_c_stops_a_long_run_with_keyboard_interrupt(run):
+def test_ctrl_c_stops_a_long_run_within_half_a_second(run):
     p = run_python(f"""
         import sys, time; sys.path.insert(0, {os.path.dirname(__file__)!r})
+        import numpy as np
         from test_hardening import ground, vk
         s = ground(pixels=32)
         print("running", flush=True)
-        t = time.time()
         try:
             {run}
         except KeyboardInterrupt:
-            print("interrupted after %.2f s" % (time.time() - t))
+            print("interrupted at %.6f" % time.time())
     """)
     assert p.stdout.readline().strip() == "running"
     time.sleep(1.0)
     sent = time.time()
     p.send_signal(signal.SIGINT)
     out, _ = p.communicate(timeout=30)
-    assert "interrupted after" in out, out
-    assert time.time() - sent < 5.0, "the run went on long after Ctrl-C"
+    assert "interrupted at" in out, out
+    lag = float(out.split("interrupted at")[1].split()[0]) - sent
+    assert lag < 0.5, f"the run went on {lag:.2f} s after Ctrl-C"
 
 
 def test_thread_count_follows_the_environment_and_the_affinity_mask():
@@ -246,3 +251,129 @@ def test_vesk_quiet_silences_the_tracers_log_lines(quiet):
     else:
         assert [line.split(":")[0] for line in logged] == ["Forward flux (CPU)",
                                                            "Forward fPAR (CPU)"]
+
+
+def request_forms():
+    """Per process entry: the call, a request in 2-D form, the counts of the flat form,
+    the arrays it flattens, and a count changed to contradict the 2-D shapes."""
+    from test_energy_balance import dyn_request, eb_request, leaf, scene_of
+    from test_photosynthesis import photosynthesis_request
+    from test_physiology import leaf_request
+    from test_sif import assembly_request, sif_request
+    spectra = ("absorbed_top", "absorbed_bottom")
+    return {
+        "static": (vk.execute_photosynthesis_process_static_cpu, photosynthesis_request(),
+                   dict(n_elements=5, n_bands=4, n_materials=3),
+                   spectra + ("absorbed_direct",), dict(n_bands=3)),
+        "sif": (vk.finalize_sif_process_cpu, sif_request(),
+                dict(n_elements=4, n_bands=5, n_selected=2, n_materials=2), spectra,
+                dict(n_elements=3)),
+        "assembly": (vk.assemble_sif_source_cpu, assembly_request(),
+                     dict(n_instances=2, n_samples=8, n_bands=2),
+                     ("positions", "normals", "grid_dims", "source", "direct_source",
+                      "bounds_min", "bounds_max"), dict(n_samples=9)),
+        "leaf": (vk.solve_physiology_cpu, leaf_request(), dict(n_elements=4, n_bands=2), (),
+                 dict(n_bands=1)),
+        "dynamic": (lambda s, r: vk.execute_photosynthesis_process_dynamic_cpu(scene_of(leaf()), r),
+                    dyn_request(2, n_samples=4, max_iterations=3), dict(n_elements=2), (),
+                    dict(n_elements=3)),
+        "energy": (lambda s, r: vk.execute_energy_balance_process_cpu(scene_of(leaf()), r),
+                   eb_request(2, n_samples=4, max_iterations=3), dict(n_elements=2), (),
+                   dict(n_elements=1)),
+    }
+
+
+@pytest.mark.parametrize("entry", ["static", "sif", "assembly", "leaf", "dynamic", "energy"])
+def test_process_requests_take_flat_arrays_with_counts_or_2d_arrays(entry):
+    run, request, counts, flattened, wrong = request_forms()[entry]
+    s = vk.EmbreeSceneManager()
+    flat = {**request, **counts, **{k: np.ravel(request[k]) for k in flattened}}
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")  # no key the documentation names may draw a warning
+        shaped, given = run(s, request), run(s, flat)
+    for key in shaped:
+        if key != "_execution":
+            np.testing.assert_array_equal(given[key], shaped[key], err_msg=f"{entry}: {key}")
+    (key, value), = wrong.items()
+    with pytest.raises(ValueError, match=rf"^request\['{key}'\] = {value} does not match "):
+        run(s, {**request, **counts, **wrong})
+
+
+def media_ground():
+    s = ground()
+    s.set_optical_turbid_media([1.0], [0], [1], [0.05], [-1])
+    return s
+
+
+UP = np.array([0.0, 0.0, 1.0], F)
+ROWS = np.array([[5.0, 5.0, 3.0], [1.0, 2.0, 3.0]], F)
+# Every query entry (the scene's and the microwave evaluators) with working arguments; the
+# sweep puts NaN, inf and (in directions) zero in one argument, or in one coordinate of
+# it, at a time.
+QUERIES = {
+    "trace_closest": (lambda s, **a: s.trace_closest(**a), dict(
+        origins=ROWS, directions=-ROWS / np.linalg.norm(ROWS, axis=1)[:, None], t_min=1e-4,
+        t_max=1e30), {"directions"}),
+    "sample_combined_free_path": (lambda s, **a: s.sample_combined_free_path(**a), dict(
+        active_medium_ids=np.array([0], np.int32), direction=UP, distance_sample=0.5,
+        selection_sample=0.5), {"direction"}),
+    "conditional_hotspot_transmittance": (lambda s, **a: s.conditional_hotspot_transmittance(
+        **a), dict(medium_id=0, optical_depth=1.0, initial_medium_distance=1.0,
+                   observation_distance=0.5, source_direction=np.array([0.3, 0.2, 0.93], F),
+                   observation_direction=UP), {"source_direction", "observation_direction"}),
+}
+SOIL = np.array([0.3, 0.2, 0.25, 0, 1, 1.5, 0, 295, 290, 1, 0.01, 0], F)
+TRUNK = np.array([0.15, 6.0, 0.4, 295.0, 0.0, 0.0, 1.0], F)
+COSINES = np.cos(np.radians([0.0, 30.0, 60.0])).astype(F)
+QUERIES.update({
+    "_evaluate_microwave_soil": (lambda s, **a: vk._evaluate_microwave_soil(**a), dict(
+        frequency=1.4e9, parameters=SOIL, cosines=COSINES, active=True), set()),
+    "_evaluate_microwave_soil_reflectivity": (
+        lambda s, **a: vk._evaluate_microwave_soil_reflectivity(**a),
+        dict(frequency=5.3e9, parameters=SOIL, cosines=COSINES, allow_hallikainen=True), set()),
+    "_evaluate_microwave_trunk": (lambda s, **a: vk._evaluate_microwave_trunk(**a), dict(
+        frequency=1.4e9, parameters=TRUNK, cosines=COSINES), set()),
+    "_evaluate_microwave_trunk_ground": (lambda s, **a: vk._evaluate_microwave_trunk_ground(**a),
+                                         dict(frequency=1.4e9, soil_parameters=SOIL,
+                                              trunk_parameters=TRUNK,
+                                              directions_to_trunk=np.array([[0.7, 0, -0.714]], F),
+                                              directions_to_ground=np.array([[0.7, 0, -0.714]], F),
+                                              ground_normals=UP[None]),
+                                         {"directions_to_trunk", "directions_to_ground",
+                                          "ground_normals"}),
+    "_microwave_cylinder_amplitude": (lambda s, **a: vk._microwave_cylinder_amplitude(**a), dict(
+        frequency=1.4e9, radius=0.1, permittivity=8 + 2.5j, elevation_incident=0.3,
+        elevation_scattered=0.2, phi=0.7), set()),
+})
+
+
+def bad_arguments():
+    for name, (_, args, directions) in QUERIES.items():
+        for arg, value in args.items():
+            if isinstance(value, (int, complex)) or isinstance(value, np.ndarray) and \
+                    value.dtype != F:
+                continue
+            bad = ["nan", "inf", "-inf"] + (["zero"] if arg in directions else [])
+            if arg == "t_max":  # any t_max but NaN is an interval: infinite or empty
+                bad = ["nan"]
+            for what in bad:
+                yield name, arg, what
+
+
+@pytest.mark.parametrize("name, arg, what", list(bad_arguments()))
+def test_queries_refuse_non_finite_numbers_and_zero_directions_by_name(name, arg, what):
+    call, args, _ = QUERIES[name]
+    s = media_ground()
+    value = args[arg]
+    if what == "zero":
+        value = np.zeros_like(value)
+    elif isinstance(value, np.ndarray):  # one coordinate is enough to spoil a vector
+        value = value.copy()
+        value.flat[-1] = float(what)
+    else:
+        value = float(what)
+    before = scene_state(s)
+    with pytest.raises(ValueError, match=f"^{arg} "):
+        call(s, **{**args, arg: value})
+    assert scene_state(s) == before
+    call(s, **args)  # and the working call still works

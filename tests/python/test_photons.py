@@ -301,10 +301,9 @@ def test_incident_columns_add_up_under_a_slanted_sun_and_sky(repeated):
 
 
 @pytest.mark.parametrize("run", ["flux", "forward", "brf"])
-def test_photon_runs_report_progress_within_a_round(run, monkeypatch):
-    # 1.2 million photons on one thread over a tile with crowns: the first round
-    # (PHOTON_CHUNK * 256 = 1048576 photons) takes about a second here, and reports must
-    # come while it runs.
+def test_photon_runs_report_every_batch_end_and_within_a_batch(run, monkeypatch):
+    # 1.2 million photons on one thread over a tile with crowns: the first batch of a
+    # million photons takes about a second here, and reports must come while it runs.
     monkeypatch.setenv("VESK_NUM_THREADS", "1")
     s = tile_scene(crowns=CROWNS)
     calls = []
@@ -315,10 +314,28 @@ def test_photon_runs_report_progress_within_a_round(run, monkeypatch):
                                                   progress=cb)}[run]
     call(lambda done, total, ms: calls.append((done, total, ms)))
     done, ms = [c[0] for c in calls], [c[2] for c in calls]
-    round_end = 256 * vk.PHOTON_CHUNK
-    assert done == sorted(done) and done[-1] == 1_200_000 and round_end in done
+    batch_end = 1_000_000
+    assert done == sorted(done) and done[-1] == 1_200_000 and batch_end in done
     assert all(c[1] == 1_200_000 for c in calls)
-    if ms[done.index(round_end)] > 500.0:
-        assert done[0] < round_end, f"no report inside a round that took over 0.5 s: {calls}"
+    if ms[done.index(batch_end)] > 500.0:
+        assert done[0] < batch_end, f"no report inside a batch that took over 0.5 s: {calls}"
         gaps = np.diff([0.0] + ms)
         assert np.median(gaps) < 500.0, f"reports should come every quarter second: {gaps}"
+
+
+def test_flux_progress_comes_at_both_batch_ends_of_a_million_and_one_photons():
+    # A bare ground under the sun: a million photons take well under a quarter second on
+    # two threads, so only the batch ends report.
+    s = vk.EmbreeSceneManager()
+    s.upload_spectral_params(np.array([0.3, 1000.0], F))
+    s.add_material(0, 0, [0.3])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(5, 5, 0, 10)), 5.0, 5.0, 0.0)
+    s.set_emitter(0, np.array([0, 0, 1], F), 1)
+    s.set_repetitive(0, 10.0, 10.0)
+    s.build()
+    calls = []
+    vk.simulate_flux_cpu(s, 1, 1, 1_000_001, 1, progress=lambda *a: calls.append(a))
+    assert [c[:2] for c in calls if c[0] % 1_000_000 in (0, 1)][-2:] == [
+        (1_000_000, 1_000_001), (1_000_001, 1_000_001)], calls
+    if calls[-1][2] < 250.0:
+        assert len(calls) == 2, f"a quick run reports its two batch ends alone: {calls}"

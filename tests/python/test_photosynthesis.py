@@ -107,9 +107,10 @@ def nan_first(a):
 # (changes to a valid request, the error); two faults at once pin which is checked first.
 REFUSALS = [
     (lambda r: dict(absorbed_top=r["absorbed_top"].ravel()), RuntimeError,
-     r"absorbed_top must have shape \[element, band\]"),
-    (lambda r: dict(absorbed_bottom=r["absorbed_bottom"].T.copy()), RuntimeError,
-     r"absorbed_bottom must have shape \[element, band\] matching absorbed_top"),
+     r"absorbed_top must have shape \[element, band\], or be flat with 'n_elements' and "
+     r"'n_bands' given"),
+    (lambda r: dict(absorbed_bottom=r["absorbed_bottom"].T.copy()), ValueError,
+     r"n_elements = 5 from absorbed_top does not match absorbed_bottom of shape \(4, 5\)"),
     (lambda r: {k: r[k][:0] for k in ("absorbed_top", "absorbed_bottom", "absorbed_direct")},
      ValueError, "photosynthesis n_elements must be positive"),
     (lambda r: {k: r[k][:, :0] for k in ("absorbed_top", "absorbed_bottom", "absorbed_direct")},

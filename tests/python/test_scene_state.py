@@ -162,3 +162,11 @@ def test_broken_states_and_paths_are_refused(tmp_path):
     junk.write_bytes(b"not a scene")
     with pytest.raises(ValueError):
         vk.EmbreeSceneManager.load(junk)
+
+
+def test_an_empty_scene_reports_the_empty_box_built_or_not():
+    empty = ((1e30, 1e30, 1e30), (-1e30, -1e30, -1e30))
+    s = vk.EmbreeSceneManager()
+    assert np.allclose(s.aabb(), empty, rtol=1e-6), s.aabb()
+    s.build()
+    assert np.allclose(s.aabb(), empty, rtol=1e-6), s.aabb()

@@ -101,9 +101,10 @@ FINALISATION_FAULTS = [
      "selected_band_indices must be strictly increasing and in range"),
     (dict(selected_band_indices=np.array([2, 5], I)),
      "selected_band_indices must be strictly increasing and in range"),
-    (dict(absorbed_top=np.zeros(20, F)), "absorbed_top must have shape (n_elements, n_bands)"),
+    (dict(absorbed_top=np.zeros(20, F)), "absorbed_top must have shape (n_elements, n_bands), "
+     "or be flat with 'n_elements' and 'n_bands' given"),
     (dict(absorbed_bottom=np.zeros((5, 4), F)),
-     "absorbed_bottom must have the shape of absorbed_top"),
+     "n_elements = 4 from absorbed_top does not match absorbed_bottom of shape (5, 4)"),
 ]
 
 

@@ -227,3 +227,32 @@ def test_leaf_request_gives_a_light_response_curve():
                                 vesk.leaf_request([0.0, 100.0, 400.0, 2000.0], co2=[400] * 4))
     an = r["an"]
     assert r["converged"].all() and an[0] < 0 < an[1] < an[2] <= an[3] + 1e-3, an
+
+
+@pytest.mark.parametrize("same_side", [0.5, 1.0])
+def test_sif_emission_conserves_photons_and_splits_them_between_the_sides(same_side):
+    rng = np.random.default_rng(3)
+    wl = np.array([380.0, 450.0, 550.0, 650.0, 720.0])  # only the middle three excite
+    top, bottom = rng.uniform(0, 50, (2, 3, 5))  # W m-2 per band
+    phi = np.array([0.01, 0.02, 0.0])
+    fine = np.arange(550.0, 950.0, 0.25)  # nm: both peaks and their tails
+    out = vesk.sif_emission(top, bottom, wl, phi, emission_wavelengths=fine,
+                            same_side_fraction=same_side)
+    mol_per_joule = lambda w: w * 1e-9 / (6.62607015e-34 * 299792458.0 * 6.02214076e23)  # noqa: E731
+    par = (wl >= 400) & (wl <= 700)
+    absorbed = [(side[:, par] * mol_per_joule(wl[par])).sum(axis=1) for side in (top, bottom)]
+
+    def emitted(radiance):  # photons leaving a Lambertian side, umol m-2 s-1
+        return np.trapz(np.pi * radiance * mol_per_joule(fine), fine, axis=1) * 1e6
+
+    np.testing.assert_allclose(emitted(out["top"]) + emitted(out["bottom"]),
+                               phi * (absorbed[0] + absorbed[1]) * 1e6, rtol=1e-4,
+                               err_msg="emitted photons must be phi_f times absorbed PAR photons")
+    np.testing.assert_allclose(out["photons"], phi * (absorbed[0] + absorbed[1]) * 1e6, rtol=1e-6)
+    if same_side == 1.0:  # each side gives back what it absorbed
+        np.testing.assert_allclose(emitted(out["bottom"]), phi * absorbed[1] * 1e6, rtol=1e-4)
+    # The scene takes the two sides' mean, band-major, for one radiance on both sides.
+    np.testing.assert_allclose(out["spectra"].reshape(len(fine), 3).T,
+                               (out["top"] + out["bottom"]) / 2, rtol=1e-6)
+    with pytest.raises(ValueError, match="^phi_f contains a non-finite value$"):
+        vesk.sif_emission(top, bottom, wl, [0.01, np.nan, 0.0])
