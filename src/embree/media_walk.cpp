@@ -31,8 +31,8 @@ MediaScene MediaScene::from(const EmbreeSceneManager& scene) {
 bool MediaScene::meets_media_box(const float3& o, const float3& d, float t_max) const {
   float t0 = 0.0f, t1 = t_max;
   const float os[3] = {o.x, o.y, o.z}, ds[3] = {d.x, d.y, d.z};
-  const float lo[3] = {media_lo.x, media_lo.y, media_lo.z}, hi[3] = {media_hi.x, media_hi.y,
-                                                                      media_hi.z};
+  const float lo[3] = {media_lo.x, media_lo.y, media_lo.z},
+              hi[3] = {media_hi.x, media_hi.y, media_hi.z};
   for (int a = 0; a < 3; ++a) {
     if (std::fabs(ds[a]) < 1e-12f) {
       if (os[a] < lo[a] || os[a] > hi[a]) return false;
@@ -53,15 +53,37 @@ int MediaScene::border_exit(const float3& o, const float3& d, int32_t crossings,
   return tile_exit(rep.scene_x_size, rep.scene_y_size, o, d, t);
 }
 
-void media_at_point(const MediaScene& ms, const float3& p, const float3& d,
-                    ActiveMediumList& out) {
+Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int32_t crossings,
+                     bool in_media, RayStart start) {
+  Segment s;
+  if (start == RayStart::Wall) {
+    // Nothing to step off on a wall: surfaces on it are met, bounding surfaces the
+    // rescan has counted are passed.
+    float t_min = 0.0f;
+    for (int32_t k = 0; k < MAX_MEDIUM_CROSSINGS; ++k) {
+      s.hit = ms.scene->trace_ray(o, d, t_min, 1e30f);
+      if (!s.hit.hit || s.hit.t > WALL_REACH || ms.medium_of(s.hit) < 0) break;
+      t_min = std::nextafter(s.hit.t, INFINITY);
+    }
+  } else {
+    s.hit = ms.scene->trace_ray(o, d, start == RayStart::Point ? 0.0f : SURFACE_T_MIN, 1e30f);
+  }
+  const EmbreeHit& hit = s.hit;
+  if (in_media || !hit.hit) s.axis = ms.border_exit(o, d, crossings, s.border);
+  s.at_border = s.axis >= 0 && (!hit.hit || hit.t > s.border + BORDER_TIE ||
+                                (hit.t >= s.border - BORDER_TIE && ms.medium_of(hit) >= 0));
+  s.bound = s.at_border ? s.border : (hit.hit ? hit.t : 1e16f);
+  return s;
+}
+
+void media_at_point(const MediaScene& ms, const float3& p, const float3& d, ActiveMediumList& out) {
   out.count = 0;
   if (!ms.in_media_box(p)) return;
   uint32_t seen[MAX_MEDIUM_CROSSINGS];
   int32_t n_seen = 0;
   float3 o = p;
   for (int32_t step = 0; step < MAX_MEDIUM_CROSSINGS; ++step) {
-    const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
+    const EmbreeHit hit = ms.scene->trace_ray(o, d, SURFACE_T_MIN, 1e30f);
     if (!hit.hit) return;
     o = hit.position + MEDIUM_STEP * d;
     // Past the media box nothing ahead can bound a medium.
@@ -101,29 +123,30 @@ bool rescan_after_border(const MediaScene& ms, const float3& p, const float3& d,
   return true;
 }
 
-double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
-                            ActiveMediumList list, const FirstOrderPath* first) {
+double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d, ActiveMediumList list,
+                            const FirstOrderPath* first, RayStart start) {
   double depth = 0.0;
   // Per slot of the first-order list: shadow length and optical depth inside it.
   float shared_length[MAX_ACTIVE_MEDIA] = {}, shared_depth[MAX_ACTIVE_MEDIA] = {};
   int32_t crossings = 0, borders = 0;
   while (true) {
     if (list.count == 0 && !ms.meets_media_box(o, d, 1e30f)) {
-      // Outside every medium and never meeting one in this tile: plain occlusion.
-      if (ms.scene->trace_shadow(o, d, 1e16f)) return 0.0;
+      // Outside every medium and never meeting one in this tile: plain occlusion. A
+      // query from a wall or a collision starts there, not a step past it.
+      if (ms.scene->trace_shadow(start == RayStart::Surface ? o : o - SURFACE_T_MIN * d, d, 1e16f))
+        return 0.0;
       float border = 0.0f;
       const int axis = ms.border_exit(o, d, borders, border);
       if (axis < 0) break;
       cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, axis, border, d, o);
       ++borders;
       media_at_point(ms, o + MEDIUM_STEP * d, d, list);
+      start = RayStart::Wall;
       continue;
     }
-    const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
-    float border = 0.0f;
-    const int axis = ms.border_exit(o, d, borders, border);
-    const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
-    const float segment = at_border ? border : (hit.hit ? hit.t : INFINITY);
+    const Segment seg = next_segment(ms, o, d, borders, true, start);
+    const EmbreeHit& hit = seg.hit;
+    const float segment = seg.at_border ? seg.border : (hit.hit ? hit.t : INFINITY);
     for (int32_t k = 0; k < list.count; ++k) {
       const float sigma = ms.sigma(list.medium_id[k], d);
       if (!(sigma > 0.0f)) continue;
@@ -135,10 +158,11 @@ double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
       }
     }
     if (!(depth < 80.0)) return 0.0;  // exp(-80) is nothing in any band
-    if (at_border) {
-      cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, axis, border, d, o);
+    if (seg.at_border) {
+      cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, seg.axis, seg.border, d, o);
       ++borders;
       media_at_point(ms, o + MEDIUM_STEP * d, d, list);
+      start = RayStart::Wall;
       continue;
     }
     if (!hit.hit) break;
@@ -148,14 +172,14 @@ double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
         !toggle_medium(list, medium, uint32_t(hit.instance_id)))
       return 0.0;
     o = hit.position + MEDIUM_STEP * d;
+    start = RayStart::Surface;
   }
   if (!first) return std::exp(-depth);
   double correction = 1.0, shared = 0.0;
   const ActiveMediumList& fl = *first->list;
   for (int32_t j = 0; j < fl.count; ++j) {
     const int32_t m = fl.medium_id[j];
-    if (m < 0 || size_t(m) >= ms.n_media || !(shared_length[j] > 0.0f) ||
-        !(shared_depth[j] > 0.0f))
+    if (m < 0 || size_t(m) >= ms.n_media || !(shared_length[j] > 0.0f) || !(shared_depth[j] > 0.0f))
       continue;
     correction *= conditional_hotspot_transmittance(ms.media[m], shared_depth[j], shared_length[j],
                                                     fl.primary_distance[j], d, first->observation);

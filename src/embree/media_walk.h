@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "core/optical_media.h"
+#include "core/tile.h"
 #include "embree/scene_manager.h"
 
 namespace vesk::embree {
@@ -14,8 +15,12 @@ namespace vesk::embree {
 constexpr float MEDIUM_STEP = 0.0002f;
 // Bounding-surface crossings (and scan intersections) allowed to one ray.
 constexpr int32_t MAX_MEDIUM_CROSSINGS = 128;
-// A tile border this close to a surface hit counts as the hit.
+// A tile border and a surface hit this close count as one event.
 constexpr float BORDER_TIE = 0.0005f;
+// After a tile wall the media are scanned MEDIUM_STEP past it, by a scan that starts
+// SURFACE_T_MIN further on: bounding surfaces within this distance of the wall are
+// already counted in the scan's list, and are passed without being crossed again.
+constexpr float WALL_REACH = MEDIUM_STEP + 1e-4f;
 
 // Everything a media-aware walk reads, gathered once per run.
 struct MediaScene {
@@ -44,6 +49,31 @@ struct MediaScene {
   bool meets_media_box(const float3& o, const float3& d, float t_max) const;
 };
 
+// The next event of a ray through a scene with media: the surface ahead, and the tile
+// wall where the ray leaves its tile before it.
+struct Segment {
+  EmbreeHit hit;
+  int axis = -1;        // the wall crossed at the end, or -1
+  float border = 0.0f;  // distance to that wall
+  bool at_border = false;
+  float bound = 1e16f;  // where the segment ends: the wall, the hit or far away
+};
+
+// Where a ray of a media walk starts, which decides what it may meet first.
+enum class RayStart {
+  Surface,  // off a surface it has stepped away from: hits from SURFACE_T_MIN on
+  Point,    // at a leaf collision, on no surface: hits from 0 on
+  Wall,     // on the tile wall it has just entered by, with its media rescanned there:
+            // hits from 0 on, passing the bounding surfaces the rescan has counted
+};
+
+// The segment from o along d. The tile wall is looked for when in_media or when nothing
+// is hit, within `crossings`. A medium's bounding surface that meets the wall (within
+// BORDER_TIE) is the wall's event: a layer whose side lies on the wall goes on in the
+// next tile, and the rescan there says so, where crossing the side would leave it.
+Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int32_t crossings,
+                     bool in_media, RayStart start);
+
 // The media containing p, by a forward scan along d: the first hit on each bounding
 // instance decides whether p is inside it.
 void media_at_point(const MediaScene& ms, const float3& p, const float3& d, ActiveMediumList& out);
@@ -66,8 +96,11 @@ struct FirstOrderPath {
 // Transmittance of the ray from o along d through the media of `list` (the media o lies
 // in), across bounding surfaces and tile borders; 0 when an ordinary surface blocks it.
 // With a first-order partner, depth shared with the path's first leg is corrected by
-// the conditional hot-spot transmittance of each shared medium.
-double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
-                            ActiveMediumList list, const FirstOrderPath* first_order);
+// the conditional hot-spot transmittance of each shared medium. A ray from a leaf
+// collision starts at the collision point itself (RayStart::Point): a step off it could
+// carry the ray over a bounding surface unseen, and its list would then be wrong.
+double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d, ActiveMediumList list,
+                            const FirstOrderPath* first_order,
+                            RayStart start = RayStart::Surface);
 
 }  // namespace vesk::embree
