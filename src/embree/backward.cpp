@@ -416,7 +416,7 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
       coordinate_system(frame[2], frame[0], frame[1]);
       const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
       if (c.sif_fields)
-        emit_field_sif(c, s, list.instance_key[slot], point, frame[2], p.order, [&] {
+        emit_field_sif(c, s, ms.instance_of(list.instance_key[slot]), point, frame[2], p.order, [&] {
           return c.has_sun ? sun_visibility(point, RayStart::Point) : 0.0;
         });
       if (c.mode != EMISSION_OPTICAL) {
@@ -454,14 +454,10 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
     const int32_t medium = ms.medium_of(hit);
     if (medium >= 0) {
       // A bounding surface: enter or leave, and go on unchanged.
-      const uint32_t key = uint32_t(hit.instance_id);
-      const bool entering = list.find(medium, key) < 0;
-      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS || !toggle_medium(list, medium, key))
+      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS ||
+          !cross_boundary(ms, hit, medium, p.direction, p.origin, list,
+                          scattered ? nullptr : &first_order))
         return true;
-      if (!scattered && entering && first_order.find(medium, key) < 0 &&
-          !first_order.add(medium, key))
-        return true;
-      p.origin = hit.position + MEDIUM_STEP * p.direction;
       continue;
     }
 

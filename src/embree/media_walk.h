@@ -32,9 +32,22 @@ struct MediaScene {
   // The box around every instance that bounds a medium: no medium starts or is met
   // outside it, so scans and shadow rays that stay out of it take the plain way.
   float3 media_lo{1e30f, 1e30f, 1e30f}, media_hi{-1e30f, -1e30f, -1e30f};
+  // Media that reach over a tile wall (a layer wider than its tile) overlap their copies
+  // of the neighbouring tiles, which reach into this tile from the other side. Each such
+  // neighbour, by the offset of its copies, with the part of the tile they can reach: a
+  // point p lies in a neighbour's copy where p - offset lies in the instance here.
+  // Pairs of a neighbour's copies carry its number (1..8) in the instance key's top bits.
+  int32_t n_ghosts = 0;
+  float3 ghost_offset[8], ghost_lo[8], ghost_hi[8];
+  static constexpr int GHOST_SHIFT = 27;
+  static constexpr uint32_t INSTANCE_MASK = (1u << GHOST_SHIFT) - 1u;
 
   static MediaScene from(const EmbreeSceneManager& scene);
-  int32_t medium_of(const EmbreeHit& hit) const { return scene->medium_of_material(hit.material_id); }
+  // The bounding instance of an active-list key.
+  uint32_t instance_of(uint32_t key) const { return n_ghosts > 0 ? key & INSTANCE_MASK : key; }
+  int32_t medium_of(const EmbreeHit& hit) const {
+    return scene->medium_of_material(hit.material_id);
+  }
   float sigma(int32_t medium, const float3& d) const {
     return medium >= 0 && size_t(medium) < n_media ? medium_sigma(media[medium], d) : 0.0f;
   }
@@ -81,6 +94,15 @@ void media_at_point(const MediaScene& ms, const float3& p, const float3& d, Acti
 // Enters or leaves (medium, instance); false when a ninth medium would be entered.
 bool toggle_medium(ActiveMediumList& list, int32_t medium, uint32_t instance);
 
+// Crosses the bounding surface `hit` of `medium`, moving o past it. Without copies
+// reaching over the walls the pair is toggled. With them, surfaces of a medium and of its
+// copies coincide (a layer's top here and in the copy reaching in from the next tile) and
+// one toggle would leave the others out, so the media are rescanned past the surface
+// instead. Pairs entered join `first_order` when given (a path that has not scattered).
+// False when a ninth medium would be entered.
+bool cross_boundary(const MediaScene& ms, const EmbreeHit& hit, int32_t medium, const float3& d,
+                    float3& o, ActiveMediumList& list, ActiveMediumList* first_order);
+
 // After a tile crossing: the media at the wrapped point replace the list, and pairs new
 // to the first-order list are added to it; false when that list overflows.
 bool rescan_after_border(const MediaScene& ms, const float3& p, const float3& d,
@@ -100,7 +122,6 @@ struct FirstOrderPath {
 // collision starts at the collision point itself (RayStart::Point): a step off it could
 // carry the ray over a bounding surface unseen, and its list would then be wrong.
 double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d, ActiveMediumList list,
-                            const FirstOrderPath* first_order,
-                            RayStart start = RayStart::Surface);
+                            const FirstOrderPath* first_order, RayStart start = RayStart::Surface);
 
 }  // namespace vesk::embree

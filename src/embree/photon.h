@@ -290,7 +290,7 @@ void walk_photon_in_media(const MaterialData* materials, const float* spectral,
       leaf.shading_normal = leaf.geometric_normal =
           sample_leaf_normal(ms.media[medium].leaf_angle_type, p.direction, rng, leaf.back_face);
       leaf.material_id = material;
-      leaf.instance_id = int32_t(p.media.instance_key[slot]);
+      leaf.instance_id = int32_t(ms.instance_of(p.media.instance_key[slot]));
       if (!scatter_photon(materials[material], leaf, spectral, lim, depth, rng, p, before, rec))
         return;
       p.scattered = true;
@@ -319,15 +319,12 @@ void walk_photon_in_media(const MaterialData* materials, const float* spectral,
     }
     const int32_t medium = ms.medium_of(hit);
     if (medium >= 0) {
-      const uint32_t key = uint32_t(hit.instance_id);
-      const bool entering = p.media.find(medium, key) < 0;
-      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS || !toggle_medium(p.media, medium, key) ||
-          (!p.scattered && entering && p.first_order.find(medium, key) < 0 &&
-           !p.first_order.add(medium, key))) {
+      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS ||
+          !cross_boundary(ms, hit, medium, p.direction, p.origin, p.media,
+                          p.scattered ? nullptr : &p.first_order)) {
         rec.lost(p);
         return;
       }
-      p.origin = hit.position + MEDIUM_STEP * p.direction;
       continue;
     }
     if (!scatter_photon(materials[hit.material_id], hit, spectral, lim, depth, rng, p, before, rec))

@@ -122,3 +122,28 @@ def test_brf_and_flux_of_a_layer_on_the_walls_and_one_set_back_agree():
         noise = np.sqrt(ea**2 + eb**2)
         assert np.all(np.abs(a - b) < 4 * noise + 1e-6 * np.abs(b)), \
             f"{name} differs beyond noise: {a} vs {b} (sigma {noise})"
+
+
+def test_copies_of_a_layer_wider_than_its_tile_overlap_and_add_up():
+    # A black layer 1.5 tiles wide: near the walls its copies from the neighbouring tiles
+    # overlap it, and in the corners four copies do. The uncollided sunlight is the mean
+    # over the tile of exp(-G * density * (copies along the slant path)).
+    n, zen, az, density, grow = 20000, np.radians(35), np.radians(20), 0.3, W / 4
+    s = layer(density=density, inset=-grow, zen=zen, az=az)
+    r = vk.simulate_forward_cpu(s, 1, 1, None, n, 1, terrain_instance_id=0)
+    g = np.interp(35.0, np.arange(91), s.optical_turbid_medium(0)["projection_g"])
+
+    def copies(x):
+        x = np.mod(x, W)
+        return 1 + (x < grow) + (x > W - grow)
+
+    length, steps = (Z1 - Z0) / np.cos(zen), 400
+    x, y = np.meshgrid((np.arange(200) + 0.5) * W / 200, (np.arange(200) + 0.5) * W / 200)
+    tau = sum(copies(x + t * np.sin(zen) * np.cos(az)) * copies(y + t * np.sin(zen) * np.sin(az))
+              for t in (np.arange(steps) + 0.5) * length / steps) * g * density * length / steps
+    expected = np.exp(-tau).mean()
+    got = r["terrain"].sum() / r["incident"][0]
+    sigma = np.sqrt(expected * (1 - expected) / n)
+    assert abs(got - expected) < 4 * sigma, \
+        f"transmittance {got} vs {expected} of overlapping copies (sigma {sigma}); " \
+        f"one copy alone would give {np.exp(-g * density * length)}"
