@@ -416,9 +416,8 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
       coordinate_system(frame[2], frame[0], frame[1]);
       const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
       if (c.sif_fields)
-        emit_field_sif(c, s, ms.instance_of(list.instance_key[slot]), point, frame[2], p.order, [&] {
-          return c.has_sun ? sun_visibility(point, RayStart::Point) : 0.0;
-        });
+        emit_field_sif(c, s, ms.instance_of(list.instance_key[slot]), point, frame[2], p.order,
+                       [&] { return c.has_sun ? sun_visibility(point, RayStart::Point) : 0.0; });
       if (c.mode != EMISSION_OPTICAL) {
         EmbreeHit leaf;
         leaf.position = point;

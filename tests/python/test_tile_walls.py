@@ -147,3 +147,23 @@ def test_copies_of_a_layer_wider_than_its_tile_overlap_and_add_up():
     assert abs(got - expected) < 4 * sigma, \
         f"transmittance {got} vs {expected} of overlapping copies (sigma {sigma}); " \
         f"one copy alone would give {np.exp(-g * density * length)}"
+
+
+def test_lidar_pulses_cross_the_walls_of_a_repeated_layer():
+    # A slant pulse from 20 m up meets the repeated scene tiles away from where it starts,
+    # crosses walls inside the layer and returns from the ground at 20 m / cos(40 deg).
+    zen, az = np.radians(40), np.radians(30)
+    d = -sun_dir(zen, az)
+    grounds = []
+    for s in walls_and_set_back(density=0.3, leaf=(0.4, 0.4, 0.1), soil=0.3):
+        r = vk.simulate_lidar_cpu(s, np.array([2, 2, 20], F), d.astype(F), 1,
+                                  beam_samples_per_dim=4, range_resolution=0.05, max_range=40.0)
+        last = r["points"][r["points"][:, 6].argmax()]
+        assert abs(last[6] - 20 / np.cos(zen)) < 0.1, f"no ground return at its range: {last}"
+        grounds.append(last[3])
+        point = vk.simulate_lidar_cpu(s, np.array([2, 2, 20], F), d.astype(F), 1,
+                                      direct_mode=True)["points"]
+        assert point.shape[0] == 1 and abs(point[0, 6] - (20 - Z1) / np.cos(zen)) < 1e-3, \
+            f"the first surface is the layer's top: {point}"
+    np.testing.assert_allclose(grounds[0], grounds[1], rtol=2e-3,
+                               err_msg="the ground echo through a layer on the walls")
