@@ -46,17 +46,15 @@ inline bool beyond_heights(const float3& o, const float3& d, float lo, float hi)
 }
 
 // Moves o to the exit point at distance t and wraps the crossed axis into the next tile.
-// A ray that reaches the wall (t > 0) enters exactly on the opposite wall, with no
-// rounding to leave it a hair outside; one that was already past it keeps its overshoot.
+// A ray that ends a rounding error outside the new tile is still on its wall: the wall
+// search above takes it across the wall it moves towards, and the walks look from
+// distance 0 after a wall, so nothing at the wall is skipped.
 inline void cross_tile(float w, float h, int axis, float t, const float3& d, float3& o) {
   o = o + t * d;
-  float& c = axis == 0 ? o.x : o.y;
-  const float size = axis == 0 ? w : h;
-  const bool forward = (axis == 0 ? d.x : d.y) > 0.0f;
-  if (t > 0.0f)
-    c = forward ? 0.0f : size;
+  if (axis == 0)
+    o.x += d.x > 0.0f ? -w : w;
   else
-    c += forward ? -size : size;
+    o.y += d.y > 0.0f ? -h : h;
 }
 
 }  // namespace vesk
