@@ -1,6 +1,6 @@
 #pragma once
 // Repeated scenes: a ray leaving the tile [0, w] x [0, h] re-enters it through the
-// opposite wall. Shared by the shadow walk and every tracer that crosses tile walls.
+// opposite wall. Shared by the shadow walks and every tracer that crosses tile walls.
 
 #include <cmath>
 
@@ -8,21 +8,31 @@
 
 namespace vesk {
 
+// How far along a ray a query from a surface point starts, so that the surface it leaves
+// is not met again.
+constexpr float SURFACE_T_MIN = 1e-4f;
+
 // The wall the ray from o along d leaves through: returns the axis (0 for x, 1 for y, -1
-// for none) and its distance t. Candidates must lie above 1e-4 and below 1e16; a y wall
-// wins only when it is nearer than the x wall.
+// for none) and its distance t, below 1e16. On each axis only the wall the ray moves
+// towards counts (x = w when d.x > 1e-8, x = 0 when d.x < -1e-8), and a ray already a
+// rounding error past it leaves at t = 0; a y wall wins only when it is nearer.
+//
+// Walls are chosen by direction, not by a least distance of 1e-4 as for surfaces: a ray
+// that has just wrapped lies on a wall, a ray near a corner meets the second wall within
+// any small distance of the first, and a ray leaving a surface that touches a wall starts
+// closer to it than 1e-4. Skipping such a wall sends the ray on outside the tile, where
+// nothing is: it would pass under a ground that covers the tile, or out of a layer that
+// fills it.
 inline int tile_exit(float w, float h, const float3& o, const float3& d, float& t) {
   float best = 1e16f;
   int axis = -1;
   if (std::fabs(d.x) > 1e-8f) {
-    const float t0 = -o.x / d.x, t1 = (w - o.x) / d.x;
-    if (t0 > 1e-4f && t0 < best) best = t0, axis = 0;
-    if (t1 > 1e-4f && t1 < best) best = t1, axis = 0;
+    const float tx = std::fmax((d.x > 0.0f ? w - o.x : -o.x) / d.x, 0.0f);
+    if (tx < best) best = tx, axis = 0;
   }
   if (std::fabs(d.y) > 1e-8f) {
-    const float t0 = -o.y / d.y, t1 = (h - o.y) / d.y;
-    if (t0 > 1e-4f && t0 < best) best = t0, axis = 1;
-    if (t1 > 1e-4f && t1 < best) best = t1, axis = 1;
+    const float ty = std::fmax((d.y > 0.0f ? h - o.y : -o.y) / d.y, 0.0f);
+    if (ty < best) best = ty, axis = 1;
   }
   t = best;
   return axis;
@@ -36,6 +46,9 @@ inline bool beyond_heights(const float3& o, const float3& d, float lo, float hi)
 }
 
 // Moves o to the exit point at distance t and wraps the crossed axis into the next tile.
+// A ray that ends a rounding error outside the new tile is still on its wall: the wall
+// search above takes it across the wall it moves towards, and the walks look from
+// distance 0 after a wall, so nothing at the wall is skipped.
 inline void cross_tile(float w, float h, int axis, float t, const float3& d, float3& o) {
   o = o + t * d;
   if (axis == 0)

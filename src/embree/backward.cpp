@@ -67,6 +67,7 @@ struct PathContext {
 struct PathState {
   float3 origin, direction;
   int32_t depth = 0, order = 0, crossings = 0;
+  bool from_wall = false;  // the origin lies on the tile wall the ray has just entered by
 };
 
 inline float3 to_local(const float3& v, const float3& t, const float3& b, const float3& n) {
@@ -264,7 +265,11 @@ bool surface_event(const PathContext& c, BackwardThreadScratch& s, RNG& rng, Pat
 // sample, a throughput cut-off or Russian roulette (false).
 bool bounce_until_escape(const PathContext& c, BackwardThreadScratch& s, RNG& rng, PathState& p) {
   while (p.depth < c.max_depth) {
-    const EmbreeHit hit = c.scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
+    // From a wall nothing is stepped off: a surface that reaches the wall is met however
+    // close to it the ray passes.
+    const EmbreeHit hit =
+        c.scene.trace_ray(p.origin, p.direction, p.from_wall ? 0.0f : SURFACE_T_MIN, 1e30f);
+    p.from_wall = false;
     if (!hit.hit) return true;
     if (!surface_event(c, s, rng, p, hit, [&](const float3& from) {
           return c.scene.shadowed_repetitive(from, c.sun.direction) ? 0.0 : 1.0;
@@ -286,6 +291,7 @@ bool cross_tile_wall(const PathContext& c, PathState& p) {
   if (axis < 0) return false;
   cross_tile(c.rep.scene_x_size, c.rep.scene_y_size, axis, t, p.direction, p.origin);
   ++p.crossings;
+  p.from_wall = true;
   return true;
 }
 
@@ -372,21 +378,20 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
       if (j >= 0) first_order.primary_distance[j] += length;
     }
   };
-  auto sun_visibility = [&](const float3& from) {
+  auto sun_visibility = [&](const float3& from, RayStart start = RayStart::Surface) {
     return shadow_transmittance(ms, from, c.sun.direction, list,
-                                p.order == 1 ? &partner : nullptr);
+                                p.order == 1 ? &partner : nullptr, start);
   };
+  RayStart start = RayStart::Surface;
 
   while (p.depth < c.max_depth) {
-    const EmbreeHit hit = c.scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
     // The tile border bounds a free path, and is crossed on a miss; outside every medium
     // a hit is taken as it comes, as in the surface path.
-    float border = 0.0f;
-    const int axis = list.count > 0 || !hit.hit
-                         ? ms.border_exit(p.origin, p.direction, p.crossings, border)
-                         : -1;
-    const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
-    const float bound = at_border ? border : (hit.hit ? hit.t : 1e16f);
+    const Segment seg =
+        next_segment(ms, p.origin, p.direction, p.crossings, list.count > 0, start);
+    start = RayStart::Surface;
+    const EmbreeHit& hit = seg.hit;
+    const float bound = seg.bound;
 
     FreePath fp;
     if (list.count > 0)
@@ -411,9 +416,8 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
       coordinate_system(frame[2], frame[0], frame[1]);
       const float3 wo = to_local(-p.direction, frame[0], frame[1], frame[2]);
       if (c.sif_fields)
-        emit_field_sif(c, s, list.instance_key[slot], point, frame[2], p.order, [&] {
-          return c.has_sun ? sun_visibility(point + MEDIUM_STEP * c.sun.direction) : 0.0;
-        });
+        emit_field_sif(c, s, ms.instance_of(list.instance_key[slot]), point, frame[2], p.order,
+                       [&] { return c.has_sun ? sun_visibility(point, RayStart::Point) : 0.0; });
       if (c.mode != EMISSION_OPTICAL) {
         EmbreeHit leaf;
         leaf.position = point;
@@ -423,17 +427,22 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
       }
       if (c.mode == EMISSION_OPTICAL && c.has_sun)
         sun_at_event(c, s, m, frame, wo, back, p.order, backend::SLOT_MEDIUM,
-                     [&] { return sun_visibility(point + MEDIUM_STEP * c.sun.direction); });
+                     [&] { return sun_visibility(point, RayStart::Point); });
       if (!scatter(c, s, rng, m, frame, wo, back, p.depth, p.direction)) return true;
-      p.origin = point + MEDIUM_STEP * p.direction;
+      // The next leg starts at the collision itself: a step along it could carry the
+      // path over a bounding surface (or the ground) unseen.
+      p.origin = point;
+      start = RayStart::Point;
       ++p.depth;
       continue;
     }
 
     run_unscattered(bound);
-    if (at_border) {
-      cross_tile(c.rep.scene_x_size, c.rep.scene_y_size, axis, border, p.direction, p.origin);
+    if (seg.at_border) {
+      cross_tile(c.rep.scene_x_size, c.rep.scene_y_size, seg.axis, seg.border, p.direction,
+                 p.origin);
       ++p.crossings;
+      start = RayStart::Wall;
       if (!rescan_after_border(ms, p.origin + MEDIUM_STEP * p.direction, p.direction, list,
                                first_order))
         return true;
@@ -444,14 +453,10 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
     const int32_t medium = ms.medium_of(hit);
     if (medium >= 0) {
       // A bounding surface: enter or leave, and go on unchanged.
-      const uint32_t key = uint32_t(hit.instance_id);
-      const bool entering = list.find(medium, key) < 0;
-      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS || !toggle_medium(list, medium, key))
+      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS ||
+          !cross_boundary(ms, hit, medium, p.direction, p.origin, list,
+                          scattered ? nullptr : &first_order))
         return true;
-      if (!scattered && entering && first_order.find(medium, key) < 0 &&
-          !first_order.add(medium, key))
-        return true;
-      p.origin = hit.position + MEDIUM_STEP * p.direction;
       continue;
     }
 

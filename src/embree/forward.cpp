@@ -122,13 +122,18 @@ struct ForwardRecorder {
         any |= f[size_t(b)] > 0.0;
       }
       if (!any) continue;
-      const float3 o = offset_origin(hit.position, hit.geometric_normal, v);
+      // A leaf collision in a medium (no primitive) is on no surface: its ray starts
+      // at the point itself.
+      const bool leaf_in_medium = L.media && hit.primitive_id < 0;
+      const float3 o =
+          leaf_in_medium ? hit.position : offset_origin(hit.position, hit.geometric_normal, v);
       double c = std::fabs(vl.z);
       if (L.media) {
         // Through the media towards the observer; at the photon's first event the way
         // out shares leaves with the way in (the hot spot).
         const FirstOrderPath first{&p.first_order, -p.first_direction};
-        c *= shadow_transmittance(*L.media, o, v, p.media, p.scattered ? nullptr : &first);
+        c *= shadow_transmittance(*L.media, o, v, p.media, p.scattered ? nullptr : &first,
+                                  leaf_in_medium ? RayStart::Point : RayStart::Surface);
         if (!(c > 0.0)) continue;
       } else if (L.scene->shadowed_repetitive(o, v)) {
         continue;

@@ -21,18 +21,45 @@ MediaScene MediaScene::from(const EmbreeSceneManager& scene) {
     return i < info.size() && scene.medium_of_material(info[i].material_id) >= 0;
   });
   ms.media_lo = box.lo, ms.media_hi = box.hi;
+  // Neighbours whose copies reach into the tile by more than the tie of a wall: media
+  // that end on the walls (within BORDER_TIE) meet their copies there and overlap none.
+  const float W = ms.rep.scene_x_size, H = ms.rep.scene_y_size;
+  if (ms.rep.active() && scene.num_instances() <= int32_t(INSTANCE_MASK))
+    for (int32_t i = -1; i <= 1; ++i)
+      for (int32_t j = -1; j <= 1; ++j) {
+        if (i == 0 && j == 0) continue;
+        const float3 off{float(i) * W, float(j) * H, 0.0f};
+        const float3 lo = box.lo + off, hi = box.hi + off;
+        if (!(lo.x < W - BORDER_TIE && hi.x > BORDER_TIE && lo.y < H - BORDER_TIE &&
+              hi.y > BORDER_TIE))
+          continue;
+        const int32_t g = ms.n_ghosts++;
+        ms.ghost_offset[g] = off;
+        ms.ghost_lo[g] = {std::max(lo.x, 0.0f), std::max(lo.y, 0.0f), lo.z};
+        ms.ghost_hi[g] = {std::min(hi.x, W), std::min(hi.y, H), hi.z};
+      }
   // A margin for the steps off surfaces and rounding in the transforms.
-  const float pad = 1e-3f;
-  ms.media_lo = ms.media_lo - float3{pad, pad, pad};
-  ms.media_hi = ms.media_hi + float3{pad, pad, pad};
+  const float3 pad{1e-3f, 1e-3f, 1e-3f};
+  for (int32_t g = 0; g < ms.n_ghosts; ++g) {
+    ms.ghost_lo[g] = ms.ghost_lo[g] - pad, ms.ghost_hi[g] = ms.ghost_hi[g] + pad;
+    const float3 &glo = ms.ghost_lo[g], &ghi = ms.ghost_hi[g];
+    ms.media_lo = {std::min(ms.media_lo.x, glo.x), std::min(ms.media_lo.y, glo.y),
+                   std::min(ms.media_lo.z, glo.z)};
+    ms.media_hi = {std::max(ms.media_hi.x, ghi.x), std::max(ms.media_hi.y, ghi.y),
+                   std::max(ms.media_hi.z, ghi.z)};
+  }
+  ms.media_lo = ms.media_lo - pad;
+  ms.media_hi = ms.media_hi + pad;
   return ms;
 }
 
-bool MediaScene::meets_media_box(const float3& o, const float3& d, float t_max) const {
+namespace {
+
+bool ray_meets_box(const float3& o, const float3& d, float t_max, const float3& box_lo,
+                   const float3& box_hi) {
   float t0 = 0.0f, t1 = t_max;
   const float os[3] = {o.x, o.y, o.z}, ds[3] = {d.x, d.y, d.z};
-  const float lo[3] = {media_lo.x, media_lo.y, media_lo.z}, hi[3] = {media_hi.x, media_hi.y,
-                                                                      media_hi.z};
+  const float lo[3] = {box_lo.x, box_lo.y, box_lo.z}, hi[3] = {box_hi.x, box_hi.y, box_hi.z};
   for (int a = 0; a < 3; ++a) {
     if (std::fabs(ds[a]) < 1e-12f) {
       if (os[a] < lo[a] || os[a] > hi[a]) return false;
@@ -47,39 +74,107 @@ bool MediaScene::meets_media_box(const float3& o, const float3& d, float t_max) 
   return true;
 }
 
+}  // namespace
+
+bool MediaScene::meets_media_box(const float3& o, const float3& d, float t_max) const {
+  return ray_meets_box(o, d, t_max, media_lo, media_hi);
+}
+
 int MediaScene::border_exit(const float3& o, const float3& d, int32_t crossings, float& t) const {
   if (!rep.active() || crossings >= rep.num_repetitions || beyond_heights(o, d, z_lo, z_hi))
     return -1;
   return tile_exit(rep.scene_x_size, rep.scene_y_size, o, d, t);
 }
 
-void media_at_point(const MediaScene& ms, const float3& p, const float3& d,
-                    ActiveMediumList& out) {
-  out.count = 0;
-  if (!ms.in_media_box(p)) return;
+Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int32_t crossings,
+                     bool in_media, RayStart start) {
+  Segment s;
+  if (start == RayStart::Wall) {
+    // Nothing to step off on a wall: surfaces on it are met, bounding surfaces the
+    // rescan has counted are passed.
+    float t_min = 0.0f;
+    for (int32_t k = 0; k < MAX_MEDIUM_CROSSINGS; ++k) {
+      s.hit = ms.scene->trace_ray(o, d, t_min, 1e30f);
+      if (!s.hit.hit || s.hit.t > WALL_REACH || ms.medium_of(s.hit) < 0) break;
+      t_min = std::nextafter(s.hit.t, INFINITY);
+    }
+  } else {
+    s.hit = ms.scene->trace_ray(o, d, start == RayStart::Point ? 0.0f : SURFACE_T_MIN, 1e30f);
+  }
+  const EmbreeHit& hit = s.hit;
+  if (in_media || !hit.hit || ms.n_ghosts > 0) s.axis = ms.border_exit(o, d, crossings, s.border);
+  if (ms.n_ghosts > 0) {
+    // The neighbours' copies that reach into the tile: their bounding surfaces within
+    // the tile, before the hit, from the ray moved into the instance's own frame.
+    float reach = hit.hit ? hit.t : 1e30f;
+    if (s.axis >= 0) reach = std::min(reach, s.border + BORDER_TIE);
+    for (int32_t g = 0; g < ms.n_ghosts; ++g) {
+      if (!ray_meets_box(o, d, reach, ms.ghost_lo[g], ms.ghost_hi[g])) continue;
+      const float3 og = o - ms.ghost_offset[g];
+      float t_min = start == RayStart::Surface ? SURFACE_T_MIN : 0.0f;
+      for (int32_t k = 0; k < MAX_MEDIUM_CROSSINGS; ++k) {
+        EmbreeHit h = ms.scene->trace_ray(og, d, t_min, reach);
+        if (!h.hit || !(h.t < reach)) break;
+        t_min = std::nextafter(h.t, INFINITY);
+        if (ms.medium_of(h) < 0 || (start == RayStart::Wall && h.t <= WALL_REACH)) continue;
+        h.position = h.position + ms.ghost_offset[g];
+        h.instance_id =
+            int32_t(uint32_t(h.instance_id) | (uint32_t(g + 1) << MediaScene::GHOST_SHIFT));
+        s.hit = h;
+        reach = h.t;
+        break;
+      }
+    }
+    if (!in_media && hit.hit) s.axis = -1;  // out of media a hit is taken as it comes
+  }
+  s.at_border = s.axis >= 0 && (!hit.hit || hit.t > s.border + BORDER_TIE ||
+                                (hit.t >= s.border - BORDER_TIE && ms.medium_of(hit) >= 0));
+  s.bound = s.at_border ? s.border : (hit.hit ? hit.t : 1e16f);
+  return s;
+}
+
+namespace {
+
+// Adds to `out` the media of the instances around p that contain it, by the forward scan,
+// with `tag` in their keys; false when the list is full.
+bool scan_media(const MediaScene& ms, const float3& p, const float3& d, uint32_t tag,
+                ActiveMediumList& out) {
+  if (!ms.in_media_box(p)) return true;
   uint32_t seen[MAX_MEDIUM_CROSSINGS];
   int32_t n_seen = 0;
   float3 o = p;
   for (int32_t step = 0; step < MAX_MEDIUM_CROSSINGS; ++step) {
-    const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
-    if (!hit.hit) return;
+    const EmbreeHit hit = ms.scene->trace_ray(o, d, SURFACE_T_MIN, 1e30f);
+    if (!hit.hit) return true;
     o = hit.position + MEDIUM_STEP * d;
     // Past the media box nothing ahead can bound a medium.
-    if (!ms.in_media_box(o) && !ms.meets_media_box(o, d, 1e30f)) return;
+    if (!ms.in_media_box(o) && !ms.meets_media_box(o, d, 1e30f)) return true;
     const int32_t medium = ms.medium_of(hit);
     if (medium < 0) continue;
-    const uint32_t key = uint32_t(hit.instance_id);
+    const uint32_t key = uint32_t(hit.instance_id) | tag;
     bool known = false;
     for (int32_t i = 0; i < n_seen; ++i) known |= seen[i] == key;
     if (known) continue;
-    if (n_seen == MAX_MEDIUM_CROSSINGS) return;
+    if (n_seen == MAX_MEDIUM_CROSSINGS) return true;
     seen[n_seen++] = key;
     // Leaving through a face whose side matches the medium's orientation: p is inside.
     const int32_t side = hit.back_face ? 1 : -1;
     if (size_t(medium) < ms.n_media && ms.media[medium].orientation == side &&
         out.find(medium, key) < 0 && !out.add(medium, key))
-      return;
+      return false;
   }
+  return true;
+}
+
+}  // namespace
+
+void media_at_point(const MediaScene& ms, const float3& p, const float3& d, ActiveMediumList& out) {
+  out.count = 0;
+  if (!scan_media(ms, p, d, 0u, out)) return;
+  // The neighbours' copies reaching into the tile overlap these as further media.
+  for (int32_t g = 0; g < ms.n_ghosts; ++g)
+    if (!scan_media(ms, p - ms.ghost_offset[g], d, uint32_t(g + 1) << MediaScene::GHOST_SHIFT, out))
+      return;
 }
 
 bool toggle_medium(ActiveMediumList& list, int32_t medium, uint32_t instance) {
@@ -89,6 +184,25 @@ bool toggle_medium(ActiveMediumList& list, int32_t medium, uint32_t instance) {
     return true;
   }
   return list.add(medium, instance);
+}
+
+bool cross_boundary(const MediaScene& ms, const EmbreeHit& hit, int32_t medium, const float3& d,
+                    float3& o, ActiveMediumList& list, ActiveMediumList* first_order) {
+  o = hit.position + MEDIUM_STEP * d;
+  if (ms.n_ghosts > 0) {
+    media_at_point(ms, o, d, list);
+    if (first_order)
+      for (int32_t k = 0; k < list.count; ++k)
+        if (first_order->find(list.medium_id[k], list.instance_key[k]) < 0 &&
+            !first_order->add(list.medium_id[k], list.instance_key[k]))
+          return false;
+    return true;
+  }
+  const uint32_t key = uint32_t(hit.instance_id);
+  const bool entering = list.find(medium, key) < 0;
+  if (!toggle_medium(list, medium, key)) return false;
+  return !(first_order && entering && first_order->find(medium, key) < 0 &&
+           !first_order->add(medium, key));
 }
 
 bool rescan_after_border(const MediaScene& ms, const float3& p, const float3& d,
@@ -101,29 +215,30 @@ bool rescan_after_border(const MediaScene& ms, const float3& p, const float3& d,
   return true;
 }
 
-double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
-                            ActiveMediumList list, const FirstOrderPath* first) {
+double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d, ActiveMediumList list,
+                            const FirstOrderPath* first, RayStart start) {
   double depth = 0.0;
   // Per slot of the first-order list: shadow length and optical depth inside it.
   float shared_length[MAX_ACTIVE_MEDIA] = {}, shared_depth[MAX_ACTIVE_MEDIA] = {};
   int32_t crossings = 0, borders = 0;
   while (true) {
     if (list.count == 0 && !ms.meets_media_box(o, d, 1e30f)) {
-      // Outside every medium and never meeting one in this tile: plain occlusion.
-      if (ms.scene->trace_shadow(o, d, 1e16f)) return 0.0;
+      // Outside every medium and never meeting one in this tile: plain occlusion. A
+      // query from a wall or a collision starts there, not a step past it.
+      if (ms.scene->trace_shadow(start == RayStart::Surface ? o : o - SURFACE_T_MIN * d, d, 1e16f))
+        return 0.0;
       float border = 0.0f;
       const int axis = ms.border_exit(o, d, borders, border);
       if (axis < 0) break;
       cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, axis, border, d, o);
       ++borders;
       media_at_point(ms, o + MEDIUM_STEP * d, d, list);
+      start = RayStart::Wall;
       continue;
     }
-    const EmbreeHit hit = ms.scene->trace_ray(o, d, 1e-4f, 1e30f);
-    float border = 0.0f;
-    const int axis = ms.border_exit(o, d, borders, border);
-    const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
-    const float segment = at_border ? border : (hit.hit ? hit.t : INFINITY);
+    const Segment seg = next_segment(ms, o, d, borders, true, start);
+    const EmbreeHit& hit = seg.hit;
+    const float segment = seg.at_border ? seg.border : (hit.hit ? hit.t : INFINITY);
     for (int32_t k = 0; k < list.count; ++k) {
       const float sigma = ms.sigma(list.medium_id[k], d);
       if (!(sigma > 0.0f)) continue;
@@ -135,27 +250,26 @@ double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d,
       }
     }
     if (!(depth < 80.0)) return 0.0;  // exp(-80) is nothing in any band
-    if (at_border) {
-      cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, axis, border, d, o);
+    if (seg.at_border) {
+      cross_tile(ms.rep.scene_x_size, ms.rep.scene_y_size, seg.axis, seg.border, d, o);
       ++borders;
       media_at_point(ms, o + MEDIUM_STEP * d, d, list);
+      start = RayStart::Wall;
       continue;
     }
     if (!hit.hit) break;
     const int32_t medium = ms.medium_of(hit);
     if (medium < 0) return 0.0;  // an ordinary surface blocks the ray
-    if (++crossings > MAX_MEDIUM_CROSSINGS ||
-        !toggle_medium(list, medium, uint32_t(hit.instance_id)))
+    if (++crossings > MAX_MEDIUM_CROSSINGS || !cross_boundary(ms, hit, medium, d, o, list, nullptr))
       return 0.0;
-    o = hit.position + MEDIUM_STEP * d;
+    start = RayStart::Surface;
   }
   if (!first) return std::exp(-depth);
   double correction = 1.0, shared = 0.0;
   const ActiveMediumList& fl = *first->list;
   for (int32_t j = 0; j < fl.count; ++j) {
     const int32_t m = fl.medium_id[j];
-    if (m < 0 || size_t(m) >= ms.n_media || !(shared_length[j] > 0.0f) ||
-        !(shared_depth[j] > 0.0f))
+    if (m < 0 || size_t(m) >= ms.n_media || !(shared_length[j] > 0.0f) || !(shared_depth[j] > 0.0f))
       continue;
     correction *= conditional_hotspot_transmittance(ms.media[m], shared_depth[j], shared_length[j],
                                                     fl.primary_distance[j], d, first->observation);

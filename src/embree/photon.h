@@ -86,19 +86,16 @@ inline bool crosses_floor(const float3& o, const float3& d, const float3& lo, co
   return t >= 0.0f && x > lo.x && x < hi.x && y > lo.y && y < hi.y;
 }
 
-// Brings a repeated photon into the home tile, and across any wall it is about to leave
-// through. Emission starts a repeated photon upstream of its tile cell, possibly beyond
-// a wall, and a crossing near a corner leaves the other coordinate at (or a rounding
-// error past) a wall closer than the 1e-4 the wall search ignores, so that wall would
-// never be crossed. Shifting by whole tiles changes nothing in a periodic scene.
-inline void into_tile(const WalkLimits& lim, float3& o, const float3& d) {
-  auto settle = [](float& c, float dc, float size) {
+// Brings a repeated photon into the home tile by whole tiles: emission starts it upstream
+// of its tile cell, possibly beyond a wall. Shifting by whole tiles changes nothing in a
+// periodic scene; a photon left on (or a rounding error past) the wall it moves towards
+// crosses it at once (tile_exit).
+inline void into_tile(const WalkLimits& lim, float3& o) {
+  auto settle = [](float& c, float size) {
     if (c < 0.0f || c > size) c -= std::floor(c / size) * size;
-    if (dc > 1e-8f && (size - c) / dc <= 1e-4f) c -= size;
-    else if (dc < -1e-8f && -c / dc <= 1e-4f) c += size;
   };
-  settle(o.x, d.x, lim.tile_w);
-  settle(o.y, d.y, lim.tile_h);
+  settle(o.x, lim.tile_w);
+  settle(o.y, lim.tile_h);
 }
 
 // One scattering event of a photon (a surface hit, or a leaf collision in a medium):
@@ -151,9 +148,9 @@ bool scatter_photon(const MaterialData& m, const EmbreeHit& hit, const float* sp
 }
 
 template <class Recorder>
-void walk_photon_in_media(const EmbreeSceneManager& scene, const MaterialData* materials,
-                          const float* spectral, const WalkLimits& lim, RNG& rng, Photon& p,
-                          std::vector<double>& before, Recorder& rec);
+void walk_photon_in_media(const MaterialData* materials, const float* spectral,
+                          const WalkLimits& lim, RNG& rng, Photon& p, std::vector<double>& before,
+                          Recorder& rec);
 
 // Walks an emitted photon through the scene: surface hits scatter it by the material's
 // sampling, Russian roulette (capped at 0.95) starts at rr_depth, misses cross tile
@@ -178,17 +175,21 @@ void walk_photon(const EmbreeSceneManager& scene, const MaterialData* materials,
                  const float* spectral, const WalkLimits& lim, RNG& rng, Photon& p,
                  std::vector<double>& before, Recorder& rec) {
   if (lim.media) {
-    walk_photon_in_media(scene, materials, spectral, lim, rng, p, before, rec);
+    walk_photon_in_media(materials, spectral, lim, rng, p, before, rec);
     return;
   }
   int32_t depth = 0, crossings = 0;
   bool entered = p.repetitive;
   if (p.repetitive) {
-    into_tile(lim, p.origin, p.direction);
+    into_tile(lim, p.origin);
     rec.entered(p);
   }
+  // After a wall the ray starts on it, where no surface needs stepping off: a ground
+  // that reaches the wall is met however close to the wall the ray passes over its edge.
+  float t_min = SURFACE_T_MIN;
   while (depth < lim.max_depth) {
-    const EmbreeHit hit = scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
+    const EmbreeHit hit = scene.trace_ray(p.origin, p.direction, t_min, 1e30f);
+    t_min = SURFACE_T_MIN;
     if (!entered) {
       if (!hit.hit && !crosses_floor(p.origin, p.direction, lim.box_lo, lim.box_hi)) return;
       rec.entered(p);
@@ -201,16 +202,15 @@ void walk_photon(const EmbreeSceneManager& scene, const MaterialData* materials,
         const int axis = tile_exit(lim.tile_w, lim.tile_h, p.origin, p.direction, t);
         if (axis >= 0) {
           cross_tile(lim.tile_w, lim.tile_h, axis, t, p.direction, p.origin);
-          into_tile(lim, p.origin, p.direction);
           ++crossings;
+          t_min = 0.0f;
           continue;
         }
       }
       rec.escaped(p, depth);
       return;
     }
-    if (!scatter_photon(materials[hit.material_id], hit, spectral, lim, depth, rng, p, before,
-                        rec))
+    if (!scatter_photon(materials[hit.material_id], hit, spectral, lim, depth, rng, p, before, rec))
       return;
     p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);
     ++depth;
@@ -224,21 +224,21 @@ void walk_photon(const EmbreeSceneManager& scene, const MaterialData* materials,
 // origin, and its first-order list records the length run in each before the first
 // event, for the hot spot of the recorder's local estimates.
 template <class Recorder>
-void walk_photon_in_media(const EmbreeSceneManager& scene, const MaterialData* materials,
-                          const float* spectral, const WalkLimits& lim, RNG& rng, Photon& p,
-                          std::vector<double>& before, Recorder& rec) {
+void walk_photon_in_media(const MaterialData* materials, const float* spectral,
+                          const WalkLimits& lim, RNG& rng, Photon& p, std::vector<double>& before,
+                          Recorder& rec) {
   const MediaScene& ms = *lim.media;
   int32_t depth = 0, crossings = 0, boundary_crossings = 0;
   bool entered = p.repetitive;
   if (p.repetitive) {
-    into_tile(lim, p.origin, p.direction);
+    into_tile(lim, p.origin);
     rec.entered(p);
   }
   p.media.count = 0;
   const float3& o = p.origin;
   if (o.z <= lim.box_hi.z && o.z >= lim.box_lo.z &&
-      (p.repetitive || (o.x >= lim.box_lo.x && o.x <= lim.box_hi.x && o.y >= lim.box_lo.y &&
-                        o.y <= lim.box_hi.y)))
+      (p.repetitive ||
+       (o.x >= lim.box_lo.x && o.x <= lim.box_hi.x && o.y >= lim.box_lo.y && o.y <= lim.box_hi.y)))
     media_at_point(ms, p.origin, p.direction, p.media);
   p.first_order = p.media;
   p.first_direction = p.direction;
@@ -251,14 +251,14 @@ void walk_photon_in_media(const EmbreeSceneManager& scene, const MaterialData* m
     }
   };
 
+  RayStart start = RayStart::Surface;
   while (depth < lim.max_depth) {
-    const EmbreeHit hit = scene.trace_ray(p.origin, p.direction, 1e-4f, 1e30f);
-    float border = 0.0f;
-    const int axis = p.repetitive && (p.media.count > 0 || !hit.hit)
-                         ? ms.border_exit(p.origin, p.direction, crossings, border)
-                         : -1;
-    const bool at_border = axis >= 0 && (!hit.hit || border < hit.t - BORDER_TIE);
-    const float bound = at_border ? border : (hit.hit ? hit.t : 1e16f);
+    const Segment seg =
+        next_segment(ms, p.origin, p.direction, crossings, p.media.count > 0, start);
+    start = RayStart::Surface;
+    const EmbreeHit& hit = seg.hit;
+    const bool at_border = seg.at_border;
+    const float bound = seg.bound;
     FreePath fp;
     if (p.media.count > 0)
       fp = sample_combined_free_path(ms.media, ms.n_media, p.media.medium_id, p.media.count,
@@ -273,12 +273,12 @@ void walk_photon_in_media(const EmbreeSceneManager& scene, const MaterialData* m
 
     if (collides) {
       run_unscattered(fp.distance);
-      const int32_t slot = select_medium_slot(ms.media, ms.n_media, p.media.medium_id,
-                                              p.media.count, p.direction, fp.sigma_total,
-                                              rng.next_float());
+      const int32_t slot =
+          select_medium_slot(ms.media, ms.n_media, p.media.medium_id, p.media.count, p.direction,
+                             fp.sigma_total, rng.next_float());
       const int32_t medium = p.media.medium_id[slot];
-      const int32_t material = medium >= 0 && size_t(medium) < ms.n_media
-                                   ? ms.media[medium].material_id : -1;
+      const int32_t material =
+          medium >= 0 && size_t(medium) < ms.n_media ? ms.media[medium].material_id : -1;
       if (material < 0 || size_t(material) >= lim.n_materials) {
         rec.lost(p);
         return;
@@ -290,18 +290,22 @@ void walk_photon_in_media(const EmbreeSceneManager& scene, const MaterialData* m
       leaf.shading_normal = leaf.geometric_normal =
           sample_leaf_normal(ms.media[medium].leaf_angle_type, p.direction, rng, leaf.back_face);
       leaf.material_id = material;
-      leaf.instance_id = int32_t(p.media.instance_key[slot]);
+      leaf.instance_id = int32_t(ms.instance_of(p.media.instance_key[slot]));
       if (!scatter_photon(materials[material], leaf, spectral, lim, depth, rng, p, before, rec))
         return;
       p.scattered = true;
-      p.origin = leaf.position + MEDIUM_STEP * p.direction;
+      // The next leg starts at the collision itself: a step along it could carry the
+      // photon over a bounding surface (or the ground) unseen.
+      p.origin = leaf.position;
+      start = RayStart::Point;
       ++depth;
       continue;
     }
     run_unscattered(bound);
     if (at_border) {
-      cross_tile(lim.tile_w, lim.tile_h, axis, border, p.direction, p.origin);
+      cross_tile(lim.tile_w, lim.tile_h, seg.axis, seg.border, p.direction, p.origin);
       ++crossings;
+      start = RayStart::Wall;
       if (!rescan_after_border(ms, p.origin + MEDIUM_STEP * p.direction, p.direction, p.media,
                                p.first_order)) {
         rec.lost(p);
@@ -315,19 +319,15 @@ void walk_photon_in_media(const EmbreeSceneManager& scene, const MaterialData* m
     }
     const int32_t medium = ms.medium_of(hit);
     if (medium >= 0) {
-      const uint32_t key = uint32_t(hit.instance_id);
-      const bool entering = p.media.find(medium, key) < 0;
-      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS || !toggle_medium(p.media, medium, key) ||
-          (!p.scattered && entering && p.first_order.find(medium, key) < 0 &&
-           !p.first_order.add(medium, key))) {
+      if (++boundary_crossings > MAX_MEDIUM_CROSSINGS ||
+          !cross_boundary(ms, hit, medium, p.direction, p.origin, p.media,
+                          p.scattered ? nullptr : &p.first_order)) {
         rec.lost(p);
         return;
       }
-      p.origin = hit.position + MEDIUM_STEP * p.direction;
       continue;
     }
-    if (!scatter_photon(materials[hit.material_id], hit, spectral, lim, depth, rng, p, before,
-                        rec))
+    if (!scatter_photon(materials[hit.material_id], hit, spectral, lim, depth, rng, p, before, rec))
       return;
     p.scattered = true;
     p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);

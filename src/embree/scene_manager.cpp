@@ -329,7 +329,9 @@ bool EmbreeSceneManager::shadowed_repetitive(float3 origin, const float3& d) con
     cross_tile(rep.scene_x_size, rep.scene_y_size, axis, t, d, origin);
     remaining -= t;
     if (remaining <= 0.0f) return false;
-    if (trace_shadow(origin, d, FAR)) return true;
+    // trace_shadow starts SURFACE_T_MIN along the ray; from a wall nothing needs skipping,
+    // so the query starts that far behind it and an occluder on the wall is met.
+    if (trace_shadow(origin - SURFACE_T_MIN * d, d, FAR)) return true;
   }
   return false;
 }

@@ -10,6 +10,7 @@
 #include "core/array_check.h"
 #include "core/log.h"
 #include "core/memory_limit.h"
+#include "core/tile.h"
 #include "core/workers.h"
 #include "embree/media_walk.h"
 #include "embree/scene_manager.h"
@@ -82,13 +83,58 @@ float front_reflectance(const LidarContext& c, const MaterialData& m, int32_t w)
   return c.spectral[m.spectral_offset + w];
 }
 
+// A pulse ray in a repeated scene walks the tiles from the home tile: it is moved along
+// itself to 1 m above the scene (the range it skips is returned), then by whole tiles,
+// so that the walls it crosses are those of the scene's heights only.
+float enter_tile(const LidarContext& c, float3& o, const float3& d) {
+  const Repetition& rep = c.ms.rep;
+  const float top = c.ms.z_hi + 1.0f;
+  float skipped = 0.0f;
+  if (o.z > top && d.z < 0.0f) {
+    skipped = (top - o.z) / d.z;
+    o = {o.x + skipped * d.x, o.y + skipped * d.y, top};
+  }
+  o.x -= std::floor(o.x / rep.scene_x_size) * rep.scene_x_size;
+  o.y -= std::floor(o.y / rep.scene_y_size) * rep.scene_y_size;
+  return skipped;
+}
+
+// The first surface along the ray from o, across the tile walls of a repeated scene;
+// range: its distance from o.
+EmbreeHit trace_pulse(const LidarContext& c, float3 o, const float3& d, float& range) {
+  if (!c.ms.rep.active()) {
+    const EmbreeHit hit = c.scene.trace_ray(o, d, SURFACE_T_MIN, 1e30f);
+    range = length(hit.position - o);
+    return hit;
+  }
+  range = enter_tile(c, o, d);
+  float t_min = SURFACE_T_MIN;
+  for (int32_t crossings = 0;; ++crossings) {
+    const EmbreeHit hit = c.scene.trace_ray(o, d, t_min, 1e30f);
+    float t = 0.0f;
+    const int axis = hit.hit ? -1 : c.ms.border_exit(o, d, crossings, t);
+    if (axis < 0) {
+      range += hit.t;
+      return hit;
+    }
+    cross_tile(c.ms.rep.scene_x_size, c.ms.rep.scene_y_size, axis, t, d, o);
+    range += t;
+    t_min = 0.0f;  // from a wall: nothing to step off
+  }
+}
+
 void direct_pulse(const LidarContext& c, int32_t p, LidarScratch& s) {
   const float* o = c.q.pulse_origins + 3 * size_t(p);
   const float* d = c.q.pulse_directions + 3 * size_t(p);
   const float3 origin{o[0], o[1], o[2]}, dir{d[0], d[1], d[2]};
-  const EmbreeHit hit = c.scene.trace_ray(origin, dir, 1e-4f, 1e30f);
+  float dist = 0.0f;
+  EmbreeHit hit = trace_pulse(c, origin, dir, dist);
   if (!hit.hit) return;
-  const float dist = length(hit.position - origin);
+  // In a repeated scene the point lies where the pulse meets the copy it hit.
+  if (c.ms.rep.active())
+    hit.position = origin + dist * dir;
+  else
+    dist = length(hit.position - origin);
   if (dist < c.q.min_range || dist > c.q.max_range) return;
   const float rho = front_reflectance(c, c.materials[hit.material_id], 0);
   const float intensity = (std::fabs(dot(dir, hit.geometric_normal)) * rho * c.q.pulse_energy *
@@ -182,26 +228,40 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
   }
 
   ActiveMediumList active;
-  media_at_point(c.ms, origin, r, active);
   float3 p = origin;
-  float travelled = 0.0f;
+  float travelled = c.ms.rep.active() ? enter_tile(c, p, r) : 0.0f;
+  media_at_point(c.ms, p, r, active);
+  // In a repeated scene the march crosses tile walls as the other media walks do, and a
+  // layer whose sides lie on the walls goes on across them.
+  RayStart from = RayStart::Surface;
+  int32_t crossings = 0;
   for (int32_t steps = MAX_MARCH_STEPS; steps > 0; --steps) {
-    const EmbreeHit hit = c.scene.trace_ray(p, r, 1e-4f, 1e30f);
-    if (!hit.hit) break;
-    const float end = hit.t + travelled, start = std::fmax(q.min_range, travelled);
+    const Segment seg = next_segment(c.ms, p, r, crossings, active.count > 0, from);
+    from = RayStart::Surface;
+    const EmbreeHit& hit = seg.hit;
+    if (!hit.hit && !seg.at_border) break;
+    const float end = (seg.at_border ? seg.border : hit.t) + travelled,
+                start = std::fmax(q.min_range, travelled);
     if (end > q.max_range) {
       if (start < q.max_range) deposit(c, s, active, start, q.max_range);
       break;
     }
     const float clipped = std::fmin(q.max_range, end);
-    const int32_t medium = c.ms.medium_of(hit);
     if (start < clipped) deposit(c, s, active, start, clipped);
+    if (seg.at_border) {
+      cross_tile(c.ms.rep.scene_x_size, c.ms.rep.scene_y_size, seg.axis, seg.border, r, p);
+      ++crossings;
+      travelled = end;
+      media_at_point(c.ms, p + MEDIUM_STEP * r, r, active);
+      from = RayStart::Wall;
+      continue;
+    }
+    const int32_t medium = c.ms.medium_of(hit);
     if (medium < 0) {
       surface_return(c, s, weight, hit, r, end);
       break;
     }
-    if (!toggle_medium(active, medium, uint32_t(hit.instance_id))) break;
-    p = hit.position + MEDIUM_STEP * r;
+    if (!cross_boundary(c.ms, hit, medium, r, p, active, nullptr)) break;
     travelled = hit.t + MEDIUM_STEP + travelled;
   }
 
@@ -251,8 +311,9 @@ void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* sl
       media_sample(c, s, w, origin, r);
       continue;
     }
-    const EmbreeHit hit = c.scene.trace_ray(origin, r, 1e-4f, 1e30f);
-    if (hit.hit) surface_return(c, s, w, hit, r, length(hit.position - origin));
+    float range = 0.0f;
+    const EmbreeHit hit = trace_pulse(c, origin, r, range);
+    if (hit.hit) surface_return(c, s, w, hit, r, range);
   }
   range[0] = s.first, range[1] = s.last;
   if (s.last < s.first) return;

@@ -254,3 +254,25 @@ TEST(Workers, ProgressComesWithinARoundAndChangesNoWork) {
   EXPECT_EQ(reports.back(), 3000);
   EXPECT_LT(*std::min_element(gaps_ms.begin(), gaps_ms.end()), 500.0);
 }
+
+// The wall a ray leaves by is the one it moves towards, however close: just before it,
+// a rounding error past it, or at the second wall of a corner right after the first.
+TEST(TileWalls, TheWallAheadIsCrossedHoweverClose) {
+  const float W = 4.0f, H = 4.0f;
+  const float3 d = normalize(float3{1.0f, 0.5f, -1.0f});
+  float t = -1.0f;
+  EXPECT_EQ(tile_exit(W, H, {W - 1e-6f, 2.0f, 1.0f}, d, t), 0);
+  EXPECT_GE(t, 0.0f);
+  EXPECT_LT(t, 1e-5f);
+  EXPECT_EQ(tile_exit(W, H, {W + 1e-6f, 2.0f, 1.0f}, d, t), 0);
+  EXPECT_EQ(t, 0.0f);
+  float3 o{W + 0.25f, 2.0f, 1.0f};  // a hit on geometry overhanging the wall
+  cross_tile(W, H, 0, t, d, o);
+  EXPECT_FLOAT_EQ(o.x, 0.25f);
+  // A corner: after the x wall the y wall lies 1e-6 ahead.
+  EXPECT_EQ(tile_exit(W, H, {0.0f, H - 1e-6f, 1.0f}, d, t), 1);
+  EXPECT_LT(t, 1e-5f);
+  // Moving away from a wall it stands on, the ray leaves by the far wall.
+  EXPECT_EQ(tile_exit(W, H, {0.0f, 1.0f, 1.0f}, float3{1.0f, 0.0f, 0.0f}, t), 0);
+  EXPECT_FLOAT_EQ(t, W);
+}

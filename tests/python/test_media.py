@@ -159,9 +159,8 @@ def slab(lai=2.0, lad=0, zen=0.5, leaf=(0.0, 0.0, 0.0), soil=0.0, sky=0.0, sun=T
     s.add_material(13, 1, [leaf[0], leaf[2]] if sum(leaf) > 0 else [0.5, 0.5])
     s.add_instance(s.add_mesh(**vk.make_ground_plane(W / 2, H / 2, 0, W)), W / 2, H / 2, 0.0)
     box = s.add_mesh(**unit_cube(), material_id=1)
-    # A little wider than the tile: its copies overlap, so no gap opens at the walls.
-    s.add_instance_xform(box, np.array([W + 0.02, 0, 0, W / 2, 0, H + 0.02, 0, H / 2,
-                                        0, 0, 2.0, 2.0], F))
+    # Its sides lie on the tile walls: the layer goes on across them, with no gap.
+    s.add_instance_xform(box, np.array([W, 0, 0, W / 2, 0, H, 0, H / 2, 0, 0, 2.0, 2.0], F))
     s.set_optical_turbid_media([lai / 2.0], [lad], [1], [length], [-1, 0])
     s.set_emitter(0, sun_dir(zen, 0.0), 4 if sun else -1)
     if sky:
@@ -243,7 +242,7 @@ def test_turbid_slab_agrees_with_a_slab_of_small_discrete_leaves(rng):
         s.add_instance(s.add_mesh(**vk.make_ground_plane(W / 2, H / 2, 0, W)), W / 2, H / 2, 0)
         if turbid:
             box = s.add_mesh(**unit_cube(), material_id=1)
-            s.add_instance_xform(box, np.array([W + 0.02, 0, 0, W / 2, 0, H + 0.02, 0, H / 2,
+            s.add_instance_xform(box, np.array([W, 0, 0, W / 2, 0, H, 0, H / 2,
                                                 0, 0, 2.0, 2.0], F))
             s.set_optical_turbid_media([1.0], [0], [1], [0.0], [-1, 0])
         else:
