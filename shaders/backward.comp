@@ -67,7 +67,9 @@ bool shadowed_repetitive(vec3 o, vec3 d) {
     cross_tile(P.tile_w, P.tile_h, axis, t, d, o);
     remaining -= t;
     if (remaining <= 0.0) return false;
-    if (trace_shadow(o, d, 1e16)) return true;
+    // trace_shadow starts SURFACE_T_MIN along the ray; from a wall nothing needs skipping,
+    // so the query starts that far behind it and an occluder on the wall is met.
+    if (trace_shadow(o - SURFACE_T_MIN * d, d, 1e16)) return true;
   }
   return false;
 }
@@ -157,14 +159,17 @@ void main() {
   if (tiles_active()) enter_tile(origin, direction);
 
   int depth = 0, order = 0, crossings = 0;
-  bool escaped = false;
+  bool escaped = false, from_wall = false;
   vec3 sun = sun_direction();
   bool thermal = P.mode == 1;
   while (true) {
     escaped = false;
     bool alive = true;
     while (depth < P.max_depth) {
-      Hit hit = trace_ray(origin, direction, 1e-4, 1e30);
+      // From a wall nothing is stepped off: a surface that reaches the wall is met however
+      // close to it the ray passes.
+      Hit hit = trace_ray(origin, direction, from_wall ? 0.0 : SURFACE_T_MIN, 1e30);
+      from_wall = false;
       if (!hit.hit) {
         escaped = true;
         break;
@@ -233,6 +238,7 @@ void main() {
     if (axis < 0) break;
     cross_tile(P.tile_w, P.tile_h, axis, tw, direction, origin);
     ++crossings;
+    from_wall = true;
   }
 
   if (escaped) {

@@ -1,19 +1,22 @@
 // Repeated scenes: a ray leaving the tile [0, w] x [0, h] re-enters it through the
 // opposite wall (core/tile.h).
 
-// The wall the ray leaves through: 0 for x, 1 for y, -1 for none, and its distance t.
+// How far along a ray a query from a surface point starts (SURFACE_T_MIN).
+const float SURFACE_T_MIN = 1e-4;
+
+// The wall the ray leaves through: 0 for x, 1 for y, -1 for none, and its distance t. On
+// each axis only the wall the ray moves towards counts, and a ray already a rounding
+// error past it leaves at t = 0 (a wall is never skipped for being close: see tile.h).
 int tile_exit(float w, float h, vec3 o, vec3 d, out float t) {
   float best = 1e16;
   int axis = -1;
   if (abs(d.x) > 1e-8) {
-    float t0 = -o.x / d.x, t1 = (w - o.x) / d.x;
-    if (t0 > 1e-4 && t0 < best) { best = t0; axis = 0; }
-    if (t1 > 1e-4 && t1 < best) { best = t1; axis = 0; }
+    float tx = max((d.x > 0.0 ? w - o.x : -o.x) / d.x, 0.0);
+    if (tx < best) { best = tx; axis = 0; }
   }
   if (abs(d.y) > 1e-8) {
-    float t0 = -o.y / d.y, t1 = (h - o.y) / d.y;
-    if (t0 > 1e-4 && t0 < best) { best = t0; axis = 1; }
-    if (t1 > 1e-4 && t1 < best) { best = t1; axis = 1; }
+    float ty = max((d.y > 0.0 ? h - o.y : -o.y) / d.y, 0.0);
+    if (ty < best) { best = ty; axis = 1; }
   }
   t = best;
   return axis;

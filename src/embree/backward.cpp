@@ -457,12 +457,15 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
           !cross_boundary(ms, hit, medium, p.direction, p.origin, list,
                           scattered ? nullptr : &first_order))
         return true;
+      start = RayStart::Boundary;
       continue;
     }
 
     // An ordinary surface, as in the surface path, seeing the media towards the sun.
     scattered = true;
     if (!surface_event(c, s, rng, p, hit, sun_visibility)) return true;
+    media_after_surface(ms, hit.position, p.origin, p.direction, list);
+    start = RayStart::Point;
   }
   if (p.depth >= c.max_depth) return true;  // the depth limit ends the path without the sky
   environment(c, s, p);

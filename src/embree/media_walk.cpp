@@ -86,18 +86,21 @@ int MediaScene::border_exit(const float3& o, const float3& d, int32_t crossings,
   return tile_exit(rep.scene_x_size, rep.scene_y_size, o, d, t);
 }
 
+// Far above the rounding error of a point on a wall or a boundary a few hundred metres
+// from the origin, far below any feature of a scene.
+constexpr float BACK_OFF = 1e-5f;
+
 Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int32_t crossings,
                      bool in_media, RayStart start) {
   Segment s;
-  if (start == RayStart::Wall) {
-    // Nothing to step off on a wall: surfaces on it are met, bounding surfaces the
-    // rescan has counted are passed.
-    float t_min = 0.0f;
-    for (int32_t k = 0; k < MAX_MEDIUM_CROSSINGS; ++k) {
-      s.hit = ms.scene->trace_ray(o, d, t_min, 1e30f);
-      if (!s.hit.hit || s.hit.t > WALL_REACH || ms.medium_of(s.hit) < 0) break;
-      t_min = std::nextafter(s.hit.t, INFINITY);
-    }
+  if (start == RayStart::Wall || start == RayStart::Boundary) {
+    // Nothing to step off: surfaces on the wall or the boundary are met, and bounding
+    // surfaces the rescan has counted (or the one just crossed) are passed, even where
+    // another surface lies at the very same distance.
+    // The query starts a rounding error behind the point, so that a surface through it
+    // (a ground under a layer that rests on it) is not missed for lying at -1e-7.
+    s.hit = ms.scene->trace_ray_past_media(o - BACK_OFF * d, d, WALL_REACH + BACK_OFF, 1e30f);
+    if (s.hit.hit) s.hit.t = std::fmax(s.hit.t - BACK_OFF, 0.0f);
   } else {
     s.hit = ms.scene->trace_ray(o, d, start == RayStart::Point ? 0.0f : SURFACE_T_MIN, 1e30f);
   }
@@ -111,7 +114,9 @@ Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int
     for (int32_t g = 0; g < ms.n_ghosts; ++g) {
       if (!ray_meets_box(o, d, reach, ms.ghost_lo[g], ms.ghost_hi[g])) continue;
       const float3 og = o - ms.ghost_offset[g];
-      float t_min = start == RayStart::Surface ? SURFACE_T_MIN : 0.0f;
+      float t_min = start == RayStart::Surface    ? SURFACE_T_MIN
+                    : start == RayStart::Boundary ? WALL_REACH
+                                                  : 0.0f;
       for (int32_t k = 0; k < MAX_MEDIUM_CROSSINGS; ++k) {
         EmbreeHit h = ms.scene->trace_ray(og, d, t_min, reach);
         if (!h.hit || !(h.t < reach)) break;
@@ -129,6 +134,14 @@ Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int
   }
   s.at_border = s.axis >= 0 && (!hit.hit || hit.t > s.border + BORDER_TIE ||
                                 (hit.t >= s.border - BORDER_TIE && ms.medium_of(hit) >= 0));
+  // A boundary just short of the wall gives way to it, unless another surface lies
+  // between them (the ground under a layer's floor, near a wall): crossing the wall
+  // would pass under it, so the boundary is crossed first.
+  if (s.at_border && hit.hit && hit.t < s.border && ms.medium_of(hit) >= 0) {
+    const EmbreeHit behind = ms.scene->trace_ray_past_media(
+        hit.position - BACK_OFF * d, d, WALL_REACH + BACK_OFF, s.border - hit.t + BACK_OFF);
+    if (behind.hit && ms.medium_of(behind) < 0) s.at_border = false;
+  }
   s.bound = s.at_border ? s.border : (hit.hit ? hit.t : 1e16f);
   return s;
 }
@@ -177,6 +190,29 @@ void media_at_point(const MediaScene& ms, const float3& p, const float3& d, Acti
       return;
 }
 
+void media_after_surface(const MediaScene& ms, const float3& surface, const float3& o,
+                         const float3& d, ActiveMediumList& list) {
+  if (!ms.in_media_box(o)) return;
+  // From a rounding error behind the surface point, so that a boundary through it counts.
+  const float3 from = surface - BACK_OFF * d;
+  const float reach = BACK_OFF + 4.0f * length(o - surface);
+  float t_min = 0.0f;
+  for (int32_t k = 0; k < MAX_ACTIVE_MEDIA; ++k) {
+    const EmbreeHit b = ms.scene->trace_media_boundary(from, d, t_min, reach);
+    // A boundary that o has not passed (its normal faces the ray) is met from o.
+    if (!b.hit || dot(o - b.position, b.geometric_normal) >= 0.0f) return;
+    const int32_t medium = ms.medium_of(b);
+    const uint32_t key = uint32_t(b.instance_id);
+    // Through a face whose side matches the medium's orientation the ray leaves it.
+    const bool leaving =
+        size_t(medium) < ms.n_media && ms.media[medium].orientation == (b.back_face ? 1 : -1);
+    const int32_t slot = list.find(medium, key);
+    if (leaving && slot >= 0) list.remove(slot);
+    if (!leaving && slot < 0 && !list.add(medium, key)) return;
+    t_min = std::nextafter(b.t, INFINITY);
+  }
+}
+
 bool toggle_medium(ActiveMediumList& list, int32_t medium, uint32_t instance) {
   const int32_t slot = list.find(medium, instance);
   if (slot >= 0) {
@@ -188,9 +224,11 @@ bool toggle_medium(ActiveMediumList& list, int32_t medium, uint32_t instance) {
 
 bool cross_boundary(const MediaScene& ms, const EmbreeHit& hit, int32_t medium, const float3& d,
                     float3& o, ActiveMediumList& list, ActiveMediumList* first_order) {
-  o = hit.position + MEDIUM_STEP * d;
+  // The walk goes on from the boundary itself (RayStart::Boundary), not a step past it:
+  // a step would carry it through a surface that lies on the boundary or just behind it.
+  o = hit.position;
   if (ms.n_ghosts > 0) {
-    media_at_point(ms, o, d, list);
+    media_at_point(ms, o + MEDIUM_STEP * d, d, list);
     if (first_order)
       for (int32_t k = 0; k < list.count; ++k)
         if (first_order->find(list.medium_id[k], list.instance_key[k]) < 0 &&
@@ -225,7 +263,8 @@ double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d, Act
     if (list.count == 0 && !ms.meets_media_box(o, d, 1e30f)) {
       // Outside every medium and never meeting one in this tile: plain occlusion. A
       // query from a wall or a collision starts there, not a step past it.
-      if (ms.scene->trace_shadow(start == RayStart::Surface ? o : o - SURFACE_T_MIN * d, d, 1e16f))
+      const bool off_surface = start == RayStart::Surface || start == RayStart::Boundary;
+      if (ms.scene->trace_shadow(off_surface ? o : o - SURFACE_T_MIN * d, d, 1e16f))
         return 0.0;
       float border = 0.0f;
       const int axis = ms.border_exit(o, d, borders, border);
@@ -262,7 +301,7 @@ double shadow_transmittance(const MediaScene& ms, float3 o, const float3& d, Act
     if (medium < 0) return 0.0;  // an ordinary surface blocks the ray
     if (++crossings > MAX_MEDIUM_CROSSINGS || !cross_boundary(ms, hit, medium, d, o, list, nullptr))
       return 0.0;
-    start = RayStart::Surface;
+    start = RayStart::Boundary;
   }
   if (!first) return std::exp(-depth);
   double correction = 1.0, shared = 0.0;

@@ -78,6 +78,9 @@ enum class RayStart {
   Point,    // at a leaf collision, on no surface: hits from 0 on
   Wall,     // on the tile wall it has just entered by, with its media rescanned there:
             // hits from 0 on, passing the bounding surfaces the rescan has counted
+  Boundary,  // on the medium boundary it has just crossed: hits from 0 on, passing the
+             // bounding surfaces within WALL_REACH (the one crossed among them) but no
+             // other surface, so a ground that coincides with the boundary is met
 };
 
 // The segment from o along d. The tile wall is looked for when in_media or when nothing
@@ -86,6 +89,14 @@ enum class RayStart {
 // next tile, and the rescan there says so, where crossing the side would leave it.
 Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int32_t crossings,
                      bool in_media, RayStart start);
+
+// After a surface event at `surface`, leaving from o (moved off it along its normal) along
+// d, for a walk that goes on from o with RayStart::Point: a medium boundary between the
+// surface and o (a layer's floor on the ground, or a hair above it) is behind o and would
+// never be crossed. The list is set as such a boundary says the ray's side is beyond it:
+// set, not toggled, so that it holds however the walk reached the surface.
+void media_after_surface(const MediaScene& ms, const float3& surface, const float3& o,
+                         const float3& d, ActiveMediumList& list);
 
 // The media containing p, by a forward scan along d: the first hit on each bounding
 // instance decides whether p is inside it.

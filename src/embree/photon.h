@@ -325,12 +325,15 @@ void walk_photon_in_media(const MaterialData* materials, const float* spectral,
         rec.lost(p);
         return;
       }
+      start = RayStart::Boundary;
       continue;
     }
     if (!scatter_photon(materials[hit.material_id], hit, spectral, lim, depth, rng, p, before, rec))
       return;
     p.scattered = true;
     p.origin = offset_origin(hit.position, hit.geometric_normal, p.direction);
+    media_after_surface(ms, hit.position, p.origin, p.direction, p.media);
+    start = RayStart::Point;
     ++depth;
   }
   rec.lost(p);

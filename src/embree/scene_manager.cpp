@@ -155,12 +155,16 @@ void EmbreeSceneManager::build_scene() {
   built_ = structure_current_ = false;
   release_embree_scenes_();
   rtc_->top = rtcNewScene(device);
+  rtcSetSceneFlags(rtc_->top, rtc::FILTER_SCENE_FLAG);
   instance_info_.clear();
   rtc_->mesh_scenes.assign(meshes_.size(), nullptr);
 
   for (size_t m = 0; m < meshes_.size(); ++m) {
     const scene::Mesh& mesh = meshes_[m];
     RTCScene scene = rtcNewScene(device);
+    // Queries that pass over medium boundaries filter the hits of every mesh; other
+    // queries set no filter and pay nothing for it.
+    rtcSetSceneFlags(scene, rtc::FILTER_SCENE_FLAG);
     rtc_->mesh_scenes[m] = scene;
     RTCGeometry geom = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
     void* vb = rtcSetNewGeometryBuffer(geom, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
@@ -214,6 +218,41 @@ void EmbreeSceneManager::build_reuse_geometry() { build_reuse_gas(); }
 
 EmbreeHit EmbreeSceneManager::trace_ray(const float3& origin, const float3& direction,
                                         float t_min, float t_max) const {
+  return trace_ray_(origin, direction, t_min, t_max, -1.0f, false);
+}
+
+namespace {
+
+// skip_media >= 0: medium boundaries closer than that are passed; < 0: every surface but
+// a medium boundary is passed.
+struct MediumSkip {
+  const EmbreeSceneManager* scene;
+  float within;
+};
+
+bool reject_by_medium(const void* user, unsigned instance, float t) {
+  const auto* skip = static_cast<const MediumSkip*>(user);
+  const auto& info = skip->scene->instance_info();
+  const bool boundary =
+      instance < info.size() && skip->scene->medium_of_material(info[instance].material_id) >= 0;
+  return skip->within >= 0.0f ? boundary && t <= skip->within : !boundary;
+}
+
+}  // namespace
+
+EmbreeHit EmbreeSceneManager::trace_ray_past_media(const float3& origin, const float3& direction,
+                                                   float within, float t_max) const {
+  return trace_ray_(origin, direction, 0.0f, t_max, std::fmax(within, 0.0f), false);
+}
+
+EmbreeHit EmbreeSceneManager::trace_media_boundary(const float3& origin, const float3& direction,
+                                                   float t_min, float t_max) const {
+  return trace_ray_(origin, direction, t_min, t_max, -1.0f, true);
+}
+
+EmbreeHit EmbreeSceneManager::trace_ray_(const float3& origin, const float3& direction,
+                                         float t_min, float t_max, float skip_media,
+                                         bool media_only) const {
   EmbreeHit h;
   RTCRayHit rh;
   rh.ray.org_x = origin.x;
@@ -231,7 +270,15 @@ EmbreeHit EmbreeSceneManager::trace_ray(const float3& origin, const float3& dire
   rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
   rh.hit.primID = RTC_INVALID_GEOMETRY_ID;
   rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
-  rtc::intersect1(rtc_->top, rh);
+  if (skip_media >= 0.0f || media_only) {
+    const MediumSkip skip{this, media_only ? -1.0f : skip_media};
+    rtc::FilteredQuery q;
+    q.reject = reject_by_medium;
+    q.user = &skip;
+    rtc::intersect1_filtered(rtc_->top, rh, q);
+  } else {
+    rtc::intersect1(rtc_->top, rh);
+  }
 
   if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID) {
     h.t = t_max;

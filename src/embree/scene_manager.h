@@ -137,6 +137,15 @@ class EmbreeSceneManager : public scene::SceneModel {
   EmbreeHit trace_ray(const float3& origin, const float3& direction, float t_min,
                       float t_max) const;
   bool trace_shadow(const float3& origin, const float3& direction, float t_max) const;
+  // The closest hit from distance 0 on, passing over the bounding surfaces of optical
+  // media that lie within `within` (and only those): a ray that has just crossed a
+  // medium boundary leaves it behind without stepping over a surface that coincides
+  // with it, such as the ground under a layer that rests on it.
+  EmbreeHit trace_ray_past_media(const float3& origin, const float3& direction, float within,
+                                 float t_max) const;
+  // The closest bounding surface of an optical medium; every other surface is passed.
+  EmbreeHit trace_media_boundary(const float3& origin, const float3& direction, float t_min,
+                                 float t_max) const;
   std::vector<EmbreeHit> trace_closest(const std::vector<backend::Ray>& rays) const;
   // Sun visibility through the repeated tiles: the ray is followed across up to
   // num_repetitions tile walls, wrapping into the tile each time.
@@ -144,6 +153,10 @@ class EmbreeSceneManager : public scene::SceneModel {
 
  private:
   void release_embree_scenes_();
+  // A plain query from t_min, unless skip_media >= 0 (medium boundaries within it are
+  // passed) or media_only (only medium boundaries count).
+  EmbreeHit trace_ray_(const float3& origin, const float3& direction, float t_min, float t_max,
+                       float skip_media, bool media_only) const;
 
   struct Handles;  // the Embree device and scenes, kept out of this header
   std::unique_ptr<Handles> rtc_;

@@ -262,7 +262,8 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
       break;
     }
     if (!cross_boundary(c.ms, hit, medium, r, p, active, nullptr)) break;
-    travelled = hit.t + MEDIUM_STEP + travelled;
+    travelled = hit.t + travelled;
+    from = RayStart::Boundary;
   }
 
   // Single scattering by the leaves of each bin, attenuated on the way out only.

@@ -14,8 +14,8 @@ Z0, Z1 = 0.5, 2.5  # the layer's floor and top, m
 
 
 def layer(density=0.0, lad=0, inset=0.0, zen=np.radians(30), az=0.0, leaf=(0.0, 0.0, 0.0),
-          soil=0.0, reps=40):
-    """A turbid box from Z0 to Z1 over a ground quad covering the W x W tile; inset moves
+          soil=0.0, reps=40, z0=Z0):
+    """A turbid box from z0 to Z1 over a ground quad covering the W x W tile; inset moves
     its sides in from the walls (0: on them). Spectra: soil, leaf front/back/transmit, sun."""
     s = vk.EmbreeSceneManager()
     s.set_num_bands(1)
@@ -25,7 +25,7 @@ def layer(density=0.0, lad=0, inset=0.0, zen=np.radians(30), az=0.0, leaf=(0.0, 
     s.add_instance(s.add_mesh(**vk.make_ground_plane(W / 2, W / 2, 0, W)), W / 2, W / 2, 0.0)
     w = W - 2 * inset
     s.add_instance_xform(s.add_mesh(**unit_cube(), material_id=1),
-                         np.array([w, 0, 0, W / 2, 0, w, 0, W / 2, 0, 0, Z1 - Z0, (Z0 + Z1) / 2], F))
+                         np.array([w, 0, 0, W / 2, 0, w, 0, W / 2, 0, 0, Z1 - z0, (z0 + Z1) / 2], F))
     s.set_optical_turbid_media([density], [lad], [1], [0.0], [-1, 0])
     s.set_emitter(0, sun_dir(zen, az), 4)
     s.set_repetitive(reps, W, W)
@@ -67,12 +67,14 @@ def test_a_black_layer_on_the_walls_transmits_by_beer_lambert(lad):
     assert r["transmitted"][0] == 0, "light passed under the ground"
 
 
-@pytest.mark.parametrize("lai", [1.5, 4.5])
-def test_a_white_furnace_layer_on_the_walls_returns_all_light(lai):
+@pytest.mark.parametrize("lai, floor", [(1.5, Z0), (4.5, Z0), (4.5, 0.0), (1.5, 1e-4)],
+                         ids=["LAI 1.5", "LAI 4.5", "on the ground", "a hair above it"])
+def test_a_white_furnace_layer_on_the_walls_returns_all_light(lai, floor):
     # Leaves and soil absorb nothing: all light leaves upward. The repetition budget is
-    # large so that grazing photons under the layer do not run out of walls to cross.
-    s = layer(density=lai / (Z1 - Z0), leaf=(0.5, 0.5, 0.5), soil=1.0, reps=100000,
-              az=np.radians(30))
+    # large so that grazing photons under the layer do not run out of walls to cross. A
+    # floor on the ground, or closer to it than any step a tracer takes, keeps it too.
+    s = layer(density=lai / (Z1 - floor), leaf=(0.5, 0.5, 0.5), soil=1.0, reps=100000,
+              az=np.radians(30), z0=floor)
 
     def run(n, first):
         r = vk.simulate_forward_cpu(s, 1, 1, None, n, 1, max_depth=10000, first_photon=first,
