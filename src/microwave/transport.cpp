@@ -27,8 +27,9 @@
 //     sigma_v exp(-2 kappa s) along the segment (the expectation of sampling the depth with
 //     pdf proportional to exp(-2 kappa s), at zero variance);
 //   - soil: sigma0 of the active table at the local cosine, T^2 mu / cos_local;
-//   - trunk-ground double bounce: where the soil's specular ray meets a trunk first, the
-//     double-bounce table (trunk-ground evaluator), attenuated both ways along both legs;
+//   - trunk-ground double bounce: where a ray meets a trunk whose specular ray reaches the
+//     soil, mu times the double-bounce table (trunk-ground evaluator, normalised per unit
+//     projected trunk area) at the soil's local cosine, attenuated both ways on both legs;
 //   - trunk surface: 4 pi times its Mueller table at the backscatter geometry; with the
 //     Fresnel fallback (no table) a specular trunk returns nothing to the sensor.
 // The only randomness is the sample's position in the pixel (jittered, PCG32 seeded per
@@ -60,9 +61,13 @@ constexpr float FOUR_PI = 12.566371f;
 constexpr int32_t MAX_CROSSINGS = 4096;  // pass-through surfaces per leg, against open loops
 constexpr int32_t VEG_STACK = 8;
 
-void fail(const std::string& what) { throw std::invalid_argument(what); }
+void fail(const std::string& what) {
+  throw std::invalid_argument(what);
+}
 
-bool finite(float v) { return std::isfinite(v); }
+bool finite(float v) {
+  return std::isfinite(v);
+}
 
 void check_mueller(const MuellerTableView& t, const std::string& name) {
   if (!t.values) return;
@@ -92,7 +97,9 @@ inline void lookup(const float* table, int32_t size, int32_t cols, float c, floa
   for (int32_t k = 0; k < cols; ++k) out[k] = a[k] * (1.0f - f) + b[k] * f;
 }
 
-inline int32_t bin(float x01, int32_t n) { return std::clamp(int32_t(x01 * float(n)), 0, n - 1); }
+inline int32_t bin(float x01, int32_t n) {
+  return std::clamp(int32_t(x01 * float(n)), 0, n - 1);
+}
 
 // The 4x4 block of a Mueller table for propagation z cosines mu_i (incident), mu_s
 // (scattered) and the azimuth difference dphi (radians, [0, 2 pi)).
@@ -102,8 +109,8 @@ inline const float* mueller_block(const float* lut, const int32_t* info, float m
   const int32_t i = bin(0.5f * (mu_i + 1.0f), n_cti);
   const int32_t s = bin(0.5f * (mu_s + 1.0f), n_cts);
   const int32_t p = bin(dphi * 0.15915494f, n_dphi);
-  return lut + size_t(info[1]) + ((size_t(i) * size_t(n_cts) + size_t(s)) * size_t(n_dphi) +
-                                  size_t(p)) * 16;
+  return lut + size_t(info[1]) +
+         ((size_t(i) * size_t(n_cts) + size_t(s)) * size_t(n_dphi) + size_t(p)) * 16;
 }
 
 struct VegStack {
@@ -152,22 +159,29 @@ Event next_event(const Context& c, float3& o, const float3& d, VegStack& veg, On
     if (!h.hit) return Event{};
     if (const int32_t v = veg.top(); v >= 0) seg(v, h.t);
     const int32_t m = (h.material_id >= 0 && size_t(h.material_id) < c.n_materials)
-                          ? c.q.material_map[h.material_id] : -1;
+                          ? c.q.material_map[h.material_id]
+                          : -1;
     if (m >= 0 && m < soils) return {EventKind::Soil, m, h.position, h.geometric_normal};
     if (m >= soils + vegs)
       return {EventKind::Trunk, m - soils - vegs, h.position, h.geometric_normal};
     if (m >= soils) {
-      if (h.back_face) veg.leave(m - soils);
-      else veg.enter(m - soils);
+      if (h.back_face)
+        veg.leave(m - soils);
+      else
+        veg.enter(m - soils);
     }
     o = offset_origin(h.position, h.geometric_normal, d);
   }
   return Event{EventKind::Lost, -1, {}, {}};
 }
 
-inline float3 reflect(const float3& d, const float3& n) { return d - (2.0f * dot(d, n)) * n; }
+inline float3 reflect(const float3& d, const float3& n) {
+  return d - (2.0f * dot(d, n)) * n;
+}
 
-inline float clamp_jitter(float u) { return std::min(u, 0.99999994f); }
+inline float clamp_jitter(float u) {
+  return std::min(u, 0.99999994f);
+}
 
 // Brightness temperature (H, V) seen along one primary ray.
 void passive_ray(const Context& c, float3 o, float3 d, double out[2]) {
@@ -204,8 +218,8 @@ void passive_ray(const Context& c, float3 o, float3 d, double out[2]) {
       lookup(&t.passive_soil[size_t(e.index) * size_t(t.size) * 4], t.size, 4, cos_local, r);
     } else {
       lookup(&t.trunk_response[size_t(e.index) * size_t(t.size) * 4], t.size, 4, cos_local, r);
-      const int32_t* info = &t.lut_info[size_t(t.soil_count + t.veg_count + e.index) *
-                                        LUT_INFO_STRIDE];
+      const int32_t* info =
+          &t.lut_info[size_t(t.soil_count + t.veg_count + e.index) * LUT_INFO_STRIDE];
       if (info[7] >= 0) {
         // A specular Mueller table replaces the Fresnel reflectivity; emission keeps
         // e = 1 - R at the trunk temperature.
@@ -250,8 +264,8 @@ void active_ray(const Context& c, float3 o, float3 d, double out[4]) {
     if (info[1] >= 0) {
       // Backscatter: scattered direction -d, azimuth difference pi.
       const float* m = mueller_block(mueller, info, d.z, -d.z, 3.1415927f);
-      const double depth = kappa > 0.0 ? -std::expm1(-2.0 * kappa * double(length)) / (2.0 * kappa)
-                                       : double(length);
+      const double depth =
+          kappa > 0.0 ? -std::expm1(-2.0 * kappa * double(length)) / (2.0 * kappa) : double(length);
       const double f = double(mu) * one_way * one_way * double(FOUR_PI) * depth;
       out[0] += f * m[5];  // HH: I_h from I_h
       out[1] += f * m[4];  // HV: received H from transmitted V
@@ -264,44 +278,48 @@ void active_ray(const Context& c, float3 o, float3 d, double out[4]) {
   if (e.kind != EventKind::Soil && e.kind != EventKind::Trunk) return;
   const float cos_local = std::max(-dot(d, e.normal), 1e-3f);
   const double area = double(mu) / double(cos_local) * one_way * one_way;
-  if (e.kind == EventKind::Trunk) {
-    const int32_t* info =
-        &t.lut_info[size_t(t.soil_count + t.veg_count + e.index) * LUT_INFO_STRIDE];
-    if (info[1] < 0) return;  // Fresnel fallback: specular, no backscatter
+  if (e.kind == EventKind::Soil) {
+    float s[4];
+    lookup(&t.active_soil[size_t(e.index) * size_t(t.size) * 4], t.size, 4, cos_local, s);
+    for (int k = 0; k < 4; ++k) out[k] += area * double(s[k]);
+    return;
+  }
+  const int32_t* info = &t.lut_info[size_t(t.soil_count + t.veg_count + e.index) * LUT_INFO_STRIDE];
+  if (info[1] >= 0) {  // without a table (Fresnel fallback) a specular trunk returns nothing
     const float* m = mueller_block(mueller, info, -cos_local, cos_local, 3.1415927f);
     out[0] += area * FOUR_PI * m[5];
     out[1] += area * FOUR_PI * m[4];
     out[2] += area * FOUR_PI * m[1];
     out[3] += area * FOUR_PI * m[0];
-    return;
   }
-  float s[4];
-  lookup(&t.active_soil[size_t(e.index) * size_t(t.size) * 4], t.size, 4, cos_local, s);
-  for (int k = 0; k < 4; ++k) out[k] += area * double(s[k]);
-  if (t.trunk_count == 0) return;
-  // Double bounce: the soil's specular ray meets a trunk before anything else.
-  const float3 dr = normalize(reflect(d, e.normal));
-  float3 o2 = offset_origin(e.position, e.normal, dr);
+  // Trunk-ground double bounce, counted on the rays that meet the trunk: the evaluator's
+  // value is per unit trunk area projected across the beam, so a ray hitting the trunk
+  // carries it times mu. The trunk's specular ray must reach a soil; the way back is taken
+  // as the way in (reciprocity, exact under a horizontally uniform canopy).
+  if (t.soil_count == 0) return;
+  const float3 dg = normalize(reflect(d, e.normal));
+  if (dg.z >= 0.0f) return;
+  float3 o2 = offset_origin(e.position, e.normal, dg);
   double leg = 1.0;
   VegStack veg2 = veg;
-  const Event e2 = next_event(c, o2, dr, veg2, [&](int32_t v, float length) {
+  const Event g = next_event(c, o2, dg, veg2, [&](int32_t v, float length) {
     leg *= std::exp(-double(t.vegetation[size_t(v) * VEG_RECORD]) * double(length));
   });
-  if (e2.kind != EventKind::Trunk) return;
+  if (g.kind != EventKind::Soil) return;
   float db[2];
-  lookup(&t.trunk_ground[(size_t(e.index) * size_t(t.trunk_count) + size_t(e2.index)) *
+  lookup(&t.trunk_ground[(size_t(g.index) * size_t(t.trunk_count) + size_t(e.index)) *
                          size_t(t.size) * 2],
-         t.size, 2, cos_local, db);
-  out[0] += area * leg * leg * double(db[0]);
-  out[3] += area * leg * leg * double(db[1]);
+         t.size, 2, -dot(dg, g.normal), db);
+  const double path = double(mu) * one_way * one_way * leg * leg;
+  out[0] += path * double(db[0]);
+  out[3] += path * double(db[1]);
 }
 
 }  // namespace
 
 void validate_request(const EmbreeSceneManager& scene, const MicrowaveRequest& q) {
   const std::string name = q.active ? "simulate_active_microwave_cpu" : "simulate_microwave_cpu";
-  if (!scene.is_built())
-    throw std::runtime_error(name + ": scene not built. Call build() first.");
+  if (!scene.is_built()) throw std::runtime_error(name + ": scene not built. Call build() first.");
   const SensorData& sensor = scene.sensor();
   if (sensor.width < 1 || sensor.height < 1)
     fail("the sensor has no pixels: call set_sensor() with a positive width and height first");
@@ -373,15 +391,15 @@ MicrowaveTables build_tables(const MicrowaveRequest& q) {
     auto append = [](std::vector<float>& dst, const std::vector<float>& v) {
       dst.insert(dst.end(), v.begin(), v.end());
     };
-    append(t.passive_soil, evaluate_soil(q.frequency, row.data(), cosines.data(), size_t(n), false));
+    append(t.passive_soil,
+           evaluate_soil(q.frequency, row.data(), cosines.data(), size_t(n), false));
     append(t.active_soil, evaluate_soil(q.frequency, row.data(), cosines.data(), size_t(n), true));
     append(t.smooth_soil,
            evaluate_soil_reflectivity(q.frequency, row.data(), cosines.data(), size_t(n), false));
   }
   for (int32_t k = 0; k < q.trunk_count; ++k) {
-    const std::vector<float> v =
-        evaluate_trunk(q.frequency, q.trunk_params + size_t(k) * TRUNK_FIELDS, cosines.data(),
-                       size_t(n));
+    const std::vector<float> v = evaluate_trunk(
+        q.frequency, q.trunk_params + size_t(k) * TRUNK_FIELDS, cosines.data(), size_t(n));
     t.trunk_response.insert(t.trunk_response.end(), v.begin(), v.end());
   }
   // The double bounce for a ground normal (0, 0, 1) and the plane of incidence at azimuth
@@ -471,20 +489,26 @@ std::vector<float> simulate_microwave(const EmbreeSceneManager& scene, const Mic
             double tb[2];
             passive_ray(c, o, d, tb);
             const double h = tb[0], v = tb[1];
-            if (channels == 1) out[0] = float(0.5 * (h + v));
-            else if (channels == 2) out[0] = float(h), out[1] = float(v);
-            else out[0] = float(v + h), out[1] = float(v - h), out[2] = 0.0f, out[3] = 0.0f;
+            if (channels == 1)
+              out[0] = float(0.5 * (h + v));
+            else if (channels == 2)
+              out[0] = float(h), out[1] = float(v);
+            else
+              out[0] = float(v + h), out[1] = float(v - h), out[2] = 0.0f, out[3] = 0.0f;
           } else {
             double sigma[4] = {0.0, 0.0, 0.0, 0.0};
             for (int32_t sample = 0; sample < q.spp; ++sample) {
               RNG rng = pixel_sample_rng(uint64_t(px), uint64_t(sample));
               const float dx = clamp_jitter(rng.next_float());
               const float dy = clamp_jitter(rng.next_float());
-              if (sensor::generate_primary_ray(sensor, x, y, dx, dy, o, d)) active_ray(c, o, d, sigma);
+              if (sensor::generate_primary_ray(sensor, x, y, dx, dy, o, d))
+                active_ray(c, o, d, sigma);
             }
             for (double& s : sigma) s /= double(q.spp);
-            if (channels == 1) out[0] = float(0.5 * (sigma[0] + sigma[3]));
-            else for (int k = 0; k < 4; ++k) out[k] = float(sigma[k]);
+            if (channels == 1)
+              out[0] = float(0.5 * (sigma[0] + sigma[3]));
+            else
+              for (int k = 0; k < 4; ++k) out[k] = float(sigma[k]);
           }
         }
       },

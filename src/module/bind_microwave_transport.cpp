@@ -51,7 +51,8 @@ std::vector<microwave::MuellerTableView> mueller_list(MicrowaveArrays& a, const 
     if (t.size() < 3)
       throw std::invalid_argument(
           std::string(trunk ? "mw_trunk_mueller_luts" : "mw_veg_mueller_luts") +
-          " entries must be (mueller_lut, cos_cdf, azimuth_cdf" + (trunk ? "[, specular_mueller])" : ")"));
+          " entries must be (mueller_lut, cos_cdf, azimuth_cdf" +
+          (trunk ? "[, specular_mueller])" : ")"));
     v.values = a.hold(t[0]);
     const FloatArray& lut = a.keep.back();
     if (lut.ndim() != 5 || lut.shape(3) != 4 || lut.shape(4) != 4)
@@ -80,8 +81,7 @@ std::vector<microwave::MuellerTableView> mueller_list(MicrowaveArrays& a, const 
 // shapes come first, in a fixed order, then the request's own validation.
 microwave::MicrowaveRequest microwave_request(MicrowaveArrays& a, float frequency,
                                               const py::object& soil, const py::object& veg,
-                                              const py::object& trunk,
-                                              const IntArray& material_map,
+                                              const py::object& trunk, const IntArray& material_map,
                                               const py::object& veg_luts,
                                               const py::object& trunk_luts, bool active) {
   microwave::MicrowaveRequest q;
@@ -98,7 +98,8 @@ microwave::MicrowaveRequest microwave_request(MicrowaveArrays& a, float frequenc
                  "ax_x, ax_y, ax_z)");
   q.soil_params = param_rows(a, soil, q.soil_count, q.soil_columns);
   q.veg_params = param_rows(a, veg, q.veg_count, q.veg_columns);
-  if (material_map.ndim() != 1) throw std::invalid_argument("material_map must be a 1-D int32 array");
+  if (material_map.ndim() != 1)
+    throw std::invalid_argument("material_map must be a 1-D int32 array");
   q.material_map = material_map.data();
   q.material_map_size = size_t(material_map.size());
   return q;
@@ -132,7 +133,8 @@ void bind_microwave_transport(py::module_& m) {
           "is a tau-omega medium; soil and trunks emit and reflect specularly (up to\n"
           "max_depth surface events); escaping rays see 0 K or, with include_atmosphere\n"
           "and atm_tau > 0, an isothermal layer at air_temperature (K), also between the\n"
-          "scene and the sensor. frequency in Hz.\n") + MW_TABLES_DOC;
+          "scene and the sensor. frequency in Hz.\n") +
+      MW_TABLES_DOC;
   static const std::string active_doc =
       std::string(
           "Active microwave image: linear sigma0 per unit horizontal area, float32\n"
@@ -149,8 +151,8 @@ void bind_microwave_transport(py::module_& m) {
          bool include_atmosphere, float atm_tau, float air_temperature, int32_t max_depth,
          int32_t response_table_size, int32_t threads) {
         MicrowaveArrays a;
-        microwave::MicrowaveRequest q = microwave_request(a, frequency, soil, veg, trunk,
-                                                          material_map, veg_luts, trunk_luts, false);
+        microwave::MicrowaveRequest q = microwave_request(
+            a, frequency, soil, veg, trunk, material_map, veg_luts, trunk_luts, false);
         q.n_channels = n_channels;
         q.include_atmosphere = include_atmosphere;
         q.atm_tau = atm_tau;
@@ -159,23 +161,22 @@ void bind_microwave_transport(py::module_& m) {
         q.response_table_size = response_table_size;
         q.threads = threads;
         std::vector<float> image = microwave::simulate_microwave(scene, q);
-        return move_to_numpy(std::move(image), {py::ssize_t(scene.sensor().height),
-                                                py::ssize_t(scene.sensor().width),
-                                                py::ssize_t(n_channels)});
+        return move_to_numpy(std::move(image),
+                             {py::ssize_t(scene.sensor().height), py::ssize_t(scene.sensor().width),
+                              py::ssize_t(n_channels)});
       },
       py::arg("scene"), py::arg("frequency"), py::arg("mw_soil_params"), py::arg("mw_veg_params"),
-      py::arg("mw_trunk_params"), py::arg("material_map"), py::arg("mw_veg_mueller_luts") = py::none(),
-      py::arg("mw_trunk_mueller_luts") = py::none(), py::arg("n_channels") = 2,
-      py::arg("include_atmosphere") = false, py::arg("atm_tau") = 0.0f,
+      py::arg("mw_trunk_params"), py::arg("material_map"),
+      py::arg("mw_veg_mueller_luts") = py::none(), py::arg("mw_trunk_mueller_luts") = py::none(),
+      py::arg("n_channels") = 2, py::arg("include_atmosphere") = false, py::arg("atm_tau") = 0.0f,
       py::arg("air_temperature") = 290.0f, py::arg("max_depth") = 4,
-      py::arg("response_table_size") = 256, py::arg("threads") = 0,
-      passive_doc.c_str());
+      py::arg("response_table_size") = 256, py::arg("threads") = 0, passive_doc.c_str());
   m.def(
       "simulate_active_microwave_cpu",
       [](const embree::EmbreeSceneManager& scene, float frequency, const py::object& soil,
          const py::object& veg, const py::object& trunk, const IntArray& material_map,
-         const py::object& veg_luts, const py::object& trunk_luts, int32_t n_channels,
-         int32_t spp, int32_t response_table_size, int32_t threads) {
+         const py::object& veg_luts, const py::object& trunk_luts, int32_t n_channels, int32_t spp,
+         int32_t response_table_size, int32_t threads) {
         MicrowaveArrays a;
         microwave::MicrowaveRequest q = microwave_request(a, frequency, soil, veg, trunk,
                                                           material_map, veg_luts, trunk_luts, true);
@@ -185,16 +186,15 @@ void bind_microwave_transport(py::module_& m) {
         q.response_table_size = response_table_size;
         q.threads = threads;
         std::vector<float> image = microwave::simulate_microwave(scene, q);
-        return move_to_numpy(std::move(image), {py::ssize_t(scene.sensor().height),
-                                                py::ssize_t(scene.sensor().width),
-                                                py::ssize_t(n_channels)});
+        return move_to_numpy(std::move(image),
+                             {py::ssize_t(scene.sensor().height), py::ssize_t(scene.sensor().width),
+                              py::ssize_t(n_channels)});
       },
       py::arg("scene"), py::arg("frequency"), py::arg("mw_soil_params"), py::arg("mw_veg_params"),
-      py::arg("mw_trunk_params"), py::arg("material_map"), py::arg("mw_veg_mueller_luts") = py::none(),
-      py::arg("mw_trunk_mueller_luts") = py::none(), py::arg("n_channels") = 4,
-      py::arg("spp") = 4, py::arg("response_table_size") = 256, py::arg("threads") = 0,
-      active_doc.c_str());
-
+      py::arg("mw_trunk_params"), py::arg("material_map"),
+      py::arg("mw_veg_mueller_luts") = py::none(), py::arg("mw_trunk_mueller_luts") = py::none(),
+      py::arg("n_channels") = 4, py::arg("spp") = 4, py::arg("response_table_size") = 256,
+      py::arg("threads") = 0, active_doc.c_str());
 }
 
 }  // namespace vesk::module
