@@ -317,10 +317,7 @@ void active_ray(const Context& c, float3 o, float3 d, double out[4]) {
 
 }  // namespace
 
-void validate_request(const EmbreeSceneManager& scene, const MicrowaveRequest& q) {
-  const std::string name = q.active ? "simulate_active_microwave_cpu" : "simulate_microwave_cpu";
-  if (!scene.is_built()) throw std::runtime_error(name + ": scene not built. Call build() first.");
-  const SensorData& sensor = scene.sensor();
+void validate_request(const MicrowaveRequest& q, const SensorData& sensor, size_t n_mats) {
   if (sensor.width < 1 || sensor.height < 1)
     fail("the sensor has no pixels: call set_sensor() with a positive width and height first");
   if (!(q.frequency > 0.0f) || !finite(q.frequency)) fail("frequency must be positive (Hz)");
@@ -352,7 +349,6 @@ void validate_request(const EmbreeSceneManager& scene, const MicrowaveRequest& q
   }
   for (size_t i = 0; i < size_t(q.trunk_count) * TRUNK_FIELDS; ++i)
     if (!finite(q.trunk_params[i])) fail("mw_trunk_params contains a non-finite value");
-  const size_t n_mats = scene.materials().size();
   if (q.material_map_size < n_mats)
     fail("material_map has " + std::to_string(q.material_map_size) + " entries but the scene has " +
          std::to_string(n_mats) + " materials");
@@ -466,11 +462,73 @@ MicrowaveTables build_tables(const MicrowaveRequest& q) {
   return t;
 }
 
+void write_channels(const MicrowaveRequest& q, const double v[4], float* out) {
+  if (q.active) {
+    if (q.n_channels == 1) out[0] = float(0.5 * (v[0] + v[3]));
+    else for (int k = 0; k < 4; ++k) out[k] = float(v[k]);
+    return;
+  }
+  const double h = v[0], vv = v[1];
+  if (q.n_channels == 1) out[0] = float(0.5 * (h + vv));
+  else if (q.n_channels == 2) out[0] = float(h), out[1] = float(vv);
+  else out[0] = float(vv + h), out[1] = float(vv - h), out[2] = 0.0f, out[3] = 0.0f;
+}
+
+namespace {
+
+// The sample ray of one pixel: the centre (passive) or a PCG32 jitter (active).
+bool sample_ray(const SensorData& sensor, const MicrowaveRequest& q, int64_t px, int32_t sample,
+                float3& o, float3& d) {
+  const int32_t x = int32_t(px % sensor.width), y = int32_t(px / sensor.width);
+  if (!q.active) return sensor::generate_primary_ray(sensor, x, y, 0.5f, 0.5f, o, d);
+  RNG rng = pixel_sample_rng(uint64_t(px), uint64_t(sample));
+  const float dx = clamp_jitter(rng.next_float());
+  const float dy = clamp_jitter(rng.next_float());
+  return sensor::generate_primary_ray(sensor, x, y, dx, dy, o, d);
+}
+
+}  // namespace
+
+MicrowaveRays primary_rays(const SensorData& sensor, const MicrowaveRequest& q) {
+  MicrowaveRays r;
+  const int64_t pixels = int64_t(sensor.width) * int64_t(sensor.height);
+  const int32_t spp = q.active ? q.spp : 1;
+  for (int64_t px = 0; px < pixels; ++px)
+    for (int32_t s = 0; s < spp; ++s) {
+      float3 o, d;
+      if (!sample_ray(sensor, q, px, s, o, d)) continue;
+      r.origins.insert(r.origins.end(), {o.x, o.y, o.z, 0.0f});
+      r.directions.insert(r.directions.end(), {d.x, d.y, d.z, 0.0f});
+      r.pixel.push_back(uint32_t(px));
+    }
+  return r;
+}
+
+std::vector<float> image_from_rays(const SensorData& sensor, const MicrowaveRequest& q,
+                                   const MicrowaveRays& rays, const std::vector<float>& results) {
+  const size_t pixels = size_t(sensor.width) * size_t(sensor.height);
+  std::vector<double> sums(pixels * 4, 0.0);
+  for (size_t i = 0; i < rays.pixel.size(); ++i)
+    for (size_t k = 0; k < 4; ++k) sums[size_t(rays.pixel[i]) * 4 + k] += double(results[i * 4 + k]);
+  const double n = q.active ? double(q.spp) : 1.0;
+  std::vector<float> image(pixels * size_t(q.n_channels), 0.0f);
+  for (size_t px = 0; px < pixels; ++px) {
+    double v[4];
+    for (size_t k = 0; k < 4; ++k) v[k] = sums[px * 4 + k] / n;
+    write_channels(q, v, &image[px * size_t(q.n_channels)]);
+  }
+  return image;
+}
+
 std::vector<float> simulate_microwave(const EmbreeSceneManager& scene, const MicrowaveRequest& q) {
-  validate_request(scene, q);
+  if (!scene.is_built())
+    throw std::runtime_error(std::string(q.active ? "simulate_active_microwave_cpu"
+                                                   : "simulate_microwave_cpu") +
+                             ": scene not built. Call build() first.");
+  validate_request(q, scene.sensor(), scene.materials().size());
   const MicrowaveTables tables = build_tables(q);
   const SensorData& sensor = scene.sensor();
-  const int64_t width = sensor.width, pixels = width * int64_t(sensor.height);
+  const int64_t pixels = int64_t(sensor.width) * int64_t(sensor.height);
   const int32_t channels = q.n_channels;
   std::vector<float> image(size_t(pixels) * size_t(channels), 0.0f);
   const Context c{scene, q, tables, scene.materials().size()};
@@ -481,35 +539,16 @@ std::vector<float> simulate_microwave(const EmbreeSceneManager& scene, const Mic
       std::max(threads, 1), 0, pixels, round, CHUNK,
       [&](int, int64_t begin, int64_t end) {
         for (int64_t px = begin; px < end; ++px) {
-          const int32_t x = int32_t(px % width), y = int32_t(px / width);
-          float* out = &image[size_t(px) * size_t(channels)];
+          double v[4] = {0.0, 0.0, 0.0, 0.0};
           float3 o, d;
           if (!q.active) {
-            if (!sensor::generate_primary_ray(sensor, x, y, 0.5f, 0.5f, o, d)) continue;
-            double tb[2];
-            passive_ray(c, o, d, tb);
-            const double h = tb[0], v = tb[1];
-            if (channels == 1)
-              out[0] = float(0.5 * (h + v));
-            else if (channels == 2)
-              out[0] = float(h), out[1] = float(v);
-            else
-              out[0] = float(v + h), out[1] = float(v - h), out[2] = 0.0f, out[3] = 0.0f;
+            if (sample_ray(sensor, q, px, 0, o, d)) passive_ray(c, o, d, v);
           } else {
-            double sigma[4] = {0.0, 0.0, 0.0, 0.0};
-            for (int32_t sample = 0; sample < q.spp; ++sample) {
-              RNG rng = pixel_sample_rng(uint64_t(px), uint64_t(sample));
-              const float dx = clamp_jitter(rng.next_float());
-              const float dy = clamp_jitter(rng.next_float());
-              if (sensor::generate_primary_ray(sensor, x, y, dx, dy, o, d))
-                active_ray(c, o, d, sigma);
-            }
-            for (double& s : sigma) s /= double(q.spp);
-            if (channels == 1)
-              out[0] = float(0.5 * (sigma[0] + sigma[3]));
-            else
-              for (int k = 0; k < 4; ++k) out[k] = float(sigma[k]);
+            for (int32_t sample = 0; sample < q.spp; ++sample)
+              if (sample_ray(sensor, q, px, sample, o, d)) active_ray(c, o, d, v);
+            for (double& s : v) s /= double(q.spp);
           }
+          write_channels(q, v, &image[size_t(px) * size_t(channels)]);
         }
       },
       nullptr);

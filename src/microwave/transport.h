@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/types.h"
+
 namespace vesk::embree {
 class EmbreeSceneManager;
 }
@@ -93,9 +95,25 @@ struct MicrowaveTables {
 };
 constexpr int32_t LUT_INFO_STRIDE = 9;
 
-// Checks the request against the scene (messages name the argument), then the tables.
-void validate_request(const embree::EmbreeSceneManager& scene, const MicrowaveRequest& q);
+// Checks the request against the scene's sensor and material count (messages name the
+// argument); whether the scene is built is each backend's own first check.
+void validate_request(const MicrowaveRequest& q, const SensorData& sensor, size_t n_materials);
 MicrowaveTables build_tables(const MicrowaveRequest& q);
+
+// The image's rays as 4-float records (x, y, z, 0): passive, one through each pixel
+// centre; active, spp jittered per pixel (PCG32 per pixel and sample). pixel[i] is ray i's
+// pixel; pixels without a ray have none.
+struct MicrowaveRays {
+  std::vector<float> origins, directions;
+  std::vector<uint32_t> pixel;
+};
+MicrowaveRays primary_rays(const SensorData& sensor, const MicrowaveRequest& q);
+// Writes a pixel's channels from its mean per-ray values: passive (T_H, T_V, -, -),
+// active (HH, HV, VH, VV).
+void write_channels(const MicrowaveRequest& q, const double v[4], float* out);
+// The image from per-ray results, 4 floats a ray, averaged over each pixel's spp rays.
+std::vector<float> image_from_rays(const SensorData& sensor, const MicrowaveRequest& q,
+                                   const MicrowaveRays& rays, const std::vector<float>& results);
 
 // [height][width][n_channels], row-major: kelvin (passive) or linear sigma0 (active).
 std::vector<float> simulate_microwave(const embree::EmbreeSceneManager& scene,
