@@ -464,14 +464,19 @@ MicrowaveTables build_tables(const MicrowaveRequest& q) {
 
 void write_channels(const MicrowaveRequest& q, const double v[4], float* out) {
   if (q.active) {
-    if (q.n_channels == 1) out[0] = float(0.5 * (v[0] + v[3]));
-    else for (int k = 0; k < 4; ++k) out[k] = float(v[k]);
+    if (q.n_channels == 1)
+      out[0] = float(0.5 * (v[0] + v[3]));
+    else
+      for (int k = 0; k < 4; ++k) out[k] = float(v[k]);
     return;
   }
   const double h = v[0], vv = v[1];
-  if (q.n_channels == 1) out[0] = float(0.5 * (h + vv));
-  else if (q.n_channels == 2) out[0] = float(h), out[1] = float(vv);
-  else out[0] = float(vv + h), out[1] = float(vv - h), out[2] = 0.0f, out[3] = 0.0f;
+  if (q.n_channels == 1)
+    out[0] = float(0.5 * (h + vv));
+  else if (q.n_channels == 2)
+    out[0] = float(h), out[1] = float(vv);
+  else
+    out[0] = float(vv + h), out[1] = float(vv - h), out[2] = 0.0f, out[3] = 0.0f;
 }
 
 namespace {
@@ -509,7 +514,8 @@ std::vector<float> image_from_rays(const SensorData& sensor, const MicrowaveRequ
   const size_t pixels = size_t(sensor.width) * size_t(sensor.height);
   std::vector<double> sums(pixels * 4, 0.0);
   for (size_t i = 0; i < rays.pixel.size(); ++i)
-    for (size_t k = 0; k < 4; ++k) sums[size_t(rays.pixel[i]) * 4 + k] += double(results[i * 4 + k]);
+    for (size_t k = 0; k < 4; ++k)
+      sums[size_t(rays.pixel[i]) * 4 + k] += double(results[i * 4 + k]);
   const double n = q.active ? double(q.spp) : 1.0;
   std::vector<float> image(pixels * size_t(q.n_channels), 0.0f);
   for (size_t px = 0; px < pixels; ++px) {
@@ -522,9 +528,9 @@ std::vector<float> image_from_rays(const SensorData& sensor, const MicrowaveRequ
 
 std::vector<float> simulate_microwave(const EmbreeSceneManager& scene, const MicrowaveRequest& q) {
   if (!scene.is_built())
-    throw std::runtime_error(std::string(q.active ? "simulate_active_microwave_cpu"
-                                                   : "simulate_microwave_cpu") +
-                             ": scene not built. Call build() first.");
+    throw std::runtime_error(
+        std::string(q.active ? "simulate_active_microwave_cpu" : "simulate_microwave_cpu") +
+        ": scene not built. Call build() first.");
   validate_request(q, scene.sensor(), scene.materials().size());
   const MicrowaveTables tables = build_tables(q);
   const SensorData& sensor = scene.sensor();

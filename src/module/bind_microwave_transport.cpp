@@ -1,8 +1,11 @@
 // Microwave transport on the CPU scene: simulate_microwave_cpu (brightness temperature)
 // and simulate_active_microwave_cpu (backscatter).
+#include <functional>
+
 #include "embree/scene_manager.h"
 #include "microwave/transport.h"
 #include "module/bind_common.h"
+#include "vulkan/scene_manager.h"
 
 namespace vesk::module {
 namespace {
@@ -143,58 +146,142 @@ void bind_microwave_transport(py::module_& m) {
           "vegetation volume backscatter, the trunk-ground double bounce, two-way canopy\n"
           "attenuation; spp jittered rays per pixel (PCG32 per pixel and sample).\n") +
       MW_TABLES_DOC;
-  m.def(
-      "simulate_microwave_cpu",
-      [](const embree::EmbreeSceneManager& scene, float frequency, const py::object& soil,
-         const py::object& veg, const py::object& trunk, const IntArray& material_map,
-         const py::object& veg_luts, const py::object& trunk_luts, int32_t n_channels,
-         bool include_atmosphere, float atm_tau, float air_temperature, int32_t max_depth,
-         int32_t response_table_size, int32_t threads) {
-        MicrowaveArrays a;
-        microwave::MicrowaveRequest q = microwave_request(
-            a, frequency, soil, veg, trunk, material_map, veg_luts, trunk_luts, false);
-        q.n_channels = n_channels;
-        q.include_atmosphere = include_atmosphere;
-        q.atm_tau = atm_tau;
-        q.air_temperature = air_temperature;
-        q.max_depth = max_depth;
-        q.response_table_size = response_table_size;
-        q.threads = threads;
-        std::vector<float> image = microwave::simulate_microwave(scene, q);
-        return move_to_numpy(std::move(image),
-                             {py::ssize_t(scene.sensor().height), py::ssize_t(scene.sensor().width),
-                              py::ssize_t(n_channels)});
+  // One body for both scene classes: the CPU reference and the device form.
+  auto passive = [](auto run) {
+    return [run](const auto& scene, float frequency, const py::object& soil, const py::object& veg,
+                 const py::object& trunk, const IntArray& material_map, const py::object& veg_luts,
+                 const py::object& trunk_luts, int32_t n_channels, bool include_atmosphere,
+                 float atm_tau, float air_temperature, int32_t max_depth,
+                 int32_t response_table_size, int32_t threads) {
+      MicrowaveArrays a;
+      microwave::MicrowaveRequest q = microwave_request(a, frequency, soil, veg, trunk,
+                                                        material_map, veg_luts, trunk_luts, false);
+      q.n_channels = n_channels;
+      q.include_atmosphere = include_atmosphere;
+      q.atm_tau = atm_tau;
+      q.air_temperature = air_temperature;
+      q.max_depth = max_depth;
+      q.response_table_size = response_table_size;
+      q.threads = threads;
+      std::vector<float> image = run(scene, q);
+      return move_to_numpy(std::move(image),
+                           {py::ssize_t(scene.sensor().height), py::ssize_t(scene.sensor().width),
+                            py::ssize_t(n_channels)});
+    };
+  };
+  auto active = [](auto run) {
+    return [run](const auto& scene, float frequency, const py::object& soil, const py::object& veg,
+                 const py::object& trunk, const IntArray& material_map, const py::object& veg_luts,
+                 const py::object& trunk_luts, int32_t n_channels, int32_t spp,
+                 int32_t response_table_size, int32_t threads) {
+      MicrowaveArrays a;
+      microwave::MicrowaveRequest q = microwave_request(a, frequency, soil, veg, trunk,
+                                                        material_map, veg_luts, trunk_luts, true);
+      q.n_channels = n_channels;
+      q.spp = spp;
+      q.max_depth = 1;
+      q.response_table_size = response_table_size;
+      q.threads = threads;
+      std::vector<float> image = run(scene, q);
+      return move_to_numpy(std::move(image),
+                           {py::ssize_t(scene.sensor().height), py::ssize_t(scene.sensor().width),
+                            py::ssize_t(n_channels)});
+    };
+  };
+  auto cpu = [](const embree::EmbreeSceneManager& s, const microwave::MicrowaveRequest& q) {
+    return microwave::simulate_microwave(s, q);
+  };
+  auto device = [](const vulkan::VulkanSceneManager& s, const microwave::MicrowaveRequest& q) {
+    return s.simulate_microwave(q);
+  };
+  using Cpu = const embree::EmbreeSceneManager&;
+  using Dev = const vulkan::VulkanSceneManager&;
+  std::function<py::array_t<float>(
+      Cpu, float, const py::object&, const py::object&, const py::object&, const IntArray&,
+      const py::object&, const py::object&, int32_t, bool, float, float, int32_t, int32_t, int32_t)>
+      cpu_passive = passive(cpu);
+  std::function<py::array_t<float>(Cpu, float, const py::object&, const py::object&,
+                                   const py::object&, const IntArray&, const py::object&,
+                                   const py::object&, int32_t, int32_t, int32_t, int32_t)>
+      cpu_active = active(cpu);
+  std::function<py::array_t<float>(
+      Dev, float, const py::object&, const py::object&, const py::object&, const IntArray&,
+      const py::object&, const py::object&, int32_t, bool, float, float, int32_t, int32_t, int32_t)>
+      dev_passive = passive(device);
+  std::function<py::array_t<float>(Dev, float, const py::object&, const py::object&,
+                                   const py::object&, const IntArray&, const py::object&,
+                                   const py::object&, int32_t, int32_t, int32_t, int32_t)>
+      dev_active = active(device);
+
+#define MW_PASSIVE_ARGS                                                                            \
+  py::arg("frequency"), py::arg("mw_soil_params"), py::arg("mw_veg_params"),                       \
+      py::arg("mw_trunk_params"), py::arg("material_map"),                                         \
+      py::arg("mw_veg_mueller_luts") = py::none(), py::arg("mw_trunk_mueller_luts") = py::none(),  \
+      py::arg("n_channels") = 2, py::arg("include_atmosphere") = false, py::arg("atm_tau") = 0.0f, \
+      py::arg("air_temperature") = 290.0f, py::arg("max_depth") = 4,                               \
+      py::arg("response_table_size") = 256, py::arg("threads") = 0
+#define MW_ACTIVE_ARGS                                                                            \
+  py::arg("frequency"), py::arg("mw_soil_params"), py::arg("mw_veg_params"),                      \
+      py::arg("mw_trunk_params"), py::arg("material_map"),                                        \
+      py::arg("mw_veg_mueller_luts") = py::none(), py::arg("mw_trunk_mueller_luts") = py::none(), \
+      py::arg("n_channels") = 4, py::arg("spp") = 4, py::arg("response_table_size") = 256,        \
+      py::arg("threads") = 0
+
+  m.def("simulate_microwave_cpu", cpu_passive, py::arg("scene"), MW_PASSIVE_ARGS,
+        passive_doc.c_str());
+  m.def("simulate_active_microwave_cpu", cpu_active, py::arg("scene"), MW_ACTIVE_ARGS,
+        active_doc.c_str());
+  auto cls =
+      py::reinterpret_borrow<py::class_<vulkan::VulkanSceneManager>>(m.attr("VulkanSceneManager"));
+  static const std::string device_note =
+      "\nOn the device (microwave_wavefront.spv, one invocation per ray) with the CPU form's "
+      "rays, tables and arithmetic; threads is not read.\n";
+  static const std::string dev_passive_doc = passive_doc + device_note;
+  static const std::string dev_active_doc = active_doc + device_note;
+  cls.def("simulate_microwave", dev_passive, MW_PASSIVE_ARGS, dev_passive_doc.c_str());
+  cls.def("simulate_active_microwave", dev_active, MW_ACTIVE_ARGS, dev_active_doc.c_str());
+#undef MW_PASSIVE_ARGS
+#undef MW_ACTIVE_ARGS
+  cls.def(
+      "run_microwave_wavefront",
+      [](const vulkan::VulkanSceneManager& s, bool active_mode, int max_depth,
+         float air_temperature, float atmosphere_tau, int soil_count, int vegetation_count,
+         int trunk_count, int response_table_size, const FloatArray& origins,
+         const FloatArray& directions, const IntArray& material_map,
+         const FloatArray& passive_soil_table, const FloatArray& active_soil_table,
+         const FloatArray& smooth_soil_table, const FloatArray& vegetation_parameters,
+         const FloatArray& trunk_response_table, const FloatArray& trunk_dihedral_scattering,
+         const FloatArray& dihedral_ground_table, const IntArray& lut_info,
+         const FloatArray& mueller_lut, const FloatArray& cosine_cdf,
+         const FloatArray& azimuth_cdf) {
+        std::vector<float> out = s.run_microwave_wavefront(
+            active_mode, max_depth, air_temperature, atmosphere_tau, soil_count, vegetation_count,
+            trunk_count, response_table_size, to_vector(origins), to_vector(directions),
+            to_vector(material_map), to_vector(passive_soil_table), to_vector(active_soil_table),
+            to_vector(smooth_soil_table), to_vector(vegetation_parameters),
+            to_vector(trunk_response_table), to_vector(trunk_dihedral_scattering),
+            to_vector(dihedral_ground_table), to_vector(lut_info), to_vector(mueller_lut),
+            to_vector(cosine_cdf), to_vector(azimuth_cdf));
+        const py::ssize_t n = py::ssize_t(out.size());
+        return move_to_numpy(std::move(out), {n});
       },
-      py::arg("scene"), py::arg("frequency"), py::arg("mw_soil_params"), py::arg("mw_veg_params"),
-      py::arg("mw_trunk_params"), py::arg("material_map"),
-      py::arg("mw_veg_mueller_luts") = py::none(), py::arg("mw_trunk_mueller_luts") = py::none(),
-      py::arg("n_channels") = 2, py::arg("include_atmosphere") = false, py::arg("atm_tau") = 0.0f,
-      py::arg("air_temperature") = 290.0f, py::arg("max_depth") = 4,
-      py::arg("response_table_size") = 256, py::arg("threads") = 0, passive_doc.c_str());
-  m.def(
-      "simulate_active_microwave_cpu",
-      [](const embree::EmbreeSceneManager& scene, float frequency, const py::object& soil,
-         const py::object& veg, const py::object& trunk, const IntArray& material_map,
-         const py::object& veg_luts, const py::object& trunk_luts, int32_t n_channels, int32_t spp,
-         int32_t response_table_size, int32_t threads) {
-        MicrowaveArrays a;
-        microwave::MicrowaveRequest q = microwave_request(a, frequency, soil, veg, trunk,
-                                                          material_map, veg_luts, trunk_luts, true);
-        q.n_channels = n_channels;
-        q.spp = spp;
-        q.max_depth = 1;
-        q.response_table_size = response_table_size;
-        q.threads = threads;
-        std::vector<float> image = microwave::simulate_microwave(scene, q);
-        return move_to_numpy(std::move(image),
-                             {py::ssize_t(scene.sensor().height), py::ssize_t(scene.sensor().width),
-                              py::ssize_t(n_channels)});
-      },
-      py::arg("scene"), py::arg("frequency"), py::arg("mw_soil_params"), py::arg("mw_veg_params"),
-      py::arg("mw_trunk_params"), py::arg("material_map"),
-      py::arg("mw_veg_mueller_luts") = py::none(), py::arg("mw_trunk_mueller_luts") = py::none(),
-      py::arg("n_channels") = 4, py::arg("spp") = 4, py::arg("response_table_size") = 256,
-      py::arg("threads") = 0, active_doc.c_str());
+      py::arg("active_mode"), py::arg("max_depth"), py::arg("air_temperature"),
+      py::arg("atmosphere_tau"), py::arg("soil_count"), py::arg("vegetation_count"),
+      py::arg("trunk_count"), py::arg("response_table_size"), py::arg("origins"),
+      py::arg("directions"), py::arg("material_map"), py::arg("passive_soil_table"),
+      py::arg("active_soil_table"), py::arg("smooth_soil_table"), py::arg("vegetation_parameters"),
+      py::arg("trunk_response_table"), py::arg("trunk_dihedral_scattering"),
+      py::arg("dihedral_ground_table"), py::arg("lut_info"), py::arg("mueller_lut"),
+      py::arg("cosine_cdf"), py::arg("azimuth_cdf"),
+      "The device program of the microwave images on flat arrays: 4 floats a ray in origins\n"
+      "and directions (x, y, z, unused); returns 4 floats a ray, (T_H, T_V, 0, 0) in K or,\n"
+      "when active_mode, sigma0 (HH, HV, VH, VV). Tables as the CPU form builds them:\n"
+      "soil [soil, size, 4|4|2], vegetation_parameters [veg, 4] (kappa_e 1/m, omega,\n"
+      "temperature K, has a Mueller table), trunk_response_table [trunk, size, 4],\n"
+      "trunk_dihedral_scattering the trunks' specular Mueller tables, dihedral_ground_table\n"
+      "[soil, trunk, size, 2], lut_info 9 ints per material (type, Mueller offset, n_cti,\n"
+      "n_cts, n_dphi, cosine CDF offset, azimuth CDF offset, specular offset, n_specular).");
+  m.attr("_mw_veg_lut_dims") = py::make_tuple("cti", "cts", "dphi", 4, 4);
 }
 
 }  // namespace vesk::module

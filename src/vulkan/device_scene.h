@@ -101,7 +101,8 @@ struct VulkanSceneManager::Device {
   std::vector<AccelerationStructure> bottom;
   AccelerationStructure top;
   std::vector<uint32_t> mesh_vertex_counts;
-  std::unique_ptr<Program> backward;  // loaded on first use
+  std::unique_ptr<Program> backward;   // loaded on first use
+  std::unique_ptr<Program> microwave;  // loaded on first use
 };
 
 }  // namespace vesk::vulkan
