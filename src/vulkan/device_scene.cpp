@@ -47,8 +47,8 @@ void build_barrier(const VulkanContext& c, VkCommandBuffer cb) {
                     VK_ACCESS_ACCELERATION_STRUCTURE_WRITE_BIT_KHR;
   c.fn().vkCmdPipelineBarrier(
       cb, VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR,
-      VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR | c.program_pipeline_stage(), 0, 1, &b,
-      0, nullptr, 0, nullptr);
+      VK_PIPELINE_STAGE_ACCELERATION_STRUCTURE_BUILD_BIT_KHR | c.program_pipeline_stage(),
+      0, 1, &b, 0, nullptr, 0, nullptr);
 }
 
 // Creates the structure for one geometry and records its build into cb.
@@ -181,7 +181,8 @@ Program::Program(const VulkanContext& context, const std::string& spv_path,
     ai.descriptorPool = pool_;
     ai.descriptorSetCount = 1;
     ai.pSetLayouts = &set_layout_;
-    check(fn.vkAllocateDescriptorSets(dev, &ai, &set_), label_("vkAllocateDescriptorSets").c_str());
+    check(fn.vkAllocateDescriptorSets(dev, &ai, &set_),
+          label_("vkAllocateDescriptorSets").c_str());
   } catch (...) {
     release_();
     throw;
@@ -224,8 +225,7 @@ void Program::create_compute_(const std::string& spv_path) {
 void Program::create_ray_pipeline_(const std::string& spv_path) {
   // backward.spv -> backward.rgen.spv; the hit and miss stages lie beside it.
   std::string rgen = spv_path;
-  if (rgen.size() >= 4 && rgen.compare(rgen.size() - 4, 4, ".spv") == 0)
-    rgen.resize(rgen.size() - 4);
+  if (rgen.size() >= 4 && rgen.compare(rgen.size() - 4, 4, ".spv") == 0) rgen.resize(rgen.size() - 4);
   rgen += ".rgen.spv";
   const size_t slash = spv_path.find_last_of('/');
   const std::string dir = slash == std::string::npos ? "" : spv_path.substr(0, slash + 1);
@@ -259,8 +259,8 @@ void Program::create_ray_pipeline_(const std::string& spv_path) {
   ci.maxPipelineRayRecursionDepth = 1;  // rays are cast from ray generation only
   ci.layout = layout_;
   const DeviceFunctions& fn = context_.fn();
-  check(fn.vkCreateRayTracingPipelinesKHR(context_.device(), VK_NULL_HANDLE, VK_NULL_HANDLE, 1, &ci,
-                                          nullptr, &pipeline_),
+  check(fn.vkCreateRayTracingPipelinesKHR(context_.device(), VK_NULL_HANDLE, VK_NULL_HANDLE, 1,
+                                          &ci, nullptr, &pipeline_),
         "vkCreateRayTracingPipelinesKHR");
 
   // The binding table: one record per group, each region starting on the base alignment.
@@ -272,14 +272,15 @@ void Program::create_ray_pipeline_(const std::string& spv_path) {
   const VkDeviceSize stride = round_up(handle, context_.group_handle_alignment());
   const VkDeviceSize region = round_up(stride, context_.group_base_alignment());
   const VkDeviceSize base_align = context_.group_base_alignment();
-  binding_table_ = Buffer(
-      context_, region * 3 + base_align,
-      VK_BUFFER_USAGE_SHADER_BINDING_TABLE_BIT_KHR | VK_BUFFER_USAGE_SHADER_DEVICE_ADDRESS_BIT,
-      HOST_SHARED, HOST_ONLY);
+  binding_table_ = Buffer(context_, region * 3 + base_align,
+                          VK_BUFFER_USAGE_SHADER_BINDING_TABLE_BIT_KHR |
+                              VK_BUFFER_USAGE_SHADER_DEVICE_ADDRESS_BIT,
+                          HOST_SHARED, HOST_ONLY);
   const VkDeviceAddress address = binding_table_.device_address();
   const VkDeviceAddress start = round_up(address, base_align);
   std::vector<uint8_t> table(size_t(region * 3), 0);
-  for (size_t g = 0; g < 3; ++g) std::memcpy(&table[g * region], &handles[g * handle], handle);
+  for (size_t g = 0; g < 3; ++g)
+    std::memcpy(&table[g * region], &handles[g * handle], handle);
   binding_table_.upload(table.data(), table.size(), start - address);
   raygen_region_ = {start, stride, stride};  // a ray generation region is one record
   miss_region_ = {start + region, stride, stride};
@@ -338,8 +339,7 @@ void Program::dispatch(VkCommandBuffer cb, uint32_t invocations, const void* pus
   if (push_bytes_) fn.vkCmdPushConstants(cb, layout_, stage_, 0, push_bytes_, push);
   if (bind_point_ == VK_PIPELINE_BIND_POINT_RAY_TRACING_KHR) {
     const VkStridedDeviceAddressRegionKHR none{};
-    fn.vkCmdTraceRaysKHR(cb, &raygen_region_, &miss_region_, &hit_region_, &none, invocations, 1,
-                         1);
+    fn.vkCmdTraceRaysKHR(cb, &raygen_region_, &miss_region_, &hit_region_, &none, invocations, 1, 1);
   } else {
     fn.vkCmdDispatch(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, 1);
   }
