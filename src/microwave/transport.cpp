@@ -13,6 +13,7 @@
 // the Fresnel reflectivity. H and V are those of each event's own plane of incidence: the
 // rotation of the polarisation basis between events is neglected, exact for a ray that
 // stays in one vertical plane (flat soil under any layer), approximate after trunks.
+// The scene is traced as built: repeated tiles (set_repetitive) are not followed.
 // Escaping rays see 0 K (the 2.7 K cosmic background is neglected) or, with an
 // atmosphere, one isothermal layer at air_temperature of slant optical depth
 // atm_tau / |cos|: downwelling T_a (1 - exp(-atm_tau / mu)) for rays leaving upwards, and
@@ -44,6 +45,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "core/memory_limit.h"
 #include "core/offset_origin.h"
 #include "core/rng.h"
 #include "core/sensor.h"
@@ -326,7 +328,8 @@ void validate_request(const MicrowaveRequest& q, const SensorData& sensor, size_
     fail(q.active ? "n_channels must be 1 (total) or 4 (HH, HV, VH, VV)"
                   : "n_channels must be 1 (total), 2 (H, V) or 4 (Stokes)");
   if (q.max_depth < 1) fail("max_depth must be at least 1");
-  if (q.response_table_size < 2) fail("response_table_size must be at least 2");
+  if (q.response_table_size < 2 || q.response_table_size > 65536)
+    fail("response_table_size must be at least 2 and at most 65536");
   if (q.spp < 1) fail("spp must be positive");
   if (!finite(q.atm_tau) || q.atm_tau < 0.0f) fail("atm_tau must be finite and not negative");
   if (!finite(q.air_temperature) || q.air_temperature < 0.0f)
@@ -349,6 +352,14 @@ void validate_request(const MicrowaveRequest& q, const SensorData& sensor, size_
   }
   for (size_t i = 0; i < size_t(q.trunk_count) * TRUNK_FIELDS; ++i)
     if (!finite(q.trunk_params[i])) fail("mw_trunk_params contains a non-finite value");
+  for (int32_t k = 0; k < q.trunk_count; ++k) {
+    const float* r = q.trunk_params + size_t(k) * TRUNK_FIELDS;
+    if (!(r[0] > 0.0f) || !(r[1] > 0.0f) || r[2] < 0.0f || r[3] < 0.0f ||
+        r[4] * r[4] + r[5] * r[5] + r[6] * r[6] < 1e-12f)
+      fail("mw_trunk_params row " + std::to_string(k) +
+           ": radius and length must be positive (m), moisture and temperature not negative, "
+           "and the axis non-zero");
+  }
   if (q.material_map_size < n_mats)
     fail("material_map has " + std::to_string(q.material_map_size) + " entries but the scene has " +
          std::to_string(n_mats) + " materials");
@@ -393,10 +404,28 @@ MicrowaveTables build_tables(const MicrowaveRequest& q) {
     append(t.smooth_soil,
            evaluate_soil_reflectivity(q.frequency, row.data(), cosines.data(), size_t(n), false));
   }
+  // A dielectric model may be undefined for a row (Dobson's at zero moisture divides by
+  // zero): refused here rather than rendered as NaN.
+  auto require_finite = [&](const std::vector<float>& table, size_t from, const char* what,
+                            int32_t row) {
+    for (size_t i = from; i < table.size(); ++i)
+      if (!finite(table[i]))
+        fail(std::string(what) + " row " + std::to_string(row) +
+             " gives non-finite responses at this frequency (is its dielectric model defined "
+             "there?)");
+  };
+  for (int32_t s = 0; s < q.soil_count; ++s) {
+    const size_t rows = size_t(n) * size_t(s);
+    require_finite(t.passive_soil, rows * 4, "mw_soil_params", s);
+    require_finite(t.active_soil, rows * 4, "mw_soil_params", s);
+    require_finite(t.smooth_soil, rows * 2, "mw_soil_params", s);
+  }
   for (int32_t k = 0; k < q.trunk_count; ++k) {
+    const size_t from = t.trunk_response.size();
     const std::vector<float> v = evaluate_trunk(
         q.frequency, q.trunk_params + size_t(k) * TRUNK_FIELDS, cosines.data(), size_t(n));
     t.trunk_response.insert(t.trunk_response.end(), v.begin(), v.end());
+    require_finite(t.trunk_response, from, "mw_trunk_params", k);
   }
   // The double bounce for a ground normal (0, 0, 1) and the plane of incidence at azimuth
   // 0, with the trunk axis as given in that frame: exact for vertical trunks on flat
@@ -416,7 +445,9 @@ MicrowaveTables build_tables(const MicrowaveRequest& q) {
         const std::vector<float> v = evaluate_trunk_ground(
             q.frequency, soils[size_t(s)].data(), q.trunk_params + size_t(k) * TRUNK_FIELDS,
             to_trunk.data(), to_ground.data(), normals.data(), size_t(n));
+        const size_t from = t.trunk_ground.size();
         t.trunk_ground.insert(t.trunk_ground.end(), v.begin(), v.end());
+        require_finite(t.trunk_ground, from, "mw_trunk_params", k);
       }
   }
   for (int32_t v = 0; v < q.veg_count; ++v) {
@@ -532,6 +563,10 @@ std::vector<float> simulate_microwave(const EmbreeSceneManager& scene, const Mic
         std::string(q.active ? "simulate_active_microwave_cpu" : "simulate_microwave_cpu") +
         ": scene not built. Call build() first.");
   validate_request(q, scene.sensor(), scene.materials().size());
+  check_request_memory(
+      std::string("a ") + std::to_string(scene.sensor().width) + " x " +
+          std::to_string(scene.sensor().height) + " microwave image",
+      double(scene.sensor().width) * double(scene.sensor().height) * double(q.n_channels) * 8.0);
   const MicrowaveTables tables = build_tables(q);
   const SensorData& sensor = scene.sensor();
   const int64_t pixels = int64_t(sensor.width) * int64_t(sensor.height);

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "core/memory_limit.h"
 #include "core/workers.h"
 #include "microwave/transport.h"
 #include "vulkan/device_scene.h"
@@ -142,6 +143,11 @@ std::vector<float> VulkanSceneManager::simulate_microwave(
     const microwave::MicrowaveRequest& q) const {
   if (!built_) throw std::runtime_error("Vulkan: build the scene before microwave transport");
   microwave::validate_request(q, sensor_, materials_.size());
+  // The rays twice (host vectors and device buffers), their pixels and results.
+  check_request_memory(
+      std::string("a ") + std::to_string(sensor_.width) + " x " + std::to_string(sensor_.height) +
+          " microwave image of " + std::to_string(q.active ? q.spp : 1) + " rays a pixel",
+      double(sensor_.width) * double(sensor_.height) * double(q.active ? q.spp : 1) * 4.0 * 30.0);
   const microwave::MicrowaveTables t = microwave::build_tables(q);
   const microwave::MicrowaveRays rays = microwave::primary_rays(sensor_, q);
   const std::vector<int32_t> map(q.material_map, q.material_map + q.material_map_size);

@@ -215,6 +215,12 @@ def test_table_messages_in_order(active):
     with pytest.raises(ValueError, match="n_channels must be 1"):
         run(s, FREQ, soil_row()[None], veg_row, params, np.array([0, 1, 2], np.int32),
             n_channels=3)
+    with pytest.raises(ValueError, match="mw_soil_params row 0 gives non-finite responses"):
+        run(s, FREQ, soil_row(model=1, mv=0.0)[None], veg_row, params, np.array([0, 1, 2], np.int32))
+    thin = params.copy()
+    thin[0, 0] = 0.0
+    with pytest.raises(ValueError, match="mw_trunk_params row 0: radius and length must be positive"):
+        run(s, FREQ, soil_row()[None], veg_row, thin, np.array([0, 1, 2], np.int32))
     unbuilt = vk.EmbreeSceneManager()
     with pytest.raises(RuntimeError, match="scene not built"):
         run(unbuilt, FREQ, soil_row()[None], veg_row, params, np.array([0, 1, 2], np.int32))
