@@ -224,3 +224,15 @@ def test_table_messages_in_order(active):
     unbuilt = vk.EmbreeSceneManager()
     with pytest.raises(RuntimeError, match="scene not built"):
         run(unbuilt, FREQ, soil_row()[None], veg_row, params, np.array([0, 1, 2], np.int32))
+
+
+def test_optical_medium_boundary_mapped_to_vegetation_is_the_same_volume():
+    theta = np.radians(30.0)
+    veg = np.array([[0.2, 0.1, 300.0]], F)
+    plain = make_scene(theta, slab_height=2.0)
+    medium = make_scene(theta, slab_height=2.0)
+    medium.set_optical_turbid_media([0.8], [0], [1], [0.05], [-1, 0, -1])
+    runs = [vk.simulate_microwave_cpu(s, FREQ, soil_row()[None], veg, None, MAP_SOIL_VEG)
+            for s in (plain, medium)]
+    np.testing.assert_array_equal(runs[0], runs[1])
+    assert (runs[0] > 200).all()
