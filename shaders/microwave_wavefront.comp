@@ -76,7 +76,8 @@ void stack_leave(int v) {
     }
 }
 
-// Linear interpolation in |cosine| of row `base` of a table with `cols` columns.
+// Position of a cosine on the tables' grid c_i = i / (size - 1); the lookups below
+// interpolate linearly between its two neighbouring rows.
 float table_x(float c) { return min(abs(c), 1.0) * float(pc.size - 1); }
 
 vec4 lookup4_passive_soil(int index, float c) {

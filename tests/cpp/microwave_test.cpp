@@ -1,8 +1,12 @@
 #include <cmath>
 #include <complex>
 
+#include "core/mesh_generators.h"
+#include "embree/scene_manager.h"
 #include "microwave/cylinder.h"
 #include "microwave/dielectric.h"
+#include "microwave/evaluators.h"
+#include "microwave/transport.h"
 #include "test_util.h"
 
 using namespace vesk::microwave;
@@ -35,7 +39,7 @@ TEST(Fresnel, LosslessDielectricMatchesTheClosedForms) {
 
 TEST(Dielectric, HallikainenFromTheTableByHand) {
   const float S = 40, C = 20, mv = 0.25f;  // sand 0.4, clay 0.2
-  auto poly = [&](const float (&c)[9]) {
+  auto poly = [&](const float(&c)[9]) {
     return (c[0] + c[1] * S + c[2] * C) + (c[3] + c[4] * S + c[5] * C) * mv +
            (c[6] + c[7] * S + c[8] * C) * mv * mv;
   };
@@ -47,8 +51,8 @@ TEST(Dielectric, HallikainenFromTheTableByHand) {
   EXPECT_NEAR(-e6.imag(), std::fmax(poly(im6), 0.0f), 1e-3f);
   // 1 GHz lies below the table and extrapolates the 1.4 - 4 GHz interval.
   const float re14[9] = {2.862f, -0.012f, 0.001f, 3.803f, 0.462f, -0.341f, 119.006f, -0.5f, 0.633f};
-  const float re4[9] = {2.927f, -0.012f, -0.001f, 5.505f, 0.371f, 0.062f, 114.826f, -0.389f,
-                        -0.547f};
+  const float re4[9] = {2.927f, -0.012f,  -0.001f, 5.505f, 0.371f,
+                        0.062f, 114.826f, -0.389f, -0.547f};
   const float t = (1.0f - 1.4f) / 2.6f;
   float re1[9];
   for (int j = 0; j < 9; ++j) re1[j] = re14[j] + t * (re4[j] - re14[j]);
@@ -58,7 +62,8 @@ TEST(Dielectric, HallikainenFromTheTableByHand) {
             mironov_permittivity(1.4e9f, 0.2f, 0.1f).real());
   EXPECT_GT(dobson_permittivity(1.4e9f, 0.4f, 0.2f, 0.3f, 293).real(),
             dobson_permittivity(1.4e9f, 0.4f, 0.2f, 0.1f, 293).real());
-  EXPECT_GT(wood_permittivity(1.4e9f, 0.8f, 293).real(), wood_permittivity(1.4e9f, 0.2f, 293).real());
+  EXPECT_GT(wood_permittivity(1.4e9f, 0.8f, 293).real(),
+            wood_permittivity(1.4e9f, 0.2f, 293).real());
 }
 
 TEST(Bessel, WronskianHoldsOnBothSidesOfTheAsymptoticSwitch) {
@@ -129,4 +134,53 @@ TEST(Cylinder, ThinLimitConvergenceEnergyAndSymmetry) {
   const AmplitudeMatrix side = cylinder_amplitude(1.4e9, 0.2, {10.0, 3.0}, 0.4, -0.4, 1.1);
   EXPECT_GT(std::abs(side[1][0]), 1e-6) << "oblique incidence couples the polarisations";
   EXPECT_LT(std::abs(side[1][0] + side[0][1]), 1e-9 * std::abs(side[1][0]));
+}
+
+// The transport without Python: a bare soil seen at nadir gives the evaluators' own
+// nadir row (the table's last, read exactly), whatever the thread count.
+TEST(MicrowaveTransport, NadirBareSoilIsTheEvaluatorsRowOnAnyThreadCount) {
+  vesk::embree::EmbreeSceneManager s;
+  const int32_t soil_mat = s.add_material(0, 0, nullptr, 0);
+  const vesk::backend::MeshGeometry g = vesk::make_ground_plane(20, 20, soil_mat, 50);
+  s.add_instance(s.add_mesh(g.vertices, g.normals, g.indices, g.material_id), 0.0f, 0.0f, 0.0f,
+                 1.0f);
+  vesk::SensorData cam;
+  cam.type = 0;
+  cam.width = 5;
+  cam.height = 3;
+  cam.ortho_width = cam.ortho_height = 4.0f;
+  const float m[16] = {1, 0, 0, 0.3f, 0, 1, 0, 0.2f, 0, 0, 1, 10, 0, 0, 0, 1};
+  for (int i = 0; i < 16; ++i) cam.camera_to_world[i] = m[i];
+  s.set_sensor(cam, false);
+  s.build();
+  const float soil[12] = {0.3f, 0.2f, 0.25f, 0, 1, 1.5f, 0, 295, 290, 1, 0.02f, 0};
+  const int32_t map[1] = {0};
+  MicrowaveRequest q;
+  q.frequency = 1.4e9f;
+  q.soil_params = soil;
+  q.soil_count = 1;
+  q.soil_columns = 12;
+  q.material_map = map;
+  q.material_map_size = 1;
+  const float nadir = 1.0f;
+  for (const bool active : {false, true}) {
+    q.active = active;
+    q.n_channels = active ? 4 : 2;
+    const std::vector<float> row = evaluate_soil(q.frequency, soil, &nadir, 1, active);
+    q.threads = 1;
+    const std::vector<float> one = simulate_microwave(s, q);
+    q.threads = 2;
+    const std::vector<float> two = simulate_microwave(s, q);
+    ASSERT_EQ(one.size(), size_t(15 * q.n_channels));
+    EXPECT_EQ(one, two) << "results depend on the thread count";
+    for (size_t px = 0; px < 15; ++px)
+      for (int k = 0; k < q.n_channels; ++k)
+        EXPECT_NEAR(one[px * size_t(q.n_channels) + size_t(k)], row[size_t(k)],
+                    1e-5f * std::fabs(row[size_t(k)]))
+            << (active ? "sigma0 " : "Tb ") << k;
+  }
+  const MicrowaveTables t = build_tables(q);
+  EXPECT_EQ(t.passive_soil.size(), size_t(256 * 4));
+  EXPECT_EQ(t.lut_info[0], MW_SOIL);
+  EXPECT_EQ(t.lut_info[1], -1) << "a soil carries no Mueller table";
 }
