@@ -39,7 +39,7 @@ TEST(Fresnel, LosslessDielectricMatchesTheClosedForms) {
 
 TEST(Dielectric, HallikainenFromTheTableByHand) {
   const float S = 40, C = 20, mv = 0.25f;  // sand 0.4, clay 0.2
-  auto poly = [&](const float(&c)[9]) {
+  auto poly = [&](const float (&c)[9]) {
     return (c[0] + c[1] * S + c[2] * C) + (c[3] + c[4] * S + c[5] * C) * mv +
            (c[6] + c[7] * S + c[8] * C) * mv * mv;
   };
@@ -51,8 +51,8 @@ TEST(Dielectric, HallikainenFromTheTableByHand) {
   EXPECT_NEAR(-e6.imag(), std::fmax(poly(im6), 0.0f), 1e-3f);
   // 1 GHz lies below the table and extrapolates the 1.4 - 4 GHz interval.
   const float re14[9] = {2.862f, -0.012f, 0.001f, 3.803f, 0.462f, -0.341f, 119.006f, -0.5f, 0.633f};
-  const float re4[9] = {2.927f, -0.012f,  -0.001f, 5.505f, 0.371f,
-                        0.062f, 114.826f, -0.389f, -0.547f};
+  const float re4[9] = {2.927f, -0.012f, -0.001f, 5.505f, 0.371f, 0.062f, 114.826f, -0.389f,
+                        -0.547f};
   const float t = (1.0f - 1.4f) / 2.6f;
   float re1[9];
   for (int j = 0; j < 9; ++j) re1[j] = re14[j] + t * (re4[j] - re14[j]);
@@ -62,8 +62,7 @@ TEST(Dielectric, HallikainenFromTheTableByHand) {
             mironov_permittivity(1.4e9f, 0.2f, 0.1f).real());
   EXPECT_GT(dobson_permittivity(1.4e9f, 0.4f, 0.2f, 0.3f, 293).real(),
             dobson_permittivity(1.4e9f, 0.4f, 0.2f, 0.1f, 293).real());
-  EXPECT_GT(wood_permittivity(1.4e9f, 0.8f, 293).real(),
-            wood_permittivity(1.4e9f, 0.2f, 293).real());
+  EXPECT_GT(wood_permittivity(1.4e9f, 0.8f, 293).real(), wood_permittivity(1.4e9f, 0.2f, 293).real());
 }
 
 TEST(Bessel, WronskianHoldsOnBothSidesOfTheAsymptoticSwitch) {
