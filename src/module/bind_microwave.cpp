@@ -1,9 +1,9 @@
 // The microwave response evaluators (private entries that fill the transport tables).
-#include <pybind11/complex.h>
-
 #include "microwave/cylinder.h"
 #include "microwave/evaluators.h"
 #include "module/bind_common.h"
+
+#include <pybind11/complex.h>
 
 namespace vesk::module {
 namespace {
@@ -56,7 +56,8 @@ void bind_microwave(py::module_& m) {
         return table(microwave::evaluate_soil_reflectivity(frequency, p, c, n, allow_hallikainen),
                      n, 2);
       },
-      py::arg("frequency"), py::arg("parameters"), py::arg("cosines"), py::arg("allow_hallikainen"),
+      py::arg("frequency"), py::arg("parameters"), py::arg("cosines"),
+      py::arg("allow_hallikainen"),
       "Smooth-soil Fresnel reflectivity per cosine: (n, 2) H and V.");
   m.def(
       "_evaluate_microwave_trunk",
