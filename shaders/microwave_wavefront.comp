@@ -45,6 +45,7 @@ layout(push_constant) uniform Push {
   int active_mode, max_depth, size;
   int soil_count, veg_count, trunk_count;
   float air_temperature, atmosphere_tau;
+  int n_materials;  // the scene's optical materials: ids past them have no response
 } pc;
 
 const int MAX_CROSSINGS = 4096;
@@ -173,7 +174,7 @@ Event next_event(inout vec3 o, vec3 d) {
     if (!h.hit) return e;
     int v = stack_top();
     if (v >= 0) segment(v, h.t);
-    int m = h.material_id >= 0 && h.material_id < material_map.length() ? material_map[h.material_id] : -1;
+    int m = h.material_id >= 0 && h.material_id < pc.n_materials ? material_map[h.material_id] : -1;
     if (m >= 0 && m < soils) {
       e.kind = SOIL, e.index = m, e.position = h.position, e.normal = h.geometric_normal;
       return e;

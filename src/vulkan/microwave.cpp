@@ -20,6 +20,7 @@ struct MicrowavePush {
   int32_t active, max_depth, size;
   int32_t soil_count, veg_count, trunk_count;
   float air_temperature, atmosphere_tau;
+  int32_t n_materials;
 };
 
 // Whether [offset, offset + extent) lies inside a table of `size` values.
@@ -125,9 +126,10 @@ std::vector<float> VulkanSceneManager::run_microwave_wavefront(
                            &b_info,    &b_mueller,    &b_cdfs,  &b_out};
   for (uint32_t i = 0; i < 14; ++i) prog.bind(6 + i, *bound[i]);
 
-  const MicrowavePush push{uint32_t(rays),      active_mode ? 1 : 0, max_depth,
-                           response_table_size, soil_count,          vegetation_count,
-                           trunk_count,         air_temperature,     atmosphere_tau};
+  const MicrowavePush push{
+      uint32_t(rays), active_mode ? 1 : 0,       max_depth,   response_table_size,
+      soil_count,     vegetation_count,          trunk_count, air_temperature,
+      atmosphere_tau, int32_t(materials_.size())};
   // Groups of WORKGROUP invocations, at most 65535 along x and the rest along y.
   const uint64_t groups = (uint64_t(rays) + WORKGROUP - 1) / WORKGROUP;
   const uint32_t gx = uint32_t(std::min<uint64_t>(groups, 65535));
