@@ -416,6 +416,16 @@ class VulkanSceneManager:
         """
     def repetitive_config(self: VulkanSceneManager) -> tuple:
         """(num_repetitions, scene_x_size, scene_y_size)"""
+    def run_microwave_wavefront(self: VulkanSceneManager, active_mode: bool, max_depth: int, air_temperature: float, atmosphere_tau: float, soil_count: int, vegetation_count: int, trunk_count: int, response_table_size: int, origins: numpy.typing.NDArray[numpy.float32], directions: numpy.typing.NDArray[numpy.float32], material_map: numpy.typing.NDArray[numpy.int32], passive_soil_table: numpy.typing.NDArray[numpy.float32], active_soil_table: numpy.typing.NDArray[numpy.float32], smooth_soil_table: numpy.typing.NDArray[numpy.float32], vegetation_parameters: numpy.typing.NDArray[numpy.float32], trunk_response_table: numpy.typing.NDArray[numpy.float32], trunk_dihedral_scattering: numpy.typing.NDArray[numpy.float32], dihedral_ground_table: numpy.typing.NDArray[numpy.float32], lut_info: numpy.typing.NDArray[numpy.int32], mueller_lut: numpy.typing.NDArray[numpy.float32], cosine_cdf: numpy.typing.NDArray[numpy.float32], azimuth_cdf: numpy.typing.NDArray[numpy.float32]) -> numpy.typing.NDArray[numpy.float32]:
+        """The device program of the microwave images on flat arrays: 4 floats a ray in origins
+        and directions (x, y, z, unused); returns 4 floats a ray, (T_H, T_V, 0, 0) in K or,
+        when active_mode, sigma0 (HH, HV, VH, VV). Tables as the CPU form builds them:
+        soil [soil, size, 4|4|2], vegetation_parameters [veg, 4] (kappa_e 1/m, omega,
+        temperature K, has a Mueller table), trunk_response_table [trunk, size, 4],
+        trunk_dihedral_scattering the trunks' specular Mueller tables, dihedral_ground_table
+        [soil, trunk, size, 2], lut_info 9 ints per material (type, Mueller offset, n_cti,
+        n_cts, n_dphi, cosine CDF offset, azimuth CDF offset, specular offset, n_specular).
+        """
     def sensor_config(self: VulkanSceneManager) -> dict:
         """The sensor record: 'type', 'width', 'height', 'ortho_width', 'ortho_height', 'fov'
         (radians), 'projection_type' and 'camera_to_world' (16 floats, row-major).
@@ -480,6 +490,30 @@ class VulkanSceneManager:
         """Uniform sky radiance, n_bands floats at spectral_offset; clears the other skies."""
     def set_thermal_mode(self: VulkanSceneManager, enabled: bool, wavelengths: list[float]) -> None:
         """Switch thermal emission on or off; wavelengths: band centres in nm, one per band."""
+    def simulate_active_microwave(self: VulkanSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., spp: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:
+        """Active microwave image: linear sigma0 per unit horizontal area, float32
+        [height, width, n_channels]; n_channels 4: HH, HV, VH, VV (Sinclair matrix
+        powers), 1: (HH + VV) / 2. Single bounce: soil surface scattering, first-order
+        vegetation volume backscatter, the trunk-ground double bounce, two-way canopy
+        attenuation; spp jittered rays per pixel (PCG32 per pixel and sample).
+        mw_soil_params: float32 [n_soil, >= 10], the soil fields of the evaluators (sand,
+        clay, mv, h, nV, nH, Q, T_surface K, T_deep K, dielectric model, rms height m);
+        mw_veg_params: float32 [n_veg, >= 3]: 0 extinction coefficient kappa_e (1/m), 1
+        single-scattering albedo omega, 2 physical temperature (K); later columns are not read.
+        A vegetation material's surfaces bound a volume: a front face enters, a back face
+        leaves (optical turbid media whose boundary material maps to vegetation likewise).
+        mw_trunk_params: float32 [n_trunk, 7] radius m, length m, moisture, temperature K, axis.
+        material_map: int32 per optical material: soil rows first, then vegetation, then
+        trunks, as one list; -1 means no microwave response (the surface is crossed).
+        mw_veg_mueller_luts: None or one entry per vegetation material, None or
+        (mueller (cti, cts, dphi, 4, 4) per unit volume 1/(m sr) in (I_v, I_h, U, V), cos_cdf
+        (cti*cts), azimuth_cdf (cti*cts*dphi)); bins uniform in the z cosine over [-1, 1] and
+        in azimuth difference over [0, 2 pi). mw_trunk_mueller_luts: the same per trunk, with
+        an optional 4th item specular_mueller (n_cos, 4, 4); None selects the Fresnel fallback.
+        Tables are evaluated at response_table_size cosines and interpolated linearly.
+
+        On the device (microwave_wavefront.spv, one invocation per ray) with the CPU form's rays, tables and arithmetic; threads is not read.
+        """
     def simulate_backward(self: VulkanSceneManager, spp: int = ..., max_depth: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., outputs: object = ..., max_output_order: int = ...) -> dict:
         """Render the sensor image by backward path tracing on the device: the path of
         simulate_cpu (same seeds and draws, sun next-event estimation through repeated
@@ -487,6 +521,32 @@ class VulkanSceneManager:
         64 bits. Scenes with optical turbid media are refused. Arguments and the returned
         dict as simulate_cpu's; '_execution' names the trace path, as
         'vulkan.ray_query.optical_backward' or 'vulkan.ray_pipeline.optical_backward'.
+        """
+    def simulate_microwave(self: VulkanSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., include_atmosphere: bool = ..., atm_tau: float = ..., air_temperature: float = ..., max_depth: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:
+        """Passive microwave image: brightness temperature (K), float32 [height, width,
+        n_channels], one ray through each pixel centre. n_channels 1: (T_H + T_V) / 2;
+        2: T_H, T_V; 4: Stokes I = T_V + T_H, Q = T_V - T_H, U = V = 0. Vegetation
+        is a tau-omega medium; soil and trunks emit and reflect specularly (up to
+        max_depth surface events); escaping rays see 0 K or, with include_atmosphere
+        and atm_tau > 0, an isothermal layer at air_temperature (K), also between the
+        scene and the sensor. frequency in Hz.
+        mw_soil_params: float32 [n_soil, >= 10], the soil fields of the evaluators (sand,
+        clay, mv, h, nV, nH, Q, T_surface K, T_deep K, dielectric model, rms height m);
+        mw_veg_params: float32 [n_veg, >= 3]: 0 extinction coefficient kappa_e (1/m), 1
+        single-scattering albedo omega, 2 physical temperature (K); later columns are not read.
+        A vegetation material's surfaces bound a volume: a front face enters, a back face
+        leaves (optical turbid media whose boundary material maps to vegetation likewise).
+        mw_trunk_params: float32 [n_trunk, 7] radius m, length m, moisture, temperature K, axis.
+        material_map: int32 per optical material: soil rows first, then vegetation, then
+        trunks, as one list; -1 means no microwave response (the surface is crossed).
+        mw_veg_mueller_luts: None or one entry per vegetation material, None or
+        (mueller (cti, cts, dphi, 4, 4) per unit volume 1/(m sr) in (I_v, I_h, U, V), cos_cdf
+        (cti*cts), azimuth_cdf (cti*cts*dphi)); bins uniform in the z cosine over [-1, 1] and
+        in azimuth difference over [0, 2 pi). mw_trunk_mueller_luts: the same per trunk, with
+        an optional 4th item specular_mueller (n_cos, 4, 4); None selects the Fresnel fallback.
+        Tables are evaluated at response_table_size cosines and interpolated linearly.
+
+        On the device (microwave_wavefront.spv, one invocation per ray) with the CPU form's rays, tables and arithmetic; threads is not read.
         """
     def thermal_mode(self: VulkanSceneManager) -> bool:
         ...
@@ -626,6 +686,8 @@ def _microwave_cylinder_amplitude(frequency: float, radius: float, permittivity:
     """Diagnostic: the infinite-cylinder amplitude matrix [[T1, T4], [T3, T2]] (complex128)
     acting on (E_par, E_perp), as the trunk-ground evaluator uses it.
     """
+
+_mw_veg_lut_dims: tuple
 
 def _preflight_turbid_sampling_embree(scene: EmbreeSceneManager, request: dict) -> dict:
     """Checks a domain request without sampling: every owner's closed boundary,
@@ -913,6 +975,29 @@ def run_energy_balance_multiband_cpu(scene: EmbreeSceneManager, n_bands: int, n_
     stream, so results are the same for any thread count.
     """
 
+def simulate_active_microwave_cpu(scene: EmbreeSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., spp: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:
+    """Active microwave image: linear sigma0 per unit horizontal area, float32
+    [height, width, n_channels]; n_channels 4: HH, HV, VH, VV (Sinclair matrix
+    powers), 1: (HH + VV) / 2. Single bounce: soil surface scattering, first-order
+    vegetation volume backscatter, the trunk-ground double bounce, two-way canopy
+    attenuation; spp jittered rays per pixel (PCG32 per pixel and sample).
+    mw_soil_params: float32 [n_soil, >= 10], the soil fields of the evaluators (sand,
+    clay, mv, h, nV, nH, Q, T_surface K, T_deep K, dielectric model, rms height m);
+    mw_veg_params: float32 [n_veg, >= 3]: 0 extinction coefficient kappa_e (1/m), 1
+    single-scattering albedo omega, 2 physical temperature (K); later columns are not read.
+    A vegetation material's surfaces bound a volume: a front face enters, a back face
+    leaves (optical turbid media whose boundary material maps to vegetation likewise).
+    mw_trunk_params: float32 [n_trunk, 7] radius m, length m, moisture, temperature K, axis.
+    material_map: int32 per optical material: soil rows first, then vegetation, then
+    trunks, as one list; -1 means no microwave response (the surface is crossed).
+    mw_veg_mueller_luts: None or one entry per vegetation material, None or
+    (mueller (cti, cts, dphi, 4, 4) per unit volume 1/(m sr) in (I_v, I_h, U, V), cos_cdf
+    (cti*cts), azimuth_cdf (cti*cts*dphi)); bins uniform in the z cosine over [-1, 1] and
+    in azimuth difference over [0, 2 pi). mw_trunk_mueller_luts: the same per trunk, with
+    an optional 4th item specular_mueller (n_cos, 4, 4); None selects the Fresnel fallback.
+    Tables are evaluated at response_table_size cosines and interpolated linearly.
+    """
+
 def simulate_brf_cpu(scene: EmbreeSceneManager, directions: numpy.typing.NDArray[numpy.float32], num_photons: int, max_depth: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., first_photon: int = ...) -> dict:
     """Bidirectional reflectance factor of the scene under the sun, by forward photons with
     the local (next-event) estimate of simulate_forward_cpu, unbiased for any surface.
@@ -1023,6 +1108,31 @@ def simulate_lidar_cpu(scene: EmbreeSceneManager, pulse_origins: numpy.typing.ND
     direct mode), 'points' (num_returns, 8) float32 records: x, y, z, intensity, return
     number, returns of the pulse, range m, pulse index (in pulse order in waveform mode,
     by worker in direct mode), 'num_bins', 'num_returns' and '_execution'.
+    """
+
+def simulate_microwave_cpu(scene: EmbreeSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., include_atmosphere: bool = ..., atm_tau: float = ..., air_temperature: float = ..., max_depth: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:
+    """Passive microwave image: brightness temperature (K), float32 [height, width,
+    n_channels], one ray through each pixel centre. n_channels 1: (T_H + T_V) / 2;
+    2: T_H, T_V; 4: Stokes I = T_V + T_H, Q = T_V - T_H, U = V = 0. Vegetation
+    is a tau-omega medium; soil and trunks emit and reflect specularly (up to
+    max_depth surface events); escaping rays see 0 K or, with include_atmosphere
+    and atm_tau > 0, an isothermal layer at air_temperature (K), also between the
+    scene and the sensor. frequency in Hz.
+    mw_soil_params: float32 [n_soil, >= 10], the soil fields of the evaluators (sand,
+    clay, mv, h, nV, nH, Q, T_surface K, T_deep K, dielectric model, rms height m);
+    mw_veg_params: float32 [n_veg, >= 3]: 0 extinction coefficient kappa_e (1/m), 1
+    single-scattering albedo omega, 2 physical temperature (K); later columns are not read.
+    A vegetation material's surfaces bound a volume: a front face enters, a back face
+    leaves (optical turbid media whose boundary material maps to vegetation likewise).
+    mw_trunk_params: float32 [n_trunk, 7] radius m, length m, moisture, temperature K, axis.
+    material_map: int32 per optical material: soil rows first, then vegetation, then
+    trunks, as one list; -1 means no microwave response (the surface is crossed).
+    mw_veg_mueller_luts: None or one entry per vegetation material, None or
+    (mueller (cti, cts, dphi, 4, 4) per unit volume 1/(m sr) in (I_v, I_h, U, V), cos_cdf
+    (cti*cts), azimuth_cdf (cti*cts*dphi)); bins uniform in the z cosine over [-1, 1] and
+    in azimuth difference over [0, 2 pi). mw_trunk_mueller_luts: the same per trunk, with
+    an optional 4th item specular_mueller (n_cos, 4, 4); None selects the Fresnel fallback.
+    Tables are evaluated at response_table_size cosines and interpolated linearly.
     """
 
 def solve_physiology_cpu(scene: EmbreeSceneManager, request: dict) -> dict:

@@ -131,6 +131,8 @@ def make_stubs(module):
             out.append("\n".join(callable_stubs(name, obj)) + "\n")
         elif isinstance(obj, (bool, int, float, str)):
             out.append(f"{name}: {type(obj).__name__}\n")
+        elif isinstance(obj, tuple):
+            out.append(f"{name}: tuple\n")
     out.append("__version__: str\n")
     return "\n".join(out)
 

@@ -12,6 +12,8 @@ this package helps set them up and read what they return:
   results        save_image (tone-mapped PNG), save_figure, to_xarray (labelled
                  Datasets, with .to_netcdf()), flux_extent
   LiDAR          write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
+  microwave      microwave_tables (soil, vegetation and trunk inputs from moisture,
+                 texture and canopy water content), vesk.microwave for the pieces
 
 Conventions: +z up, metres, nanometres, kelvin; azimuths are compass bearings
 (0 = north = +y, 90 = east = +x); image row 0 is the bottom of the picture.
@@ -25,6 +27,7 @@ from vesk.image import save_figure, save_image, tone_map
 from vesk.labels import flux_extent, to_xarray
 from vesk.las import write_las
 from vesk.mesh import Tree, load_mesh, make_tree
+from vesk.microwave import MicrowaveTables, microwave_tables
 from vesk.physiology import leaf_request, sif_emission, sif_emission_shape
 from vesk.progress import progress_bar
 from vesk.scan import airborne_line_scan, terrestrial_scan
@@ -36,4 +39,5 @@ __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_
            "principal_plane", "view_direction", "load_mesh", "make_tree", "Tree",
            "save_image", "save_figure", "tone_map", "leaf_request", "sif_emission",
            "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
-           "write_las", "airborne_line_scan", "terrestrial_scan"]
+           "write_las", "airborne_line_scan", "terrestrial_scan", "microwave_tables",
+           "MicrowaveTables"]

@@ -5,7 +5,8 @@
 #   devices.json   list_vulkan_devices()
 #   build.log      configure and build
 #   tests-<path>.log  the C++ and Python Vulkan suites on that path
-#   bench.jsonl    bench/bench_vulkan.py (both paths and the CPU, same run)
+#   bench.jsonl    bench/bench_vulkan.py (both paths and the CPU, same run), then
+#                  bench/bench_microwave_transport.py (likewise)
 #   machine.txt    CPU, driver and GPU facts
 #
 #   bash scripts/gpu/build-and-test.sh [carried folder] [results folder]
@@ -57,10 +58,12 @@ for path in query pipeline; do
   if [ "$has" != 1 ]; then echo "no $path path on this device" >"$results/tests-$path.log"; continue; fi
   {
     VESK_VULKAN_TRACE=$path "$build/vesk_tests" --gtest_brief=1 --gtest_filter='Vulkan*'
-    VESK_VULKAN_TRACE=$path "$py" -m pytest -q -p no:cacheprovider tests/python/test_vulkan.py
+    VESK_VULKAN_TRACE=$path "$py" -m pytest -q -p no:cacheprovider tests/python/test_vulkan.py \
+      tests/python/test_vulkan_microwave.py
   } >"$results/tests-$path.log" 2>&1 || status=1
   tail -1 "$results/tests-$path.log"
 done
 (cd bench && "$py" bench_vulkan.py --build "../$build" "${@:3}") >"$results/bench.jsonl" 2>&1 || status=1
+(cd bench && "$py" bench_microwave_transport.py --build "../$build") >>"$results/bench.jsonl" 2>&1 || status=1
 cat "$results/bench.jsonl"
 exit $status

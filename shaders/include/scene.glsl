@@ -11,10 +11,13 @@
 #ifdef VESK_RAY_PIPELINE
 #extension GL_EXT_ray_tracing : require
 #define INVOCATION_ID gl_LaunchIDEXT.x
+#define GRID_INVOCATION_ID (gl_LaunchIDEXT.y * gl_LaunchSizeEXT.x + gl_LaunchIDEXT.x)
 #else
 #extension GL_EXT_ray_query : require
 layout(local_size_x = 64) in;
 #define INVOCATION_ID gl_GlobalInvocationID.x
+// Invocations of a two-dimensional dispatch (Program::dispatch_grid), row by row.
+#define GRID_INVOCATION_ID (gl_GlobalInvocationID.y * gl_NumWorkGroups.x * 64u + gl_GlobalInvocationID.x)
 #endif
 #include "trace_payload.glsl"
 

@@ -78,6 +78,7 @@ void bind_forward(py::module_& m);
 void bind_processes(py::module_& m);
 void bind_photosynthesis_static(py::module_& m);
 void bind_lidar(py::module_& m);
+void bind_microwave_transport(py::module_& m);
 void bind_turbid(py::module_& m);
 void bind_energy_balance_transport(py::module_& m);
 void bind_energy_balance_processes(py::module_& m);

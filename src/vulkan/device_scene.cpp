@@ -126,8 +126,12 @@ Buffer storage_buffer(const VulkanContext& context, size_t bytes, unsigned extra
 // ---- programs ----
 
 Program::Program(const VulkanContext& context, const std::string& spv_path,
-                 std::vector<VkDescriptorType> bindings, uint32_t push_bytes)
-    : context_(context), push_bytes_(push_bytes), types_(std::move(bindings)) {
+                 std::vector<VkDescriptorType> bindings, uint32_t push_bytes,
+                 const std::string& purpose)
+    : context_(context),
+      push_bytes_(push_bytes),
+      types_(std::move(bindings)),
+      suffix_(purpose.empty() ? "" : "(" + purpose + ")") {
   const DeviceFunctions& fn = context.fn();
   const VkDevice dev = context.device();
   const bool pipeline = context.trace_path() == TracePath::RayPipeline;
@@ -148,7 +152,7 @@ Program::Program(const VulkanContext& context, const std::string& spv_path,
     li.bindingCount = uint32_t(b.size());
     li.pBindings = b.data();
     check(fn.vkCreateDescriptorSetLayout(dev, &li, nullptr, &set_layout_),
-          "vkCreateDescriptorSetLayout");
+          label_("vkCreateDescriptorSetLayout").c_str());
     VkPushConstantRange pr{stage_, 0, push_bytes};
     VkPipelineLayoutCreateInfo pli{};
     pli.sType = VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO;
@@ -156,7 +160,8 @@ Program::Program(const VulkanContext& context, const std::string& spv_path,
     pli.pSetLayouts = &set_layout_;
     pli.pushConstantRangeCount = push_bytes ? 1 : 0;
     pli.pPushConstantRanges = &pr;
-    check(fn.vkCreatePipelineLayout(dev, &pli, nullptr, &layout_), "vkCreatePipelineLayout");
+    check(fn.vkCreatePipelineLayout(dev, &pli, nullptr, &layout_),
+          label_("vkCreatePipelineLayout").c_str());
     if (pipeline)
       create_ray_pipeline_(spv_path);
     else
@@ -166,13 +171,15 @@ Program::Program(const VulkanContext& context, const std::string& spv_path,
     poi.maxSets = 1;
     poi.poolSizeCount = uint32_t(sizes.size());
     poi.pPoolSizes = sizes.data();
-    check(fn.vkCreateDescriptorPool(dev, &poi, nullptr, &pool_), "vkCreateDescriptorPool");
+    check(fn.vkCreateDescriptorPool(dev, &poi, nullptr, &pool_),
+          label_("vkCreateDescriptorPool").c_str());
     VkDescriptorSetAllocateInfo ai{};
     ai.sType = VK_STRUCTURE_TYPE_DESCRIPTOR_SET_ALLOCATE_INFO;
     ai.descriptorPool = pool_;
     ai.descriptorSetCount = 1;
     ai.pSetLayouts = &set_layout_;
-    check(fn.vkAllocateDescriptorSets(dev, &ai, &set_), "vkAllocateDescriptorSets");
+    check(fn.vkAllocateDescriptorSets(dev, &ai, &set_),
+          label_("vkAllocateDescriptorSets").c_str());
   } catch (...) {
     release_();
     throw;
@@ -332,6 +339,21 @@ void Program::dispatch(VkCommandBuffer cb, uint32_t invocations, const void* pus
     fn.vkCmdTraceRaysKHR(cb, &raygen_region_, &miss_region_, &hit_region_, &none, invocations, 1, 1);
   } else {
     fn.vkCmdDispatch(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, 1);
+  }
+}
+
+void Program::dispatch_grid(VkCommandBuffer cb, uint32_t groups_x, uint32_t groups_y,
+                            const void* push) const {
+  const DeviceFunctions& fn = context_.fn();
+  fn.vkCmdBindPipeline(cb, bind_point_, pipeline_);
+  fn.vkCmdBindDescriptorSets(cb, bind_point_, layout_, 0, 1, &set_, 0, nullptr);
+  if (push_bytes_) fn.vkCmdPushConstants(cb, layout_, stage_, 0, push_bytes_, push);
+  if (bind_point_ == VK_PIPELINE_BIND_POINT_RAY_TRACING_KHR) {
+    const VkStridedDeviceAddressRegionKHR none{};
+    fn.vkCmdTraceRaysKHR(cb, &raygen_region_, &miss_region_, &hit_region_, &none,
+                         groups_x * WORKGROUP, groups_y, 1);
+  } else {
+    fn.vkCmdDispatch(cb, groups_x, groups_y, 1);
   }
 }
 

@@ -26,8 +26,11 @@ std::string resolve_program(const std::string& name, const std::string& dir);
 // invocations.
 class Program {
  public:
+  // purpose, when given, labels the descriptor and pipeline calls' failures, as in
+  // "vkCreateDescriptorPool(microwave)".
   Program(const VulkanContext& context, const std::string& spv_path,
-          std::vector<VkDescriptorType> bindings, uint32_t push_bytes);
+          std::vector<VkDescriptorType> bindings, uint32_t push_bytes,
+          const std::string& purpose = "");
   ~Program();
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
@@ -35,11 +38,18 @@ class Program {
   void bind(uint32_t binding, const Buffer& buffer);
   void bind(uint32_t binding, VkAccelerationStructureKHR tlas);
   void dispatch(VkCommandBuffer cb, uint32_t invocations, const void* push) const;
+  // groups_x * groups_y workgroups of WORKGROUP (compute), or a launch of the same
+  // total, WORKGROUP * groups_x wide and groups_y high (pipeline); programs number their
+  // invocations with GRID_INVOCATION_ID.
+  void dispatch_grid(VkCommandBuffer cb, uint32_t groups_x, uint32_t groups_y,
+                     const void* push) const;
 
  private:
   const VulkanContext& context_;
   uint32_t push_bytes_;
   std::vector<VkDescriptorType> types_;
+  std::string suffix_;  // "(purpose)" or empty
+  std::string label_(const char* call) const { return call + suffix_; }
   void create_compute_(const std::string& spv_path);
   void release_();
   void create_ray_pipeline_(const std::string& spv_path);
@@ -91,7 +101,8 @@ struct VulkanSceneManager::Device {
   std::vector<AccelerationStructure> bottom;
   AccelerationStructure top;
   std::vector<uint32_t> mesh_vertex_counts;
-  std::unique_ptr<Program> backward;  // loaded on first use
+  std::unique_ptr<Program> backward;   // loaded on first use
+  std::unique_ptr<Program> microwave;  // loaded on first use
 };
 
 }  // namespace vesk::vulkan

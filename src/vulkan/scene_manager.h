@@ -14,6 +14,10 @@
 #include "core/types.h"
 #include "scene/scene_model.h"
 
+namespace vesk::microwave {
+struct MicrowaveRequest;
+}
+
 namespace vesk::vulkan {
 
 class VulkanContext;
@@ -74,6 +78,26 @@ class VulkanSceneManager : public scene::SceneModel {
   backend::OpticalProductResult simulate_backward(int spp, int max_depth,
                                                   const ProgressFn& progress,
                                                   const backend::OpticalProductRequest& request);
+
+  // Microwave transport, one invocation per ray (4-float records): per ray (T_H, T_V, 0, 0)
+  // in kelvin, or sigma0 (HH, HV, VH, VV) when active_mode. The tables are those of
+  // microwave::MicrowaveTables; trunk_dihedral_scattering holds the trunks' specular
+  // Mueller tables and dihedral_ground_table the trunk-ground double bounce.
+  std::vector<float> run_microwave_wavefront(
+      bool active_mode, int max_depth, float air_temperature, float atmosphere_tau, int soil_count,
+      int vegetation_count, int trunk_count, int response_table_size,
+      const std::vector<float>& origins, const std::vector<float>& directions,
+      const std::vector<int32_t>& material_map, const std::vector<float>& passive_soil_table,
+      const std::vector<float>& active_soil_table, const std::vector<float>& smooth_soil_table,
+      const std::vector<float>& vegetation_parameters,
+      const std::vector<float>& trunk_response_table,
+      const std::vector<float>& trunk_dihedral_scattering,
+      const std::vector<float>& dihedral_ground_table, const std::vector<int32_t>& lut_info,
+      const std::vector<float>& mueller_lut, const std::vector<float>& cosine_cdf,
+      const std::vector<float>& azimuth_cdf) const;
+  // The image of simulate_microwave_cpu / simulate_active_microwave_cpu on the device:
+  // [height][width][n_channels].
+  std::vector<float> simulate_microwave(const microwave::MicrowaveRequest& q) const;
 
   struct Device;  // buffers, structures and programs, kept out of this header
 

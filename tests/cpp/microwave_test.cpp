@@ -1,8 +1,12 @@
 #include <cmath>
 #include <complex>
 
+#include "core/mesh_generators.h"
+#include "embree/scene_manager.h"
 #include "microwave/cylinder.h"
 #include "microwave/dielectric.h"
+#include "microwave/evaluators.h"
+#include "microwave/transport.h"
 #include "test_util.h"
 
 using namespace vesk::microwave;
@@ -129,4 +133,53 @@ TEST(Cylinder, ThinLimitConvergenceEnergyAndSymmetry) {
   const AmplitudeMatrix side = cylinder_amplitude(1.4e9, 0.2, {10.0, 3.0}, 0.4, -0.4, 1.1);
   EXPECT_GT(std::abs(side[1][0]), 1e-6) << "oblique incidence couples the polarisations";
   EXPECT_LT(std::abs(side[1][0] + side[0][1]), 1e-9 * std::abs(side[1][0]));
+}
+
+// The transport without Python: a bare soil seen at nadir gives the evaluators' own
+// nadir row (the table's last, read exactly), whatever the thread count.
+TEST(MicrowaveTransport, NadirBareSoilIsTheEvaluatorsRowOnAnyThreadCount) {
+  vesk::embree::EmbreeSceneManager s;
+  const int32_t soil_mat = s.add_material(0, 0, nullptr, 0);
+  const vesk::backend::MeshGeometry g = vesk::make_ground_plane(20, 20, soil_mat, 50);
+  s.add_instance(s.add_mesh(g.vertices, g.normals, g.indices, g.material_id), 0.0f, 0.0f, 0.0f,
+                 1.0f);
+  vesk::SensorData cam;
+  cam.type = 0;
+  cam.width = 5;
+  cam.height = 3;
+  cam.ortho_width = cam.ortho_height = 4.0f;
+  const float m[16] = {1, 0, 0, 0.3f, 0, 1, 0, 0.2f, 0, 0, 1, 10, 0, 0, 0, 1};
+  for (int i = 0; i < 16; ++i) cam.camera_to_world[i] = m[i];
+  s.set_sensor(cam, false);
+  s.build();
+  const float soil[12] = {0.3f, 0.2f, 0.25f, 0, 1, 1.5f, 0, 295, 290, 1, 0.02f, 0};
+  const int32_t map[1] = {0};
+  MicrowaveRequest q;
+  q.frequency = 1.4e9f;
+  q.soil_params = soil;
+  q.soil_count = 1;
+  q.soil_columns = 12;
+  q.material_map = map;
+  q.material_map_size = 1;
+  const float nadir = 1.0f;
+  for (const bool active : {false, true}) {
+    q.active = active;
+    q.n_channels = active ? 4 : 2;
+    const std::vector<float> row = evaluate_soil(q.frequency, soil, &nadir, 1, active);
+    q.threads = 1;
+    const std::vector<float> one = simulate_microwave(s, q);
+    q.threads = 2;
+    const std::vector<float> two = simulate_microwave(s, q);
+    ASSERT_EQ(one.size(), size_t(15 * q.n_channels));
+    EXPECT_EQ(one, two) << "results depend on the thread count";
+    for (size_t px = 0; px < 15; ++px)
+      for (int k = 0; k < q.n_channels; ++k)
+        EXPECT_NEAR(one[px * size_t(q.n_channels) + size_t(k)], row[size_t(k)],
+                    1e-5f * std::fabs(row[size_t(k)]))
+            << (active ? "sigma0 " : "Tb ") << k;
+  }
+  const MicrowaveTables t = build_tables(q);
+  EXPECT_EQ(t.passive_soil.size(), size_t(256 * 4));
+  EXPECT_EQ(t.lut_info[0], MW_SOIL);
+  EXPECT_EQ(t.lut_info[1], -1) << "a soil carries no Mueller table";
 }

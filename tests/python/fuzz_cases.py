@@ -126,7 +126,15 @@ NAMES = dict(
     TRUNK=np.array([0.15, 6.0, 0.4, 295.0, 0.0, 0.0, 1.0], F),
     COSINES=np.cos(np.radians(np.arange(0, 80, 10))).astype(F),
     TO_TRUNK=np.array([[0.7, 0.0, -0.714], [0.5, 0.4, -0.768]], F),
-    TO_GROUND=np.array([[0.7, 0.0, -0.714], [-0.2, 0.6, -0.774]], F), UP2=np.eye(3, dtype=F)[[2, 2]])
+    TO_GROUND=np.array([[0.7, 0.0, -0.714], [-0.2, 0.6, -0.774]], F), UP2=np.eye(3, dtype=F)[[2, 2]],
+    # Microwave: ground soil, leaf-cube vegetation, one trunk material; the device tables
+    # at two cosines.
+    MW_SOIL=np.array([[0.3, 0.2, 0.25, 0, 1, 1.5, 0, 295, 290, 1, 0.01, 0]], F),
+    MW_VEG=np.array([[0.3, 0.1, 300.0]], F), MW_TRUNK=np.array([[0.15, 6.0, 0.4, 295, 0, 0, 1]], F),
+    MW_MAP=np.array([0, 1], np.int32), MW_O=np.array([2, 2, 5, 0], F),
+    MW_D=np.array([0, 0, -1, 0], F), MW_T4=np.tile(np.array([200, 250, 0.3, 0.15], F), 2),
+    MW_T2=np.full(4, 0.3, F), MW_VP=np.array([0.3, 0.1, 300, 0], F), MW_NONE=np.zeros(0, F),
+    MW_INFO=np.array([[t, -1, 0, 0, 0, -1, -1, -1, 0] for t in (1, 2, 3)], np.int32).ravel())
 
 
 def namespace(s):
@@ -211,6 +219,13 @@ vk._evaluate_microwave_soil f:1.4e9 fa:SOIL fa:COSINES b:True
 vk._evaluate_microwave_soil_reflectivity f:5.3e9 fa:SOIL fa:COSINES b:True
 vk._evaluate_microwave_trunk_ground f:1.4e9 fa:SOIL fa:TRUNK fa:TO_TRUNK fa:TO_GROUND fa:UP2
 vk._microwave_cylinder_amplitude f:1.4e9 f:0.1 c:(8+2.5j) f:0.3 f:0.2 f:0.7
+vk.simulate_microwave_cpu s:s f:1.4e9 fa:MW_SOIL fa:MW_VEG fa:MW_TRUNK ia:MW_MAP
+vk.simulate_active_microwave_cpu s:s f:1.4e9 fa:MW_SOIL fa:MW_VEG fa:MW_TRUNK ia:MW_MAP
+s.simulate_microwave f:1.4e9 fa:MW_SOIL fa:MW_VEG fa:MW_TRUNK ia:MW_MAP
+s.simulate_active_microwave f:1.4e9 fa:MW_SOIL fa:MW_VEG fa:MW_TRUNK ia:MW_MAP
+s.run_microwave_wavefront b:False !i:2 f:290.0 f:0.0 i:1 i:1 i:1 !i:2 fa:MW_O fa:MW_D ia:MW_MAP \
+fa:MW_T4 fa:MW_T4 fa:MW_T2 fa:MW_VP fa:MW_T4 fa:MW_NONE fa:MW_NONE ia:MW_INFO fa:MW_NONE \
+fa:MW_NONE fa:MW_NONE
 vk.make_ground_plane !f:5.0 !f:5.0 i:0 !f:2.0 | vk.make_sphere f:1.0 fa:np.zeros(3,F) !i:2
 vk.make_cylinder f:1.0 f:2.0 !i:8
 vk.run_energy_balance_cpu s:s !i:16 i:8 i:0 f:800.0 f:30.0 f:100.0 f:0.3 f:0.2 f:0.93 b:True \

@@ -104,6 +104,16 @@ def test_lidar_example_writes_a_las_file_and_a_waveform_plot(tmp_path):
     assert (tmp_path / "out" / "lidar_waveform.png").read_bytes()[:4] == b"\x89PNG"
 
 
+def test_microwave_forest_example_renders_both_images(tmp_path):
+    out = run_example("microwave_forest.py", tmp_path).stdout
+    k = [float(v) for v in out.replace("(", " ").replace(",", " ").split()
+         if v.replace(".", "", 1).replace("-", "", 1).isdigit()]
+    th, tv, bare_h, bare_v, hh, vv, hv = k[:7]
+    assert th > bare_h and tv > bare_v, "the emitting canopy warms the scene above bare soil"
+    assert tv > th and vv > hv and hh > hv, out
+    assert picture(tmp_path / "out" / "microwave_forest.png").shape[:2] == (400, 1600)
+
+
 def test_canopy_energy_closes_the_balance_and_writes_a_thermal_image(tmp_path):
     out = run_example("canopy_energy.py", tmp_path)
     assert "converged True" in out.stdout, out.stdout

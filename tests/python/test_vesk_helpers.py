@@ -256,3 +256,31 @@ def test_sif_emission_conserves_photons_and_splits_them_between_the_sides(same_s
                                (out["top"] + out["bottom"]) / 2, rtol=1e-6)
     with pytest.raises(ValueError, match="^phi_f contains a non-finite value$"):
         vesk.sif_emission(top, bottom, wl, [0.01, np.nan, 0.0])
+
+
+def test_microwave_tables_from_physical_inputs():
+    from microwave_scenes import make_scene
+    t = vesk.microwave_tables(1.4e9, soil_moisture=0.25, sand=0.4, clay=0.2,
+                              canopy_water_content=2.0, canopy_height=4.0, trunk_radius=0.15,
+                              trunk_length=8.0)
+    assert t.optical_depth == pytest.approx(0.24, rel=0.01), "b = 0.12 m2/kg at L band"
+    kappa, omega, temp = t.inputs["mw_veg_params"][0]
+    assert kappa * 4.0 == pytest.approx(t.optical_depth, rel=1e-6) and temp == 295.0
+    # The volume table integrates to the scattering coefficient over the sphere.
+    lut = t.inputs["mw_veg_mueller_luts"][0][0]
+    assert 4 * np.pi * (lut[0, 0, 0, 0, 0] + lut[0, 0, 0, 1, 0]) == pytest.approx(kappa * omega)
+    assert (t.soil_passive[1:, 1] > t.soil_passive[1:, 0]).all() and t.trunk.shape == (9, 4)
+    wetter = vesk.microwave_tables(1.4e9, 0.35, 0.4, 0.2)
+    assert (wetter.soil_passive[:, 0] < t.soil_passive[:, 0]).all(), "wet soil is colder"
+    assert vesk.microwave_tables(5.3e9, 0.25, 0.4, 0.2, 2.0).optical_depth > 3 * t.optical_depth
+    # What the helper gives, the simulations take.
+    s = make_scene(0.5, slab_height=4.0)
+    tb = vk.simulate_microwave_cpu(s, material_map=np.array([0, 1, -1], np.int32), **t.inputs)
+    assert np.isfinite(tb).all() and (tb > 150).all()
+    for bad, text in [(dict(sand=0.7, clay=0.5), "sand \\+ clay"),
+                      (dict(soil_moisture=0.9), "soil_moisture"),
+                      (dict(trunk_radius=0.1), "both trunk_radius and trunk_length"),
+                      (dict(dielectric="x"), "dielectric must be one of")]:
+        args = dict(frequency=1.4e9, soil_moisture=0.2, sand=0.3, clay=0.2) | bad
+        with pytest.raises(ValueError, match=text):
+            vesk.microwave_tables(**args)
