@@ -46,7 +46,12 @@ layout(push_constant) uniform Push {
   int soil_count, veg_count, trunk_count;
   float air_temperature, atmosphere_tau;
   int n_materials;  // the scene's optical materials: ids past them have no response
+  int num_repetitions;  // repeated tiles (microwave::MicrowaveTiles)
+  float tile_w, tile_h, z_lo, z_hi;
 } pc;
+#include "tile.glsl"
+
+const float MICROWAVE_WALL_TIE = 0.0005;
 
 const int MAX_CROSSINGS = 4096;
 const int VEG_STACK = 8;
@@ -169,12 +174,36 @@ Event next_event(inout vec3 o, vec3 d) {
   e.position = vec3(0.0);
   e.normal = vec3(0.0, 0.0, 1.0);
   int soils = pc.soil_count, vegs = pc.veg_count;
+  int walls = 0;
+  float skip_veg = -1.0;  // after a wall: the copy's faces on it are passed, up to here
+  bool tiles = pc.num_repetitions > 0 && pc.tile_w > 0.0 && pc.tile_h > 0.0;
   for (int crossing = 0; crossing < MAX_CROSSINGS; ++crossing) {
     Hit h = trace_ray(o, d, 0.0, 1e30);
+    int m = h.hit && h.material_id >= 0 && h.material_id < pc.n_materials ? material_map[h.material_id] : -1;
+    for (int k = 0; k < 8 && h.hit && h.t <= skip_veg && m >= soils && m < soils + vegs; ++k) {
+      h = trace_ray(o, d, uintBitsToFloat(floatBitsToUint(h.t) + 1u), 1e30);
+      m = h.hit && h.material_id >= 0 && h.material_id < pc.n_materials ? material_map[h.material_id] : -1;
+    }
+    skip_veg = -1.0;
+    // Repeated scenes: on through the wall when nothing is ahead, or when the vegetation
+    // the ray is in reaches the wall (microwave/transport.cpp).
+    float tw = 0.0;
+    int axis = -1;
+    if (tiles && walls < pc.num_repetitions && !beyond_heights(o, d, pc.z_lo, pc.z_hi))
+      axis = tile_exit(pc.tile_w, pc.tile_h, o, d, tw);
+    bool veg_hit = m >= soils && m < soils + vegs;
+    if (axis >= 0 &&
+        (!h.hit || (stack_n > 0 && (tw < h.t || (h.t >= tw - MICROWAVE_WALL_TIE && veg_hit))))) {
+      int vw = stack_top();
+      if (vw >= 0) segment(vw, tw);
+      cross_tile(pc.tile_w, pc.tile_h, axis, tw, d, o);
+      ++walls;
+      if (stack_n > 0) skip_veg = MICROWAVE_WALL_TIE;
+      continue;
+    }
     if (!h.hit) return e;
     int v = stack_top();
     if (v >= 0) segment(v, h.t);
-    int m = h.material_id >= 0 && h.material_id < pc.n_materials ? material_map[h.material_id] : -1;
     if (m >= 0 && m < soils) {
       e.kind = SOIL, e.index = m, e.position = h.position, e.normal = h.geometric_normal;
       return e;

@@ -45,6 +45,37 @@ inline bool beyond_heights(const float3& o, const float3& d, float lo, float hi)
   return (d.z > 0.0f && o.z > hi) || (d.z < 0.0f && o.z < lo);
 }
 
+// Moves a camera ray that starts outside the home tile into it: wrap by whole tiles (at
+// the height `top` where a downward ray starts over the scene), then step to the wall the
+// ray enters through, kept 0.001 inside the tile.
+inline void enter_tile(float w, float h, float top, float3& o, const float3& d) {
+  float px = o.x, py = o.y;
+  if (o.z > top && d.z < -1e-8f) {
+    const float t = (top - o.z) / d.z;
+    px = o.x + t * d.x;
+    py = o.y + t * d.y;
+  }
+  if (px > w) o.x -= float(int(px / w)) * w;
+  else if (px < 0.0f) o.x += float(int((w - px) / w)) * w;
+  if (py > h) o.y -= float(int(py / h)) * h;
+  else if (py < 0.0f) o.y += float(int((h - py) / h)) * h;
+
+  float tx = -1.0f, ty = -1.0f;
+  if (o.x > w && d.x < -1e-8f) tx = (w - o.x) / d.x;
+  else if (o.x < 0.0f && d.x > 1e-8f) tx = -o.x / d.x;
+  if (o.y > h && d.y < -1e-8f) ty = (h - o.y) / d.y;
+  else if (o.y < 0.0f && d.y > 1e-8f) ty = -o.y / d.y;
+  float step = 0.0f;
+  if (tx >= 0.0f && ty >= 0.0f) step = std::fmax(tx, ty);
+  else if (tx >= 0.0f) step = tx;
+  else if (ty >= 0.0f) step = ty;
+  if (step > 0.0f) {
+    o = o + step * d;
+    o.x = std::fmin(std::fmax(o.x, 0.001f), w - 0.001f);
+    o.y = std::fmin(std::fmax(o.y, 0.001f), h - 0.001f);
+  }
+}
+
 // Moves o to the exit point at distance t and wraps the crossed axis into the next tile.
 // A ray that ends a rounding error outside the new tile is still on its wall: the wall
 // search above takes it across the wall it moves towards, and the walks look from

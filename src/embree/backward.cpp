@@ -83,37 +83,8 @@ inline void contribute(const PathContext& c, BackwardThreadScratch& s, int32_t s
     s.orders[size_t(std::min(order, c.last_order)) * size_t(c.bands) + size_t(b)] += value;
 }
 
-// Moves a camera ray that starts outside the home tile into it: wrap by whole tiles,
-// then step to the wall the ray enters through.
 void enter_tile(const PathContext& c, PathState& p) {
-  const float W = c.rep.scene_x_size, H = c.rep.scene_y_size;
-  float3& o = p.origin;
-  const float3& d = p.direction;
-  float px = o.x, py = o.y;
-  if (o.z > c.max_height && d.z < -1e-8f) {
-    const float t = (c.max_height - o.z) / d.z;
-    px = o.x + t * d.x;
-    py = o.y + t * d.y;
-  }
-  if (px > W) o.x -= float(int(px / W)) * W;
-  else if (px < 0.0f) o.x += float(int((W - px) / W)) * W;
-  if (py > H) o.y -= float(int(py / H)) * H;
-  else if (py < 0.0f) o.y += float(int((H - py) / H)) * H;
-
-  float tx = -1.0f, ty = -1.0f;
-  if (o.x > W && d.x < -1e-8f) tx = (W - o.x) / d.x;
-  else if (o.x < 0.0f && d.x > 1e-8f) tx = -o.x / d.x;
-  if (o.y > H && d.y < -1e-8f) ty = (H - o.y) / d.y;
-  else if (o.y < 0.0f && d.y > 1e-8f) ty = -o.y / d.y;
-  float step = 0.0f;
-  if (tx >= 0.0f && ty >= 0.0f) step = std::max(tx, ty);
-  else if (tx >= 0.0f) step = tx;
-  else if (ty >= 0.0f) step = ty;
-  if (step > 0.0f) {
-    o = o + step * d;
-    o.x = std::min(std::max(o.x, 0.001f), W - 0.001f);
-    o.y = std::min(std::max(o.y, 0.001f), H - 0.001f);
-  }
+  vesk::enter_tile(c.rep.scene_x_size, c.rep.scene_y_size, c.max_height, p.origin, p.direction);
 }
 
 // Fluorescence of a leaf met inside a medium bounded by `instance`, from the instance's

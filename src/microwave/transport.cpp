@@ -13,7 +13,8 @@
 // the Fresnel reflectivity. H and V are those of each event's own plane of incidence: the
 // rotation of the polarisation basis between events is neglected, exact for a ray that
 // stays in one vertical plane (flat soil under any layer), approximate after trunks.
-// The scene is traced as built: repeated tiles (set_repetitive) are not followed.
+// In a repeated scene (set_repetitive) rays cross the tile walls as the optical tracers
+// do, and a canopy layer whose sides lie on the walls is horizontally infinite.
 // Escaping rays see 0 K (the 2.7 K cosmic background is neglected) or, with an
 // atmosphere, one isothermal layer at air_temperature of slant optical depth
 // atm_tau / |cos|: downwelling T_a (1 - exp(-atm_tau / mu)) for rays leaving upwards, and
@@ -49,6 +50,7 @@
 #include "core/offset_origin.h"
 #include "core/rng.h"
 #include "core/sensor.h"
+#include "core/tile.h"
 #include "core/workers.h"
 #include "embree/scene_manager.h"
 #include "microwave/evaluators.h"
@@ -146,23 +148,48 @@ struct Context {
   const MicrowaveRequest& q;
   const MicrowaveTables& t;
   size_t n_materials;
+  MicrowaveTiles tiles;
 };
 
 // Follows the ray to its next soil or trunk surface, reporting every vegetation segment
 // (vegetation row, length) on the way. Surfaces without a microwave material are crossed
 // as if absent; vegetation surfaces are crossed, a front face entering the volume and a
-// back face leaving it.
+// back face leaving it. In a repeated scene the ray crosses tile walls as the optical
+// tracers do, keeping the vegetation it is in.
 template <class OnSegment>
 Event next_event(const Context& c, float3& o, const float3& d, VegStack& veg, OnSegment&& seg) {
   const int32_t soils = c.t.soil_count, vegs = c.t.veg_count;
+  int32_t walls = 0;
+  float skip_veg = -1.0f;  // after a wall: the copy's faces on it are passed, up to here
   for (int32_t crossing = 0; crossing < MAX_CROSSINGS; ++crossing) {
-    const EmbreeHit h = c.scene.trace_ray(o, d, 0.0f, 1e30f);
+    EmbreeHit h = c.scene.trace_ray(o, d, 0.0f, 1e30f);
+    auto mw_material = [&](const EmbreeHit& x) {
+      return (x.material_id >= 0 && size_t(x.material_id) < c.n_materials)
+                 ? c.q.material_map[x.material_id]
+                 : -1;
+    };
+    auto is_veg = [&](int32_t mm) { return mm >= soils && mm < soils + vegs; };
+    for (int32_t k = 0; k < 8 && h.hit && h.t <= skip_veg && is_veg(mw_material(h)); ++k)
+      h = c.scene.trace_ray(o, d, std::nextafter(h.t, INFINITY), 1e30f);
+    skip_veg = -1.0f;
+    float tw = 0.0f;
+    int axis = -1;
+    if (c.tiles.active() && walls < c.tiles.num_repetitions &&
+        !beyond_heights(o, d, c.tiles.z_lo, c.tiles.z_hi))
+      axis = tile_exit(c.tiles.w, c.tiles.h, o, d, tw);
+    if (axis >= 0 &&
+        (!h.hit || (veg.n > 0 && (tw < h.t || (h.t >= tw - MICROWAVE_WALL_TIE &&
+                                               is_veg(mw_material(h))))))) {
+      if (const int32_t v = veg.top(); v >= 0) seg(v, tw);
+      cross_tile(c.tiles.w, c.tiles.h, axis, tw, d, o);
+      ++walls;
+      if (veg.n > 0) skip_veg = MICROWAVE_WALL_TIE;
+      continue;
+    }
     // A ray leaving an open vegetation mesh has no bounded segment: nothing is counted.
     if (!h.hit) return Event{};
     if (const int32_t v = veg.top(); v >= 0) seg(v, h.t);
-    const int32_t m = (h.material_id >= 0 && size_t(h.material_id) < c.n_materials)
-                          ? c.q.material_map[h.material_id]
-                          : -1;
+    const int32_t m = mw_material(h);
     if (m >= 0 && m < soils) return {EventKind::Soil, m, h.position, h.geometric_normal};
     if (m >= soils + vegs)
       return {EventKind::Trunk, m - soils - vegs, h.position, h.geometric_normal};
@@ -525,7 +552,8 @@ bool sample_ray(const SensorData& sensor, const MicrowaveRequest& q, int64_t px,
 
 }  // namespace
 
-MicrowaveRays primary_rays(const SensorData& sensor, const MicrowaveRequest& q) {
+MicrowaveRays primary_rays(const SensorData& sensor, const MicrowaveRequest& q,
+                           const MicrowaveTiles& tiles) {
   MicrowaveRays r;
   const int64_t pixels = int64_t(sensor.width) * int64_t(sensor.height);
   const int32_t spp = q.active ? q.spp : 1;
@@ -533,6 +561,7 @@ MicrowaveRays primary_rays(const SensorData& sensor, const MicrowaveRequest& q) 
     for (int32_t s = 0; s < spp; ++s) {
       float3 o, d;
       if (!sample_ray(sensor, q, px, s, o, d)) continue;
+      if (tiles.active()) enter_tile(tiles.w, tiles.h, tiles.z_hi, o, d);
       r.origins.insert(r.origins.end(), {o.x, o.y, o.z, 0.0f});
       r.directions.insert(r.directions.end(), {d.x, d.y, d.z, 0.0f});
       r.pixel.push_back(uint32_t(px));
@@ -572,7 +601,10 @@ std::vector<float> simulate_microwave(const EmbreeSceneManager& scene, const Mic
   const int64_t pixels = int64_t(sensor.width) * int64_t(sensor.height);
   const int32_t channels = q.n_channels;
   std::vector<float> image(size_t(pixels) * size_t(channels), 0.0f);
-  const Context c{scene, q, tables, scene.materials().size()};
+  const scene::Repetition& rep = scene.repetition();
+  const auto [lo, hi] = scene.aabb();
+  const MicrowaveTiles tiles{rep.num_repetitions, rep.scene_x_size, rep.scene_y_size, lo.z, hi.z};
+  const Context c{scene, q, tables, scene.materials().size(), tiles};
   constexpr int64_t CHUNK = 64;
   const int64_t round = ((pixels + CHUNK - 1) / CHUNK) * CHUNK;
   const int threads = int(std::min<int64_t>(resolve_thread_count(q.threads), round / CHUNK));
@@ -582,11 +614,16 @@ std::vector<float> simulate_microwave(const EmbreeSceneManager& scene, const Mic
         for (int64_t px = begin; px < end; ++px) {
           double v[4] = {0.0, 0.0, 0.0, 0.0};
           float3 o, d;
+          auto ray = [&](int32_t sample) {
+            if (!sample_ray(sensor, q, px, sample, o, d)) return false;
+            if (tiles.active()) enter_tile(tiles.w, tiles.h, tiles.z_hi, o, d);
+            return true;
+          };
           if (!q.active) {
-            if (sample_ray(sensor, q, px, 0, o, d)) passive_ray(c, o, d, v);
+            if (ray(0)) passive_ray(c, o, d, v);
           } else {
             for (int32_t sample = 0; sample < q.spp; ++sample)
-              if (sample_ray(sensor, q, px, sample, o, d)) active_ray(c, o, d, v);
+              if (ray(sample)) active_ray(c, o, d, v);
             for (double& s : v) s /= double(q.spp);
           }
           write_channels(q, v, &image[size_t(px) * size_t(channels)]);

@@ -107,7 +107,20 @@ struct MicrowaveRays {
   std::vector<float> origins, directions;
   std::vector<uint32_t> pixel;
 };
-MicrowaveRays primary_rays(const SensorData& sensor, const MicrowaveRequest& q);
+// A repeated scene as the transport walks it: a ray that leaves the tile [0, w] x [0, h]
+// with nothing ahead, or whose vegetation volume reaches the wall, goes on through the
+// opposite wall, at most num_repetitions times between two events. Camera rays that
+// start outside the tile are moved into it first. z_lo, z_hi: the scene's heights.
+struct MicrowaveTiles {
+  int32_t num_repetitions = 0;
+  float w = 0.0f, h = 0.0f, z_lo = 0.0f, z_hi = 0.0f;
+  bool active() const { return num_repetitions > 0 && w > 0.0f && h > 0.0f; }
+};
+// A vegetation face this close to a tile wall is the wall's event: a canopy layer whose
+// sides lie on the walls goes on into the next tile.
+constexpr float MICROWAVE_WALL_TIE = 0.0005f;
+MicrowaveRays primary_rays(const SensorData& sensor, const MicrowaveRequest& q,
+                           const MicrowaveTiles& tiles);
 // Writes a pixel's channels from its mean per-ray values: passive (T_H, T_V, -, -),
 // active (HH, HV, VH, VV).
 void write_channels(const MicrowaveRequest& q, const double v[4], float* out);

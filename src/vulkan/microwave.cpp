@@ -21,6 +21,8 @@ struct MicrowavePush {
   int32_t soil_count, veg_count, trunk_count;
   float air_temperature, atmosphere_tau;
   int32_t n_materials;
+  int32_t num_repetitions;  // repeated tiles, as microwave::MicrowaveTiles
+  float tile_w, tile_h, z_lo, z_hi;
 };
 
 // Whether [offset, offset + extent) lies inside a table of `size` values.
@@ -129,7 +131,8 @@ std::vector<float> VulkanSceneManager::run_microwave_wavefront(
   const MicrowavePush push{
       uint32_t(rays), active_mode ? 1 : 0,       max_depth,   response_table_size,
       soil_count,     vegetation_count,          trunk_count, air_temperature,
-      atmosphere_tau, int32_t(materials_.size())};
+      atmosphere_tau, int32_t(materials_.size()), repetition_.num_repetitions,
+      repetition_.scene_x_size, repetition_.scene_y_size, min_height_, max_height_};
   // Groups of WORKGROUP invocations, at most 65535 along x and the rest along y.
   const uint64_t groups = (uint64_t(rays) + WORKGROUP - 1) / WORKGROUP;
   const uint32_t gx = uint32_t(std::min<uint64_t>(groups, 65535));
@@ -151,7 +154,10 @@ std::vector<float> VulkanSceneManager::simulate_microwave(
           " microwave image of " + std::to_string(q.active ? q.spp : 1) + " rays a pixel",
       double(sensor_.width) * double(sensor_.height) * double(q.active ? q.spp : 1) * 4.0 * 30.0);
   const microwave::MicrowaveTables t = microwave::build_tables(q);
-  const microwave::MicrowaveRays rays = microwave::primary_rays(sensor_, q);
+  const microwave::MicrowaveRays rays = microwave::primary_rays(
+      sensor_, q,
+      {repetition_.num_repetitions, repetition_.scene_x_size, repetition_.scene_y_size,
+       min_height_, max_height_});
   const std::vector<int32_t> map(q.material_map, q.material_map + q.material_map_size);
   const std::vector<float> results = run_microwave_wavefront(
       q.active, q.max_depth, q.air_temperature, q.include_atmosphere ? q.atm_tau : 0.0f,

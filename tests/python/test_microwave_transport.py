@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import vesk_gpu as vk
-from microwave_scenes import F, camera, diagonal_mueller, make_scene, soil_row, trunk_row
+from microwave_scenes import F, box, camera, diagonal_mueller, make_scene, soil_row, trunk_row
 
 FREQ = 1.4e9
 MAP_SOIL_VEG = np.array([0, 1, -1], np.int32)
@@ -236,3 +236,27 @@ def test_optical_medium_boundary_mapped_to_vegetation_is_the_same_volume():
             for s in (plain, medium)]
     np.testing.assert_array_equal(runs[0], runs[1])
     assert (runs[0] > 200).all()
+
+
+@pytest.mark.parametrize("deg", [30.0, 60.0])
+def test_a_layer_on_the_walls_of_a_repeated_tile_is_horizontally_infinite(deg):
+    # A 4 m tile: the soil and the slab exactly cover it, so without repetition slanted
+    # rays would leave through the slab's sides; across the walls it is an infinite layer.
+    theta, height, tau, omega, tc, w = np.radians(deg), 3.0, 0.6, 0.1, 302.0, 4.0
+    s = vk.EmbreeSceneManager()
+    for _ in range(3):
+        s.add_material(0, 0, [])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(w / 2, w / 2, 0)), w / 2, w / 2, 0.0)
+    s.add_instance(s.add_mesh(**box(0, w, 0, w, 0.01, 0.01 + height), material_id=1))
+    s.set_repetitive(1000, w, w)
+    s.set_sensor(0, 5, 4, 3.0, 3.0, camera(theta, target=(1.31, 2.17, 0.0)))
+    s.build()
+    soil = soil_row(t=291.0)
+    veg = np.array([[tau / height, omega, tc]], F)
+    tb = vk.simulate_microwave_cpu(s, FREQ, soil[None], veg, None, MAP_SOIL_VEG)
+    refl = vk._evaluate_microwave_soil_reflectivity(FREQ, soil, np.array([np.cos(theta)], F),
+                                                    False)[0]
+    g = np.exp(-tau / np.cos(theta))
+    expected = 291.0 * (1 - refl) * g + tc * (1 - omega) * (1 - g) * (1 + refl * g)
+    np.testing.assert_allclose(tb, np.broadcast_to(expected, tb.shape), atol=0.5,
+                               err_msg="the layer must go on across the tile walls")

@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import vesk_gpu as vk
-from microwave_scenes import F, diagonal_mueller, make_scene, soil_row, trunk_row
+from microwave_scenes import F, box, camera, diagonal_mueller, make_scene, soil_row, trunk_row
 
 COMPATIBLE = [d for d in vk.list_vulkan_devices() if d["compatible"]]
 pytestmark = pytest.mark.skipif(not COMPATIBLE, reason="no Vulkan device with ray queries")
@@ -29,8 +29,28 @@ def forest(scene_class):
                       footprint=14.0, scene_class=scene_class)
 
 
+def forest_tile(scene_class):
+    """Four trunks in a canopy layer that fills an 8 m tile, repeated: slanted rays cross
+    the walls inside the layer and between the trunks."""
+    s = (scene_class or vk.EmbreeSceneManager)()
+    for _ in range(3):
+        s.add_material(0, 0, [])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(4.0, 4.0, 0)), 4.0, 4.0, 0.0)
+    s.add_instance(s.add_mesh(**box(0, 8, 0, 8, 0.01, 3.01), material_id=1))
+    cyl = vk.make_cylinder(0.15, 8.0, 12)
+    t = s.add_mesh(cyl["vertices"], cyl["normals"], cyl["indices"], 2)
+    for x, y in ((2.3, 2.1), (6.2, 1.7), (1.8, 6.3), (6.1, 5.9)):
+        s.add_instance(t, x=x, y=y, z=-0.05)
+    s.set_repetitive(200, 8.0, 8.0)
+    s.set_sensor(0, 20, 14, 30.0, 21.0, camera(np.radians(55.0), target=(4.1, 3.9, 0.0)))
+    s.build()
+    return s
+
+
 @pytest.mark.parametrize("active", [False, True])
-def test_device_image_matches_cpu_reference(context, active):
+@pytest.mark.parametrize("scene", [forest, forest_tile], ids=["stand", "repeated tile"])
+def test_device_image_matches_cpu_reference(context, active, scene):
+    forest = scene
     soil = soil_row(model=1, s=0.02)[None]
     veg = np.array([[0.08, 0.1, 300.0]], F)
     args = (FREQ, soil, veg, trunk_row(), np.array([0, 1, 2], np.int32))
