@@ -11,6 +11,10 @@ this package helps set them up and read what they return:
                  from absorbed light, through photons)
   results        save_image (tone-mapped PNG), save_figure, to_xarray (labelled
                  Datasets, with .to_netcdf()), flux_extent
+  workflows      microclimate (checked air state), energy_balance (shortwave, then leaf
+                 temperature and photosynthesis, from the scene's own optics and sun;
+                 an xarray Dataset per primitive), thermal_image (the solved
+                 temperatures rendered on the same scene), brightness_temperature
   LiDAR          write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
 
 Conventions: +z up, metres, nanometres, kelvin; azimuths are compass bearings
@@ -29,6 +33,8 @@ from vesk.physiology import leaf_request, sif_emission, sif_emission_shape
 from vesk.progress import progress_bar
 from vesk.scan import airborne_line_scan, terrestrial_scan
 from vesk.spectra import Spectra, lambertian, leaf, rpv
+from vesk.workflows import (Microclimate, absorbed_shortwave, brightness_temperature,
+                            energy_balance, microclimate, planck, thermal_image)
 
 __version__ = vk.__version__
 
@@ -36,4 +42,6 @@ __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_
            "principal_plane", "view_direction", "load_mesh", "make_tree", "Tree",
            "save_image", "save_figure", "tone_map", "leaf_request", "sif_emission",
            "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
-           "write_las", "airborne_line_scan", "terrestrial_scan"]
+           "write_las", "airborne_line_scan", "terrestrial_scan", "microclimate",
+           "Microclimate", "absorbed_shortwave", "energy_balance", "thermal_image",
+           "brightness_temperature", "planck"]
