@@ -171,6 +171,22 @@ def load_mesh(path):
     raise ValueError(f"load_mesh reads .obj and .ply files, not {ext or 'this file'}")
 
 
+def leaf_cloud(n_leaves, centre, radii, leaf_size, rng):
+    """A crown of n_leaves small triangular leaves as a mesh dict for scene.add_mesh
+    (give material_id too): leaf centres uniform in the ellipsoid of semi-axes `radii`
+    (m) around `centre`, each corner a normal deviate of standard deviation leaf_size
+    (m) around its centre, so leaves have random sizes and orientations. rng: a
+    numpy Generator, so that several crowns follow one seeded stream."""
+    if n_leaves < 1 or not leaf_size > 0 or np.any(np.asarray(radii, np.float64) <= 0):
+        raise ValueError("leaf_cloud needs n_leaves >= 1 and positive radii and leaf_size")
+    c = rng.normal(size=(n_leaves, 3))
+    c *= rng.uniform(size=(n_leaves, 1)) ** (1 / 3) / np.linalg.norm(c, axis=1, keepdims=True)
+    c = c * np.asarray(radii, np.float64) + np.asarray(centre, np.float64)
+    v = c[:, None, :] + leaf_size * rng.normal(size=(n_leaves, 3, 3))
+    return {"vertices": v.reshape(-1, 3).astype(F), "normals": np.zeros((0, 3), F),
+            "indices": np.arange(3 * n_leaves, dtype=np.int32).reshape(-1, 3)}
+
+
 def make_tree(scene, leaf_material, bark_material, crown_radius=1.5, crown_height=3.0,
               trunk_height=2.0, trunk_radius=0.12, leaf_area_density=1.0, leaf_size=0.15,
               seed=0):
