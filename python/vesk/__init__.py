@@ -15,7 +15,8 @@ this package helps set them up and read what they return:
   workflows      microclimate (checked air state), energy_balance (shortwave, then leaf
                  temperature and photosynthesis, from the scene's own optics and sun;
                  an xarray Dataset per primitive), thermal_image (the solved
-                 temperatures rendered on the same scene), brightness_temperature
+                 temperatures rendered on the same scene), brightness_temperature,
+                 fluorescence (SIF from absorbed light to a SIF-only image)
   LiDAR          write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
 
 Conventions: +z up, metres, nanometres, kelvin; azimuths are compass bearings
@@ -35,7 +36,8 @@ from vesk.progress import progress_bar
 from vesk.scan import airborne_line_scan, terrestrial_scan
 from vesk.spectra import Spectra, lambertian, leaf, rpv
 from vesk.workflows import (Microclimate, absorbed_shortwave, brightness_temperature,
-                            energy_balance, microclimate, planck, thermal_image)
+                            energy_balance, fluorescence, microclimate, planck,
+                            thermal_image)
 
 __version__ = vk.__version__
 
@@ -45,4 +47,4 @@ __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_
            "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
            "write_las", "airborne_line_scan", "terrestrial_scan", "microclimate",
            "Microclimate", "absorbed_shortwave", "energy_balance", "thermal_image",
-           "brightness_temperature", "planck"]
+           "brightness_temperature", "planck", "fluorescence"]

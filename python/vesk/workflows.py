@@ -415,3 +415,89 @@ def thermal_image(spectra, temperatures, wavelength_nm=10000.0, *, emissivity=No
         scene.set_thermal_mode(was_thermal, wavelengths)
         scene.build_reuse_gas()
     return np.asarray(image, np.float64)
+
+
+# ---- solar-induced fluorescence -----------------------------------------------------------
+
+def fluorescence(spectra, climate, *, leaf_temperature=None, leaf=None, num_photons=300000,
+                 emission_wavelengths=None, same_side_fraction=0.5, spp=8, max_depth=4):
+    """Solar-induced fluorescence of the built scene's leaves, and what its sensor sees of
+    it. Five steps on the scene's own optics, sun and sky:
+
+    1. simulate_forward_cpu with per_leaf=True: the light each primitive absorbs, per
+       band, turned into W m-2 of leaf (energy / area x band width);
+    2. execute_photosynthesis_process_static_cpu: assimilation and the fluorescence
+       yield phi_f per leaf (vesk.leaf materials) at `leaf_temperature` K (default the
+       air temperature), with climate's co2 and relative humidity; `leaf` overrides the
+       physiology of TYPICAL_LEAF;
+    3. finalize_sif_process_cpu: the yields and the absorbed spectra in the bands that
+       excite fluorescence (400-700 nm);
+    4. vesk.sif_emission: emission spectra counted in photons, at the scene's band
+       wavelengths, uploaded with set_primitive_sif_spectra;
+    5. simulate_cpu in SIF-only mode (spp, max_depth), which is switched off again after.
+
+    In SIF-only mode the emitted light still scatters on its way to the sensor, so the
+    soil under a canopy shows the fluorescence it reflects, although it emits none.
+
+    Returns a dict: 'image' (height, width, bands) W m-2 sr-1 nm-1, rows as the payloads
+    (row 0 at the bottom); 'emission' the vesk.sif_emission dict ('top', 'bottom' per
+    primitive, W m-2 sr-1 nm-1); 'photosynthesis' the static process result ('an',
+    'phi_f', ...); 'finalized' the finalisation result; 'absorbed' (n, bands) W m-2;
+    'is_leaf' (n,) bool; 'excitation' the indices of the exciting bands.
+    emission_wavelengths: also give 'emission_fine', the emission of the leaves at these
+    wavelengths (nm), e.g. to plot their spectrum finely.
+    """
+    import vesk_gpu as vk
+
+    if not isinstance(climate, Microclimate):
+        raise ValueError("climate must come from vesk.microclimate(...)")
+    scene = spectra.scene
+    if not scene.is_built():
+        raise ValueError("build the scene before the fluorescence chain")
+    if spectra.sun_name is None:
+        raise ValueError("fluorescence needs a sun: spectra.set_sun(...)")
+    t_leaf = climate.air_temperature if leaf_temperature is None else leaf_temperature
+    t_leaf = float(check_temperature("leaf_temperature", t_leaf))
+    _, _, _, is_leaf = scene_optics(spectra)
+    n, nb, wl = scene.n_primitives(), spectra.n_bands, spectra.wavelengths
+    area = np.asarray(scene.get_primitive_areas(), np.float64)
+    fwd = vk.simulate_forward_cpu(scene, num_photons=num_photons, num_bands=nb, per_leaf=True)
+    absorbed = np.asarray(fwd["leaf"], np.float64).reshape(n, nb) / np.maximum(area, 1e-30)[:, None]
+    absorbed = np.where(is_leaf[:, None], absorbed * spectra.widths, 0.0).astype(F)
+    physiology = {k: TYPICAL_LEAF[k] for k in ("vcmax25", "jmax25", "rd25", "ball_berry_slope",
+                                               "ball_berry_intercept", "quantum_yield")}
+    unknown = set(leaf or {}) - set(physiology)
+    if unknown:
+        raise ValueError(f"leaf: unknown parameters {sorted(unknown)}; known: {sorted(physiology)}")
+    physiology.update(leaf or {})
+    zeros = np.zeros((n, nb), F)
+    material = np.where(is_leaf, 0, -1).astype(np.int32)  # one leaf kind
+    ps = vk.execute_photosynthesis_process_static_cpu(scene, dict(
+        absorbed_top=absorbed, absorbed_bottom=zeros, absorbed_direct=zeros, wavelengths=wl,
+        sunlit_fraction=np.zeros(n, F), material_ids=material,
+        material_active=np.ones(1, np.uint8), material_fluorescent=np.ones(1, np.uint8),
+        temperature_sunlit=np.full(n, t_leaf, F), temperature_shaded=np.full(n, t_leaf, F),
+        **{k: np.array([v], F) for k, v in physiology.items()}, co2=climate.co2,
+        relative_humidity=climate.relative_humidity, max_iterations=100, tolerance=1e-3))
+    excitation = np.flatnonzero((wl >= PAR_NM[0]) & (wl <= PAR_NM[1])).astype(np.int32)
+    if len(excitation) == 0:
+        raise ValueError("no band lies in 400-700 nm, so nothing excites fluorescence")
+    fin = vk.finalize_sif_process_cpu(scene, dict(
+        absorbed_top=absorbed, absorbed_bottom=zeros, material_ids=material,
+        material_phi_f=np.zeros(1, F), selected_band_indices=excitation,
+        element_phi_f=ps["phi_f"]))
+    args = (fin["absorbed_top_selected"], fin["absorbed_bottom_selected"], wl[excitation], fin["phi_f"])
+    emission = sif_emission(*args, emission_wavelengths=wl, same_side_fraction=same_side_fraction)
+    scene.set_primitive_sif_spectra(emission["spectra"], nb)
+    scene.set_sif_only_mode(True)
+    try:
+        image = vk.simulate_cpu(scene, spp=spp, max_depth=max_depth)["payload"]
+    finally:
+        scene.set_sif_only_mode(False)
+    out = {"image": image, "emission": emission, "photosynthesis": ps, "finalized": fin,
+           "absorbed": absorbed, "is_leaf": is_leaf, "excitation": excitation}
+    if emission_wavelengths is not None:
+        out["emission_fine"] = sif_emission(*(a[is_leaf] for a in args[:2]), args[2], args[3][is_leaf],
+                                            emission_wavelengths=emission_wavelengths,
+                                            same_side_fraction=same_side_fraction)
+    return out

@@ -154,3 +154,18 @@ def test_tone_map_row_order_is_chosen_and_stated():
     as_payload, _ = vesk.tone_map(img, exposure=1.0, flip=False)
     assert top_first[-1].min() > 0 and top_first[0].max() == 0
     np.testing.assert_array_equal(as_payload, top_first[::-1])
+
+
+def test_fluorescence_chain_lights_the_leaves_and_leaves_the_optical_scene_as_it_was():
+    s, sp, _, _ = canopy()
+    before = vk.simulate_cpu(s, spp=1)["payload"]
+    air = vesk.microclimate(**AIR)
+    with pytest.raises(ValueError, match="leaf_temperature must be in kelvin"):
+        vesk.fluorescence(sp, air, leaf_temperature=25.0)
+    out = vesk.fluorescence(sp, air, num_photons=20000, spp=1)
+    leaves = out["is_leaf"]
+    assert (out["photosynthesis"]["phi_f"][leaves] > 0).all() and out["image"][..., 0].mean() > 0
+    # Emitted photons: phi_f times the absorbed photons of the one exciting band (550 nm).
+    photons = out["finalized"]["phi_f"] * out["absorbed"][:, 0] * 550e-9 / 0.11962656 * 1e6
+    np.testing.assert_allclose(out["emission"]["photons"], photons, rtol=1e-5)
+    np.testing.assert_array_equal(vk.simulate_cpu(s, spp=1)["payload"], before)
