@@ -16,7 +16,8 @@ this package helps set them up and read what they return:
                  temperature and photosynthesis, from the scene's own optics and sun;
                  an xarray Dataset per primitive), thermal_image (the solved
                  temperatures rendered on the same scene), brightness_temperature,
-                 fluorescence (SIF from absorbed light to a SIF-only image)
+                 fluorescence (SIF from absorbed light to a SIF-only image),
+                 simulate_flux (flux grids with sun and sky photons by their energy)
   LiDAR          write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
 
 Conventions: +z up, metres, nanometres, kelvin; azimuths are compass bearings
@@ -37,7 +38,7 @@ from vesk.scan import airborne_line_scan, terrestrial_scan
 from vesk.spectra import Spectra, lambertian, leaf, rpv
 from vesk.workflows import (Microclimate, absorbed_shortwave, brightness_temperature,
                             energy_balance, fluorescence, microclimate, planck,
-                            thermal_image)
+                            simulate_flux, sun_share, thermal_image)
 
 __version__ = vk.__version__
 
@@ -47,4 +48,4 @@ __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_
            "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
            "write_las", "airborne_line_scan", "terrestrial_scan", "microclimate",
            "Microclimate", "absorbed_shortwave", "energy_balance", "thermal_image",
-           "brightness_temperature", "planck", "fluorescence"]
+           "brightness_temperature", "planck", "fluorescence", "simulate_flux", "sun_share"]

@@ -501,3 +501,51 @@ def fluorescence(spectra, climate, *, leaf_temperature=None, leaf=None, num_phot
                                             emission_wavelengths=emission_wavelengths,
                                             same_side_fraction=same_side_fraction)
     return out
+
+
+# ---- flux grids ---------------------------------------------------------------------------
+
+def sun_share(spectra):
+    """The share of the light reaching a horizontal plane that comes straight from the
+    sun, summed over bands: E_sun cos(sun zenith) / (E_sun cos(sun zenith) + pi L_sky),
+    with the band widths as weights (1 without a sky, 0 without a sun)."""
+    sun = spectra.sun_irradiance().sum() * (spectra.sun_vector[2] if spectra.sun_vector is not None else 0.0)
+    sky = np.pi * spectra.sky_radiance().sum()
+    if sun + sky <= 0:
+        raise ValueError("the scene has no light: set it with spectra.set_sun / spectra.set_sky")
+    return float(sun / (sun + sky))
+
+
+def simulate_flux(spectra, nx, ny, num_photons, prob_sun=None, **options):
+    """simulate_flux_cpu on the scene of `spectra`, labelled by vesk.to_xarray.
+
+    prob_sun, the share of photons started from the sun rather than the sky: by default
+    the sun's share of the light on a horizontal plane (sun_share), so that sun and sky
+    both get photons in proportion to their energy. (The module's own default, 1.0,
+    starts every photon from the sun and so leaves a set sky out.) The choice is
+    recorded in the Dataset's attrs as 'prob_sun'. options: the other keywords of
+    simulate_flux_cpu (max_bounces, max_depth, rr_depth, decompose, progress,
+    first_photon).
+
+    What the grids sum, per cell and band, in W nm-1 (sun in W m-2 nm-1; divide by
+    'cell_area' for W m-2 nm-1): 'downwelling' is the energy of every arrival of a
+    photon at a surface, of every scattering order, charged to the cell under that
+    surface; a photon that crosses several leaves of a column is counted at each, so a
+    cell under a canopy can gather more than the light falling on it from above.
+    'upwelling' is the energy leaving surfaces of the cell, to another cell or out of
+    the scene. With decompose=True, 'downwelling_direct' holds what sun photons bring
+    (all their scattering orders) and 'downwelling_diffuse' what sky photons bring.
+    """
+    import vesk_gpu as vk
+
+    from vesk.labels import to_xarray
+
+    if prob_sun is None:
+        prob_sun = sun_share(spectra)
+    if not 0.0 <= prob_sun <= 1.0:
+        raise ValueError(f"prob_sun must lie in [0, 1], not {prob_sun}")
+    result = vk.simulate_flux_cpu(spectra.scene, nx, ny, num_photons, spectra.n_bands,
+                                  prob_sun=prob_sun, **options)
+    ds = to_xarray(result, spectra.scene)
+    ds.attrs["prob_sun"] = prob_sun
+    return ds

@@ -169,3 +169,23 @@ def test_fluorescence_chain_lights_the_leaves_and_leaves_the_optical_scene_as_it
     photons = out["finalized"]["phi_f"] * out["absorbed"][:, 0] * 550e-9 / 0.11962656 * 1e6
     np.testing.assert_allclose(out["emission"]["photons"], photons, rtol=1e-5)
     np.testing.assert_array_equal(vk.simulate_cpu(s, spp=1)["payload"], before)
+
+
+def test_flux_helper_gives_the_sky_its_photons_and_the_module_default_leaves_it_out():
+    s = vk.EmbreeSceneManager()
+    sp = vesk.Spectra(s, [650])
+    black = vesk.lambertian(sp, "black", 0.0)
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(2, 2, black, 1.0)), 2, 2, 0)
+    sp.set_sun(vesk.sun_direction(30, 180), 1.0)
+    sp.set_sky(0.1)
+    s.set_repetitive(5, 4.0, 4.0)
+    s.build()
+    sun, sky = np.cos(np.radians(30)), np.pi * 0.1  # W m-2 nm-1 on the ground
+    assert vesk.sun_share(sp) == pytest.approx(sun / (sun + sky), rel=1e-6)
+    n = 20000
+    both = vesk.simulate_flux(sp, 2, 2, n)
+    sun_only = vesk.simulate_flux(sp, 2, 2, n, prob_sun=1.0)
+    tol = 4 / np.sqrt(n)  # four standard deviations of the photon split
+    assert float(both.downwelling.sum()) == pytest.approx(16 * (sun + sky), rel=tol)
+    assert float(sun_only.downwelling.sum()) == pytest.approx(16 * sun, rel=1e-3)
+    assert both.attrs["prob_sun"] == vesk.sun_share(sp)
