@@ -6,7 +6,8 @@ this package helps set them up and read what they return:
   scene set-up   Spectra (named spectral blocks), lambertian, leaf, rpv (materials),
                  sun_direction, look_at, principal_plane, view_direction,
                  load_mesh (OBJ, PLY), make_tree (porous crowns of leaves), leaf_cloud
-                 (a crown of small random leaves)
+                 (a crown of small random leaves), turbid_crowns (crowns of
+                 statistically described leaves that make a target leaf area index)
   running        progress_bar (tqdm), leaf_request (the leaf solver's inputs with
                  typical values), sif_emission (fluorescence spectra per primitive
                  from absorbed light, through photons)
@@ -31,7 +32,7 @@ from vesk.directions import look_at, principal_plane, sun_direction, view_direct
 from vesk.image import save_figure, save_image, tone_map
 from vesk.labels import flux_extent, to_xarray
 from vesk.las import write_las
-from vesk.mesh import Tree, leaf_cloud, load_mesh, make_tree
+from vesk.mesh import Tree, leaf_cloud, load_mesh, make_tree, turbid_crowns
 from vesk.physiology import leaf_request, sif_emission, sif_emission_shape
 from vesk.progress import progress_bar
 from vesk.scan import airborne_line_scan, terrestrial_scan
@@ -43,7 +44,7 @@ from vesk.workflows import (Microclimate, absorbed_shortwave, brightness_tempera
 __version__ = vk.__version__
 
 __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_at",
-           "principal_plane", "view_direction", "load_mesh", "make_tree", "leaf_cloud", "Tree",
+           "principal_plane", "view_direction", "load_mesh", "make_tree", "leaf_cloud", "turbid_crowns", "Tree",
            "save_image", "save_figure", "tone_map", "leaf_request", "sif_emission",
            "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
            "write_las", "airborne_line_scan", "terrestrial_scan", "microclimate",

@@ -189,3 +189,28 @@ def test_flux_helper_gives_the_sky_its_photons_and_the_module_default_leaves_it_
     assert float(both.downwelling.sum()) == pytest.approx(16 * (sun + sky), rel=tol)
     assert float(sun_only.downwelling.sum()) == pytest.approx(16 * sun, rel=1e-3)
     assert both.attrs["prob_sun"] == vesk.sun_share(sp)
+
+
+def test_turbid_crowns_of_black_leaves_absorb_the_vertical_sun_as_beers_law_says():
+    s = vk.EmbreeSceneManager()
+    sp = vesk.Spectra(s, [650])
+    soil, leaf = vesk.lambertian(sp, "soil", 0.0), vesk.leaf(sp, "leaf", 0.0, 0.0)
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(5, 5, soil, 1.0)), 5, 5, 0)
+    sp.set_sun([0, 0, 1], 1.0)
+    s.set_repetitive(10, 10.0, 10.0)
+    with pytest.raises(ValueError, match="leaf_material must be a leaf"):
+        vesk.turbid_crowns(sp, soil, 3, 3, lai=1.0)
+    out = vesk.turbid_crowns(sp, leaf, [3, 7, 3, 7], [3, 3, 7, 7], lai=1.5, crown_radius=1.8,
+                             crown_height=3.0)
+    assert out["leaf_area_density"] * out["crown_volume"] == pytest.approx(150.0)
+    assert s.optical_turbid_medium(0)["leaf_area_density"] == pytest.approx(out["leaf_area_density"])
+    s.build()
+    n = 50000
+    r = vk.simulate_forward_cpu(s, num_photons=n, num_bands=1, terrain_instance_id=0)
+    # Spherical leaves (G = 1/2) over a vertical chord 2c sqrt(1 - (rho/a)^2) of each crown.
+    rho = np.linspace(0, 1.8, 20001)
+    chord = 3.0 * np.sqrt(1 - (rho / 1.8) ** 2)
+    hit = (1 - np.exp(-0.5 * out["leaf_area_density"] * chord)) * 2 * np.pi * rho
+    expected = 4 * np.sum((hit[1:] + hit[:-1]) / 2 * np.diff(rho)) / 100.0
+    # The bounding icosphere is a little narrower than the ellipsoid: 1 % less cross-section.
+    assert r["grid"].sum() / r["incident"][0] == pytest.approx(expected, rel=0.015 + 4 / np.sqrt(n))
