@@ -19,7 +19,8 @@ this package helps set them up and read what they return:
                  temperatures rendered on the same scene), brightness_temperature,
                  fluorescence (SIF from absorbed light to a SIF-only image),
                  simulate_flux (flux grids with sun and sky photons by their energy)
-  LiDAR          write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
+  LiDAR          simulate_lidar / lidar_returns (one intensity definition, sub-bin
+                 ranges, hit instance and material), las_classes, write_las (LAS 1.4), airborne_line_scan, terrestrial_scan
 
 Conventions: +z up, metres, nanometres, kelvin; azimuths are compass bearings
 (0 = north = +y, 90 = east = +x); image row 0 is the bottom of the picture.
@@ -32,6 +33,7 @@ from vesk.directions import look_at, principal_plane, sun_direction, view_direct
 from vesk.image import save_figure, save_image, tone_map
 from vesk.labels import flux_extent, to_xarray
 from vesk.las import write_las
+from vesk.lidar import las_classes, lidar_returns, simulate_lidar
 from vesk.mesh import Tree, leaf_cloud, load_mesh, make_tree, turbid_crowns
 from vesk.physiology import leaf_request, sif_emission, sif_emission_shape
 from vesk.progress import progress_bar
@@ -47,6 +49,6 @@ __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_
            "principal_plane", "view_direction", "load_mesh", "make_tree", "leaf_cloud", "turbid_crowns", "Tree",
            "save_image", "save_figure", "tone_map", "leaf_request", "sif_emission",
            "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
-           "write_las", "airborne_line_scan", "terrestrial_scan", "microclimate",
+           "write_las", "las_classes", "lidar_returns", "simulate_lidar", "airborne_line_scan", "terrestrial_scan", "microclimate",
            "Microclimate", "absorbed_shortwave", "energy_balance", "thermal_image",
            "brightness_temperature", "planck", "fluorescence", "simulate_flux", "sun_share"]
