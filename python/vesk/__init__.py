@@ -33,7 +33,7 @@ from vesk.directions import look_at, principal_plane, sun_direction, view_direct
 from vesk.image import save_figure, save_image, tone_map
 from vesk.labels import flux_extent, to_xarray
 from vesk.las import write_las
-from vesk.lidar import las_classes, lidar_returns, simulate_lidar
+from vesk.lidar import beam_sample_count, las_classes, lidar_returns, simulate_lidar
 from vesk.mesh import Tree, leaf_cloud, load_mesh, make_tree, turbid_crowns
 from vesk.physiology import leaf_request, sif_emission, sif_emission_shape
 from vesk.progress import progress_bar
@@ -49,6 +49,6 @@ __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_
            "principal_plane", "view_direction", "load_mesh", "make_tree", "leaf_cloud", "turbid_crowns", "Tree",
            "save_image", "save_figure", "tone_map", "leaf_request", "sif_emission",
            "sif_emission_shape", "to_xarray", "flux_extent", "progress_bar",
-           "write_las", "las_classes", "lidar_returns", "simulate_lidar", "airborne_line_scan", "terrestrial_scan", "microclimate",
+           "write_las", "las_classes", "lidar_returns", "simulate_lidar", "beam_sample_count", "airborne_line_scan", "terrestrial_scan", "microclimate",
            "Microclimate", "absorbed_shortwave", "energy_balance", "thermal_image",
            "brightness_temperature", "planck", "fluorescence", "simulate_flux", "sun_share"]

@@ -19,6 +19,11 @@ so the range no longer snaps to bin centres. The module deposits each surface re
 in the one bin its range falls into, so a flat target is located to within that bin;
 the fit recovers where the energy of neighbouring bins puts it.
 
+Beam samples: beam_samples_per_dim = n lays an (n + 1) x (n + 1) grid over the square
+around the beam's cross-section; the points inside the circle (the cone) are traced,
+Gaussian-weighted, and the log line "LiDAR (CPU): ... beam samples" prints their number:
+beam_sample_count(n), 81 for the default n = 10 (1 in direct mode).
+
 Ground truth: the pulse axis is traced again (trace_closest) within two bins of each
 return's range (from the origin in direct mode); the surface found gives 'instance'
 and 'material' (-1 where the axis meets nothing there, as for returns from turbid
@@ -57,6 +62,19 @@ def las_classes(spectra, overrides=None):
         classes[mid] = cls
     classes.update(overrides or {})
     return classes
+
+
+def beam_sample_count(beam_samples_per_dim=10, direct_mode=False):
+    """How many rays a waveform pulse traces: the points of the (n + 1) x (n + 1) grid
+    over [-1, 1]^2 with x^2 + y^2 <= 1 (1.0001, against rounding), at least one."""
+    if direct_mode:
+        return 1
+    n = int(beam_samples_per_dim)
+    if n < 1:
+        return 1
+    g = (2.0 * np.arange(n + 1, dtype=np.float32) / np.float32(n) - 1.0).astype(np.float32)
+    x, y = np.meshgrid(g, g)
+    return max(1, int((x * x + y * y <= np.float32(1.0001)).sum()))
 
 
 def _scan_angle(directions):

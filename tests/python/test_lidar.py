@@ -172,3 +172,15 @@ def test_flat_nadir_target_has_one_intensity_in_both_modes(height):
     assert raw["points"][0, 3] < 0.3 * direct["energy"][0]
     assert waveform["energy"][0] == pytest.approx(direct["energy"][0], rel=1e-4)
     assert waveform["material"][0] == direct["material"][0] == 0
+
+
+@pytest.mark.parametrize("n, direct", [(10, False), (3, False), (0, False), (10, True)])
+def test_the_logged_beam_sample_count_is_what_is_traced(n, direct, capfd):
+    s = vk.EmbreeSceneManager()
+    sp = vesk.Spectra(s, [1064])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(20, 20, vesk.lambertian(sp, "g", 0.3), 5)))
+    s.build()
+    vesk.simulate_lidar(s, [[0, 0, 10]], [[0, 0, -1]], beam_samples_per_dim=n, direct_mode=direct)
+    logged = capfd.readouterr()
+    line = [ln for ln in (logged.out + logged.err).splitlines() if ln.startswith("LiDAR (CPU)")][0]
+    assert f" {vesk.beam_sample_count(n, direct)} beam samples" in line, line
