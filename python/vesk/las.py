@@ -54,7 +54,7 @@ def write_las(path, points, scale=0.001, offset=None, wkt=None, pulse_times=None
     wkt: an OGC WKT coordinate system (default: a local engineering system in metres).
     pulse_times: seconds for each pulse index, written as GPS time (default: the pulse
     index itself). intensity_max: the energy that maps to 65535 (default: the largest).
-    Returns the number of points written.
+    Folders in `path` are created as needed. Returns the number of points written.
     """
     material = angle = None
     if getattr(points, "dtype", None) is not None and points.dtype.names:
@@ -111,6 +111,11 @@ def write_las(path, points, scale=0.001, offset=None, wkt=None, pulse_times=None
         0, 0, 0, 0, 0, scale, scale, scale, *offset,
         hi[0], lo[0], hi[1], lo[1], hi[2], lo[2], 0, 0, 0, n, *by_return)
     assert len(header) == HEADER_SIZE
+    import os
+
+    folder = os.path.dirname(os.fspath(path))
+    if folder:
+        os.makedirs(folder, exist_ok=True)
     with open(path, "wb") as f:
         f.write(header + wkt_vlr + extra_vlr + rec.tobytes())
     return n

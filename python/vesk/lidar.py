@@ -26,8 +26,9 @@ beam_sample_count(n), 81 for the default n = 10 (1 in direct mode).
 
 Ground truth: the pulse axis is traced again (trace_closest) within two bins of each
 return's range (from the origin in direct mode); the surface found gives 'instance'
-and 'material' (-1 where the axis meets nothing there, as for returns from turbid
-volumes or from beam samples off the axis).
+and 'material'. A return with no surface there that lies inside a turbid medium takes
+the instance and material of the medium's boundary (looking back along the axis, the
+first surface met); otherwise both are -1 (beam samples off the axis).
 """
 import numpy as np
 
@@ -126,6 +127,17 @@ def lidar_returns(scene, result, pulse_origins, pulse_directions, *, direct_mode
     window = 0.0 if direct_mode else 2.0 * range_resolution
     t_min = np.maximum(rng - window, 0.0) if window else 0.0
     hits = _trace(scene, origins[pulse], dirs[pulse], t_min, rng + max(window, 1e-3))
+    media = np.asarray(scene.material_medium_ids(), np.int64)
+    lost = np.flatnonzero(hits[0] < 0)
+    if len(lost) and (media >= 0).any():
+        # A volume return: looking back from the point, the first surface is the boundary
+        # of the medium it lies in.
+        back = scene.trace_closest(xyz[lost].astype(np.float32), (-dirs[pulse][lost]).astype(np.float32),
+                                   0.0, float(rng[lost].max()) + 1.0)
+        m = np.where(back["hit"], back["material_id"], -1)
+        inside = (m >= 0) & (media[np.maximum(m, 0)] >= 0)
+        hits[0][lost[inside]] = back["instance_id"][inside]
+        hits[1][lost[inside]] = m[inside]
     out["x"], out["y"], out["z"] = xyz.T
     out["energy"], out["range"], out["pulse"] = energy, rng, pulse
     out["return_number"], out["num_returns"] = pts[:, 4], pts[:, 5]
@@ -139,7 +151,7 @@ def _trace(scene, origins, dirs, t_min, t_max):
     o = (origins + np.broadcast_to(t_min, (len(origins),))[:, None] * dirs).astype(np.float32)
     hit = scene.trace_closest(o, dirs.astype(np.float32), 0.0, float(np.max(t_max - t_min)) + 1.0)
     inside = hit["hit"] & (hit["t"] <= (t_max - t_min))
-    return (np.where(inside, hit["instance_id"], -1), np.where(inside, hit["material_id"], -1))
+    return [np.where(inside, hit["instance_id"], -1), np.where(inside, hit["material_id"], -1)]
 
 
 def simulate_lidar(scene, pulse_origins, pulse_directions, **options):
