@@ -3,72 +3,67 @@
 Trees with turbid crowns (volumes of leaves) stand on a soil; an airborne line scanner
 flies over them at 60 m. Each pulse's beam is sampled by a grid of rays; the surface
 returns of soil and stems and the volume returns of the crowns are binned by range,
-convolved with a 4 ns pulse and peak-picked into points, written to out/canopy.las
-(LAS 1.4, point format 6). One pulse's waveform through a crown is plotted to
-out/lidar_waveform.png.
+convolved with a 4 ns pulse and peak-picked into points. vesk.simulate_lidar gives each
+point its return energy (the whole return, as in direct mode), a range refined between
+bin centres, and the material its pulse axis meets there; vesk.write_las writes them to
+out/canopy.las (LAS 1.4, point format 6) with LAS classes from the material names
+(soil 2, leaves and bark 5) and the scan angles. One pulse's waveform through a crown
+is plotted to out/lidar_waveform.png.
 
 Run with:  PYTHONPATH=build/python /usr/bin/python3 examples/lidar.py
 """
-import os
-
-import matplotlib
-
-matplotlib.use("Agg")
 import matplotlib.pyplot as plt
 import numpy as np
 
 import vesk
-import vesk_gpu as vk
 
-F = np.float32
+vk = vesk.vk
 scene = vk.EmbreeSceneManager()
-scene.set_num_bands(1)  # one wavelength: the laser's, 1064 nm
-# soil; leaf front, back, transmittance; bark
-scene.upload_spectral_params(np.array([0.35, 0.45, 0.43, 0.42, 0.5], F))
-soil = scene.add_material(0, 0, [])
-leaf = scene.add_material(13, 1, [0.45, 0.42])
-bark = scene.add_material(0, 4, [])
+spectra = vesk.Spectra(scene, [1064])  # one wavelength: the laser's
+soil = vesk.lambertian(spectra, "soil", 0.35)
+leaf = vesk.leaf(spectra, "leaf", 0.45, 0.42, back_reflectance=0.43)
+bark = vesk.lambertian(spectra, "bark", 0.5)
 scene.add_instance(scene.add_mesh(**vk.make_ground_plane(30.0, 30.0, soil, 5.0)))
-crown = scene.add_mesh(**vk.make_sphere(1.0, np.zeros(3, F), 3), material_id=leaf)
 stem = scene.add_mesh(**vk.make_cylinder(0.25, 6.0, 12), material_id=bark)
-rng = np.random.default_rng(7)
-trees = rng.uniform(-20.0, 20.0, size=(12, 2))
+trees = np.random.default_rng(7).uniform(-20.0, 20.0, size=(12, 2))
 for x, y in trees:
     scene.add_instance(stem, x, y, 0.0)
-    scene.add_instance_xform(crown, np.array([3.0, 0, 0, x, 0, 3.0, 0, y, 0, 0, 2.5, 8.0], F))
-# The leaf material bounds a turbid medium: 0.8 m2 of leaf per m3, spherical leaves.
-scene.set_optical_turbid_media([0.8], [0], [1], [0.05], [-1, 0, -1])
+# Turbid crowns 6 m wide and 5 m tall (spherical leaves) with a leaf area index of 0.25
+# over the 60 m x 60 m ground: about 0.8 m2 of leaf per m3 of crown.
+crowns = vesk.turbid_crowns(spectra, leaf, trees[:, 0], trees[:, 1], lai=0.25, crown_radius=3.0,
+                            crown_height=5.0, crown_base=5.5, ground_area=3600.0)
+print(f"crown leaf area density {crowns['leaf_area_density']:.2f} m2 m-3")
 scene.build()
 
 # 2 s of flight northward at 20 m/s, 2000 pulses/s, +-20 degrees across track.
 origins, directions, times = vesk.airborne_line_scan((0.0, -20.0), 0.0, 60.0, 20.0, 2000.0,
                                                      20.0, 25.0, 2.0)
 n = len(times)
-r = vk.simulate_lidar_cpu(scene, origins, directions, n, beam_half_angle_rad=0.00025,
-                          beam_samples_per_dim=6, range_resolution=0.15, min_range=40.0,
-                          max_range=80.0, max_returns_per_pulse=5)
-points = r["points"]
-first = points[points[:, 4] == 1]  # one record a pulse that returned anything
-counts = np.bincount(first[:, 5].astype(int))
-print(f"{n} pulses, {r['num_returns']} returns; pulses by number of returns: "
+points, r = vesk.simulate_lidar(scene, origins, directions, beam_half_angle_rad=0.00025,
+                                beam_samples_per_dim=6, range_resolution=0.15, min_range=40.0,
+                                max_range=80.0, max_returns_per_pulse=5)
+first = points[points["return_number"] == 1]  # one record a pulse that returned anything
+counts = np.bincount(first["num_returns"])
+print(f"{n} pulses, {len(points)} returns; pulses by number of returns: "
       f"{ {k: int(c) for k, c in enumerate(counts) if k and c} }")
-
-os.makedirs("out", exist_ok=True)
-vesk.write_las("out/canopy.las", points, scale=0.001, pulse_times=times)
+classes = vesk.las_classes(spectra)
+print("points by LAS class:", {c: int(sum(classes.get(int(m), 1) == c for m in points["material"]))
+                               for c in (1, 2, 5)})
+vesk.write_las("out/canopy.las", points, scale=0.001, pulse_times=times, classes=classes)
 print("wrote out/canopy.las")
 
 # The pulse with the most returns: crown top, inside the crown, the soil.
-p = int(np.bincount(points[:, 7].astype(int)).argmax())
+p = int(np.bincount(points["pulse"]).argmax())
 ranges = r["waveform"].shape[1]
 rr = 40.0 + (np.arange(ranges) + 0.5) * 0.15
 fig, ax = plt.subplots(figsize=(7, 3.5))
 ax.plot(rr, r["waveform"][p, :, 0], color="darkgreen")
-mine = points[points[:, 7] == p]
-ax.plot(mine[:, 6], mine[:, 3], "o", color="crimson", label="returns")
+mine = r["points"][r["points"][:, 7] == p]
+ax.plot(mine[:, 6], mine[:, 3], "o", color="crimson", label="returns (peak bin)")
 ax.set_xlabel("range (m)")
 ax.set_ylabel("received energy per bin (J)")
 ax.set_title(f"waveform of pulse {p}")
 ax.legend()
 fig.tight_layout()
-fig.savefig("out/lidar_waveform.png", dpi=100)
+vesk.save_figure("out/lidar_waveform.png", fig)
 print("wrote out/lidar_waveform.png")

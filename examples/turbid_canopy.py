@@ -1,9 +1,10 @@
 """Turbid crowns: the quickstart's trees with crowns of statistically described leaves.
 
 Each crown is a closed ellipsoid mesh whose material names an optical turbid medium: a
-volume of leaves (here 1.5 m2 of leaf per m3, spherical leaf angle distribution, 5 cm
-leaves for the hot spot) that rays enter and leave through the mesh, colliding with
-leaves along exponential free paths. The picture puts the turbid canopy beside the
+volume of leaves (spherical leaf angle distribution, 5 cm leaves for the hot spot) that
+rays enter and leave through the mesh, colliding with leaves along exponential free
+paths. vesk.turbid_crowns places them and sets their leaf area density so that the
+stand has a leaf area index of 0.2 over its 40 m x 40 m ground. The picture puts the turbid canopy beside the
 quickstart's solid-crowned one (left), and the forward tracer prints the canopy's fAPAR.
 Written to out/turbid_canopy.png.
 
@@ -12,59 +13,34 @@ Run with:  PYTHONPATH=build/python /usr/bin/python3 examples/turbid_canopy.py
 import numpy as np
 
 import vesk
-import vesk_gpu as vk
 
-F = np.float32
-spectra = {  # red, green, blue
-    "soil": [0.25, 0.20, 0.14],
-    "leaf_front": [0.06, 0.14, 0.04], "leaf_back": [0.09, 0.17, 0.06],
-    "leaf_transmit": [0.05, 0.13, 0.03],
-    "bark": [0.22, 0.16, 0.10],
-    "sun": [1.55, 1.80, 1.95],   # W m-2 nm-1
-    "sky": [0.03, 0.05, 0.09],   # W m-2 sr-1 nm-1
-}
+vk = vesk.vk
 
 
 def canopy(turbid):
     scene = vk.EmbreeSceneManager()
-    scene.set_num_bands(3)
-    offset, buffer = {}, []
-    for name, values in spectra.items():
-        offset[name] = len(buffer)
-        buffer += values
-    scene.upload_spectral_params(np.array(buffer, F))
-    soil = scene.add_material(0, offset["soil"], [])
-    leaf = scene.add_material(13, offset["leaf_front"], [0.10, 0.07])
-    bark = scene.add_material(0, offset["bark"], [])
-    ground = scene.add_mesh(**vk.make_ground_plane(20.0, 20.0, soil, 4.0))
-    crown = scene.add_mesh(**vk.make_sphere(1.0, np.zeros(3, F), subdivisions=3),
-                           material_id=leaf)
+    spectra = vesk.Spectra(scene, [650, 550, 470])  # red, green, blue
+    soil = vesk.lambertian(spectra, "soil", [0.25, 0.20, 0.14])
+    leaf = vesk.leaf(spectra, "leaf", [0.06, 0.14, 0.04], [0.05, 0.13, 0.03],
+                     back_reflectance=[0.09, 0.17, 0.06])
+    bark = vesk.lambertian(spectra, "bark", [0.22, 0.16, 0.10])
+    scene.add_instance(scene.add_mesh(**vk.make_ground_plane(20.0, 20.0, soil, 4.0)))
     stem = scene.add_mesh(**vk.make_cylinder(0.2, 3.0, segments=12), material_id=bark)
-    scene.add_instance(ground)
     rng = np.random.default_rng(3)
-    for x, y in rng.uniform(-14.0, 14.0, size=(9, 2)):
-        s = rng.uniform(0.7, 1.3)
+    xy = rng.uniform(-14.0, 14.0, size=(9, 2))
+    size = np.array([rng.uniform(0.7, 1.3) for _ in range(9)])
+    for (x, y), s in zip(xy, size):
         scene.add_instance(stem, x, y, 0.0, s)
-        if turbid:  # an ellipsoid, 1.8 m wide and 1.5 m tall at size 1
-            scene.add_instance_xform(crown, np.array([1.8 * s, 0, 0, x, 0, 1.8 * s, 0, y,
-                                                      0, 0, 1.5 * s, 4.2 * s], F))
-        else:
+    if turbid:  # ellipsoids 3.6 m wide and 3 m tall at size 1
+        vesk.turbid_crowns(spectra, leaf, xy[:, 0], xy[:, 1], lai=0.2, crown_radius=1.8 * size,
+                           crown_height=3.0 * size, crown_base=2.7 * size, ground_area=40.0 * 40.0)
+    else:
+        crown = scene.add_mesh(**vk.make_sphere(1.0, np.zeros(3, np.float32), subdivisions=3), material_id=leaf)
+        for (x, y), s in zip(xy, size):
             scene.add_instance(crown, x, y, 4.2 * s, 1.5 * s)
-    if turbid:
-        # The leaf material bounds medium 0; its leaves scatter with that material.
-        scene.set_optical_turbid_media(leaf_area_density=[1.5], leaf_angle_types=[0],
-                                       orientations=[1], leaf_characteristic_lengths=[0.05],
-                                       material_medium_ids=[-1, 0, -1])
-    sun = np.array([0.45, -0.35, 0.82], F)
-    scene.set_emitter(0, sun / np.linalg.norm(sun), offset["sun"])
-    scene.set_sky(offset["sky"])
-    eye = np.array([-26.0, -26.0, 16.0])
-    back = eye / np.linalg.norm(eye)
-    right = np.cross([0.0, 0.0, 1.0], back)
-    right /= np.linalg.norm(right)
-    cam = np.eye(4)
-    cam[:3, 0], cam[:3, 1], cam[:3, 2], cam[:3, 3] = right, np.cross(back, right), back, eye
-    scene.set_sensor(1, 320, 240, 0.0, 0.0, cam.astype(F).ravel(), fov=45.0)
+    spectra.set_sun([0.45, -0.35, 0.82], [1.55, 1.80, 1.95])  # W m-2 nm-1
+    spectra.set_sky([0.03, 0.05, 0.09])                       # W m-2 sr-1 nm-1
+    scene.set_sensor(1, 320, 240, 0.0, 0.0, vesk.look_at([-26, -26, 16], [0, 0, 0]), fov=45.0)
     scene.build()
     return scene
 

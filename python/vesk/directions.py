@@ -40,7 +40,11 @@ def sun_direction(zenith_deg, azimuth_deg):
     """Unit vector towards the sun (float32, 3) for set_emitter: zenith angle from the
     vertical, azimuth as a compass bearing (0 north = +y, 90 east = +x, 180 south = -y).
     A sun in the south at 30 degrees zenith is sun_direction(30, 180) = (0, -0.5, 0.87).
-    Photon tracers emit nothing for a sun within 0.6 degrees of the horizon."""
+    Photon tracers emit nothing for a sun within 0.6 degrees of the horizon; a zenith
+    angle outside [0, 90) degrees (a sun at or below the horizon) is refused."""
+    if not (np.isfinite(zenith_deg) and 0.0 <= zenith_deg < 90.0):
+        raise ValueError(f"zenith_deg must lie in [0, 90): {zenith_deg} puts the sun at or "
+                         "below the horizon")
     z, a = np.radians(zenith_deg), np.radians(azimuth_deg)
     return np.array([np.sin(z) * np.sin(a), np.sin(z) * np.cos(a), np.cos(z)], np.float32)
 

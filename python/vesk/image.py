@@ -2,7 +2,8 @@
 
 The tone map, in order:
   1. pick the bands shown as red, green and blue (or one band, shown grey), and turn
-     the rows over: the module's row 0 is the bottom of the picture;
+     the rows over (unless flip=False): the module's row 0 is the bottom of the
+     picture, a display's row 0 its top;
   2. multiply by `exposure`; by default the exposure puts the log-average luminance
      of the picture at KEY = 0.25 (the "key" of Reinhard et al. 2002, a little above
      mid-grey), so a picture of sunlit soil and leaves is neither dark nor washed out;
@@ -19,7 +20,7 @@ GAMMA = 2.2
 _LUMA = np.array([0.2126, 0.7152, 0.0722])
 
 
-def _pick(image, bands):
+def _pick(image, bands, flip=True):
     img = np.asarray(image, np.float64)
     if img.ndim == 2:
         img = img[..., None]
@@ -30,7 +31,7 @@ def _pick(image, bands):
     bands = tuple(int(b) for b in np.atleast_1d(bands))
     if len(bands) not in (1, 3):
         raise ValueError("bands: give three band indices (red, green, blue) or one (grey)")
-    img = img[::-1][..., list(bands)]
+    img = (img[::-1] if flip else img)[..., list(bands)]
     return np.where(np.isfinite(img) & (img > 0), img, 0.0)
 
 
@@ -47,10 +48,16 @@ def auto_exposure(image, bands=None):
     return float(KEY / np.exp(np.mean(np.log(y))))
 
 
-def tone_map(image, bands=None, exposure=None):
-    """Display values in [0, 1], (height, width, 3) or (height, width, 1), top row
-    first, and the exposure used; see the module's description of the steps."""
-    rgb = _pick(image, bands)
+def tone_map(image, bands=None, exposure=None, flip=True):
+    """Display values in [0, 1], (height, width, 3) or (height, width, 1), and the
+    exposure used; see the module's description of the steps.
+
+    Row order: with flip=True (the default) row 0 of the result is the TOP of the
+    picture, ready for an image file or plt.imshow; the payloads of simulate_cpu have
+    row 0 at the bottom, so the result is the payload's rows reversed. flip=False keeps
+    the payload's order (row 0 at the bottom), pixel for pixel with the payload, as
+    plt.imshow(..., origin="lower") shows it."""
+    rgb = _pick(image, bands, flip)
     if exposure is None:
         exposure = auto_exposure(image, bands)
     rgb = rgb * float(exposure)

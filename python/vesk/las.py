@@ -1,9 +1,11 @@
 """LAS 1.4 point clouds (ASPRS LAS 1.4 R15), point data record format 6, written by hand.
 
 Each point record holds scaled int32 XYZ, intensity scaled to uint16, return number and
-number of returns, GPS time (the pulse time, or the pulse index) and a point source id,
-followed by two extra-byte float32 fields, `energy` (the simulated return energy, as
-float) and `range` (metres). The WKT bit is set, with a WKT VLR: a local engineering
+number of returns, the classification (from the material each point hit, through a
+user map), the scan angle (0.006 degree steps off nadir, + east), GPS time (the pulse
+time, or the pulse index) and a point source id, followed by two extra-byte float32
+fields, `energy` (the return energy in J, as vesk.lidar defines it) and `range`
+(metres). The WKT bit is set, with a WKT VLR: a local engineering
 coordinate system in metres unless one is given.
 """
 import datetime
@@ -38,18 +40,30 @@ def _extra_bytes_descriptor(name, description):
 
 
 def write_las(path, points, scale=0.001, offset=None, wkt=None, pulse_times=None,
-              point_source_id=0, intensity_max=None):
-    """Write the (N, 8) point records of simulate_lidar_cpu to a LAS 1.4 file.
+              point_source_id=0, intensity_max=None, classes=None):
+    """Write LiDAR points to a LAS 1.4 file.
 
-    points: float array (N, 8): x, y, z, intensity, return number, returns of the pulse,
-    range, pulse index. scale: metres per coordinate step (all three axes); offset: the
+    points: the returns of vesk.simulate_lidar / vesk.lidar_returns (a structured array,
+    with the return energy, hit material and scan angle), or the (N, 8) float records of
+    simulate_lidar_cpu: x, y, z, intensity, return number, returns of the pulse, range,
+    pulse index (classification 0 and scan angle 0 then).
+    classes: {material id: LAS class} (vesk.las_classes(spectra) gives ground 2,
+    vegetation 5, building 6 by the material names); materials not in it, and points
+    that hit nothing known, get 1 (unclassified). scale: metres per coordinate step (all three axes); offset: the
     coordinate offsets (default: the minimum corner, rounded down to whole metres).
     wkt: an OGC WKT coordinate system (default: a local engineering system in metres).
     pulse_times: seconds for each pulse index, written as GPS time (default: the pulse
     index itself). intensity_max: the energy that maps to 65535 (default: the largest).
-    Returns the number of points written.
+    Folders in `path` are created as needed. Returns the number of points written.
     """
-    pts = np.asarray(points, np.float64).reshape(-1, 8)
+    material = angle = None
+    if getattr(points, "dtype", None) is not None and points.dtype.names:
+        r = points
+        pts = np.stack([r["x"], r["y"], r["z"], r["energy"], r["return_number"],
+                        r["num_returns"], r["range"], r["pulse"]], axis=1).astype(np.float64)
+        material, angle = np.asarray(r["material"]), np.asarray(r["scan_angle"], np.float64)
+    else:
+        pts = np.asarray(points, np.float64).reshape(-1, 8)
     if not np.isfinite(pts).all():
         raise ValueError("points contains a non-finite value")
     n = len(pts)
@@ -73,6 +87,12 @@ def write_las(path, points, scale=0.001, offset=None, wkt=None, pulse_times=None
     rec["X"], rec["Y"], rec["Z"] = steps.T.astype(np.int32)
     rec["intensity"] = np.clip(np.round(energy / top * 65535) if top > 0 else 0, 0, 65535)
     rec["returns"] = rn | (nr << 4)
+    if material is not None:
+        table = classes or {}
+        if any(not 0 <= int(c) <= 255 for c in table.values()):
+            raise ValueError("classes: LAS classes are 0..255")
+        rec["classification"] = [table.get(int(m), 1) if m >= 0 else 1 for m in material]
+        rec["scan_angle"] = np.clip(np.round(angle / 0.006), -30000, 30000)
     rec["point_source_id"] = point_source_id
     rec["gps_time"] = times
     rec["energy"], rec["range"] = energy, pts[:, 6]
@@ -91,6 +111,11 @@ def write_las(path, points, scale=0.001, offset=None, wkt=None, pulse_times=None
         0, 0, 0, 0, 0, scale, scale, scale, *offset,
         hi[0], lo[0], hi[1], lo[1], hi[2], lo[2], 0, 0, 0, n, *by_return)
     assert len(header) == HEADER_SIZE
+    import os
+
+    folder = os.path.dirname(os.fspath(path))
+    if folder:
+        os.makedirs(folder, exist_ok=True)
     with open(path, "wb") as f:
         f.write(header + wkt_vlr + extra_vlr + rec.tobytes())
     return n

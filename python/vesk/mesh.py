@@ -171,6 +171,22 @@ def load_mesh(path):
     raise ValueError(f"load_mesh reads .obj and .ply files, not {ext or 'this file'}")
 
 
+def leaf_cloud(n_leaves, centre, radii, leaf_size, rng):
+    """A crown of n_leaves small triangular leaves as a mesh dict for scene.add_mesh
+    (give material_id too): leaf centres uniform in the ellipsoid of semi-axes `radii`
+    (m) around `centre`, each corner a normal deviate of standard deviation leaf_size
+    (m) around its centre, so leaves have random sizes and orientations. rng: a
+    numpy Generator, so that several crowns follow one seeded stream."""
+    if n_leaves < 1 or not leaf_size > 0 or np.any(np.asarray(radii, np.float64) <= 0):
+        raise ValueError("leaf_cloud needs n_leaves >= 1 and positive radii and leaf_size")
+    c = rng.normal(size=(n_leaves, 3))
+    c *= rng.uniform(size=(n_leaves, 1)) ** (1 / 3) / np.linalg.norm(c, axis=1, keepdims=True)
+    c = c * np.asarray(radii, np.float64) + np.asarray(centre, np.float64)
+    v = c[:, None, :] + leaf_size * rng.normal(size=(n_leaves, 3, 3))
+    return {"vertices": v.reshape(-1, 3).astype(F), "normals": np.zeros((0, 3), F),
+            "indices": np.arange(3 * n_leaves, dtype=np.int32).reshape(-1, 3)}
+
+
 def make_tree(scene, leaf_material, bark_material, crown_radius=1.5, crown_height=3.0,
               trunk_height=2.0, trunk_radius=0.12, leaf_area_density=1.0, leaf_size=0.15,
               seed=0):
@@ -246,3 +262,64 @@ class Tree:
         if x.ndim == 0:
             return int(crowns[0]), int(trunks[0])
         return crowns, trunks
+
+
+LEAF_ANGLES = {"spherical": 0, "planophile": 1, "erectophile": 2, "plagiophile": 3,
+               "extremophile": 4, "uniform": 5}
+
+
+def _enclosed_volume(mesh):
+    """Volume enclosed by a closed, outward-wound triangle mesh (divergence theorem)."""
+    v = np.asarray(mesh["vertices"], np.float64)[np.asarray(mesh["indices"])]
+    return float(np.einsum("ij,ij->i", v[:, 0], np.cross(v[:, 1], v[:, 2])).sum() / 6.0)
+
+
+def turbid_crowns(spectra, leaf_material, x, y, lai, crown_radius=1.0, crown_height=2.0,
+                  crown_base=1.0, leaf_angle="spherical", leaf_size=0.05, ground_area=None):
+    """Ellipsoidal turbid crowns whose leaf area makes the leaf area index `lai` (m2 of
+    leaf per m2 of ground) over `ground_area` (default: the tile of a repeated scene).
+
+    x, y: crown centres (m, one value or one per crown); crown_radius, crown_height,
+    crown_base (m, one value or one per crown): the ellipsoid's horizontal radius, its
+    height and the height of its bottom. Every crown gets the same leaf area density,
+    lai x ground_area / (total crown volume), with the volume of the mesh that bounds
+    the medium (an icosphere, a little under the ellipsoid's), so the leaf area inside
+    the crowns is exactly lai x ground_area. leaf_angle: one of LEAF_ANGLES; leaf_size:
+    the hot-spot length (m). The leaves scatter with leaf_material (a vesk.leaf).
+
+    Call it after adding every material through `spectra` (the media table names one
+    entry per material). Returns a dict: 'leaf_area_density' m2 m-3, 'crown_volume' m3
+    (all crowns), 'leaf_area' m2, 'instances' (instance ids)."""
+    import vesk_gpu
+
+    scene = spectra.scene
+    if leaf_angle not in LEAF_ANGLES:
+        raise ValueError(f"leaf_angle must be one of {sorted(LEAF_ANGLES)}, not {leaf_angle!r}")
+    if leaf_material not in spectra.materials or spectra.materials[leaf_material][0] != 13:
+        raise ValueError("leaf_material must be a leaf made by vesk.leaf with this Spectra")
+    if not (np.isfinite(lai) and lai > 0):
+        raise ValueError(f"lai must be a positive number, not {lai}")
+    if ground_area is None:
+        _, w, h = scene.repetitive_config()
+        if not (w > 0 and h > 0):
+            raise ValueError("give ground_area (m2): the scene is not repeated over a tile")
+        ground_area = w * h
+    x, y, r, ht, base = np.broadcast_arrays(*(np.atleast_1d(np.asarray(a, np.float64)) for a in
+                                              (x, y, crown_radius, crown_height, crown_base)))
+    if (r <= 0).any() or (ht <= 0).any() or not leaf_size >= 0:
+        raise ValueError("crown_radius and crown_height must be positive, leaf_size not negative")
+    sphere = vesk_gpu.make_sphere(1.0, np.zeros(3, F), subdivisions=3)
+    unit_volume = _enclosed_volume(sphere)
+    mesh = scene.add_mesh(**sphere, material_id=leaf_material)
+    instances = [scene.add_instance_xform(mesh, np.array(
+        [ri, 0, 0, xi, 0, ri, 0, yi, 0, 0, hi / 2, bi + hi / 2], F))
+        for xi, yi, ri, hi, bi in zip(x, y, r, ht, base)]
+    volume = float(unit_volume * (r * r * ht / 2).sum())
+    density = lai * ground_area / volume
+    media = [-1] * (max(spectra.materials) + 1)
+    media[leaf_material] = 0
+    scene.set_optical_turbid_media(leaf_area_density=[density], leaf_angle_types=[LEAF_ANGLES[leaf_angle]],
+                                   orientations=[1], leaf_characteristic_lengths=[leaf_size],
+                                   material_medium_ids=media)
+    return {"leaf_area_density": density, "crown_volume": volume, "leaf_area": lai * ground_area,
+            "instances": instances}

@@ -25,8 +25,12 @@ def leaf_request(apar, max_iterations=80, tolerance=1e-4, **values):
     Any value of TYPICAL_LEAF can be overridden by keyword, with one number for all
     leaves or one per leaf; other request keys ('dynamic_energy_balance' and its
     inputs) pass through as given."""
+    from vesk.workflows import check_temperature
+
     apar = np.asarray(apar, np.float32)
     apar = apar[:, None] if apar.ndim == 1 else apar
+    if "temperature" in values:
+        check_temperature("temperature", values["temperature"])
     n = len(apar)
     request = {"apar": apar, "max_iterations": max_iterations, "tolerance": tolerance}
     for key, value in {**TYPICAL_LEAF, **values}.items():

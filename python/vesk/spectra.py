@@ -11,6 +11,11 @@ Layouts read by the materials (blocks in this order, each n_bands long):
   leaf (type 13)       front reflectance, back reflectance, transmittance
   RPV (type 1)         rho0 (stored / pi, see rpv), k, Theta, rho_c
 Sun: irradiance at normal incidence, W m-2 nm-1. Uniform sky: radiance, W m-2 sr-1 nm-1.
+
+Physical checks: reflectances and transmittances must lie in [0, 1], and so must
+reflectance + transmittance on each side of a leaf (a leaf cannot scatter more than it
+receives); a sun below the horizon is refused. Each refusal is a ValueError that names
+the entry.
 """
 import numpy as np
 
@@ -30,13 +35,17 @@ class Spectra:
     same value in every band.
     """
 
-    def __init__(self, scene, wavelengths_nm):
+    def __init__(self, scene, wavelengths_nm, widths_nm=None):
         wl = np.atleast_1d(np.asarray(wavelengths_nm, np.float32))
         if wl.ndim != 1 or len(wl) == 0 or not np.all(np.isfinite(wl)) or np.any(wl <= 0):
             raise ValueError("wavelengths_nm must be a nonempty list of positive numbers (nm)")
         self.scene = scene
         self.wavelengths = wl
+        self.widths = _widths(wl, widths_nm)
         self.offsets = {}
+        self.materials = {}  # material id -> (type, entry name, scalar params)
+        self.sun_name = self.sky_name = None
+        self.sun_vector = None
         self._blocks = []
         scene.set_num_bands(len(wl))
         scene.set_thermal_mode(scene.thermal_mode(), wl)
@@ -65,6 +74,69 @@ class Spectra:
         self.scene.upload_spectral_params(self.buffer)
         return self.offsets[name]
 
+    def set_sun(self, direction, irradiance, name="sun"):
+        """Add the sun's spectrum (W m-2 nm-1 at normal incidence) as entry `name` and point
+        the scene's sun at it, shining from `direction` (towards the sun, as
+        vesk.sun_direction gives it). A sun at or below the horizon is refused. Returns the
+        entry's offset. The workflow helpers read the sun from here."""
+        d = np.asarray(direction, np.float64).reshape(3)
+        norm = np.linalg.norm(d)
+        if not np.isfinite(norm) or norm == 0.0:
+            raise ValueError("direction must be a finite, nonzero vector towards the sun")
+        d = d / norm
+        if d[2] <= 0.0:
+            raise ValueError(f"the sun is below the horizon (direction z = {d[2]:.3f}); "
+                             "the direction points from the scene towards the sun, +z up")
+        offset = self.add(name, irradiance)
+        if (self.values(name) < 0).any():
+            raise ValueError(f"{name}: the irradiance cannot be negative")
+        self.scene.set_emitter(0, d.astype(np.float32), offset)
+        self.sun_name, self.sun_vector = name, d
+        return offset
+
+    def set_sky(self, radiance, name="sky"):
+        """Add a uniform sky of radiance W m-2 sr-1 nm-1 as entry `name` and select it;
+        returns the entry's offset."""
+        offset = self.add(name, radiance)
+        if (self.values(name) < 0).any():
+            raise ValueError(f"{name}: the sky radiance cannot be negative")
+        self.scene.set_sky(offset)
+        self.sky_name = name
+        return offset
+
+    def sun_irradiance(self):
+        """The sun's irradiance at normal incidence in each band, W m-2 (the spectrum times
+        the band widths), or zeros without a sun."""
+        if self.sun_name is None:
+            return np.zeros(self.n_bands)
+        return self.values(self.sun_name).astype(np.float64) * self.widths
+
+    def sky_radiance(self):
+        """The sky's radiance in each band, W m-2 sr-1 (times the band widths), or zeros."""
+        if self.sky_name is None:
+            return np.zeros(self.n_bands)
+        return self.values(self.sky_name).astype(np.float64) * self.widths
+
+    def _material(self, type_, name, params):
+        mid = self.scene.add_material(type_, self.offsets[name], params)
+        self.materials[mid] = (type_, name, list(params))
+        return mid
+
+    def optics(self, material_id):
+        """(front reflectance, back reflectance, transmittance), each (bands,) float64, of a
+        material made by lambertian, leaf or rpv (RPV: its rho0, the BRF-scale
+        brightness), and whether it is a two-sided leaf."""
+        if material_id not in self.materials:
+            raise ValueError(f"material {material_id} was not made through this Spectra "
+                             "(use vesk.lambertian, vesk.leaf or vesk.rpv)")
+        type_, name, _ = self.materials[material_id]
+        v = lambda block: self.values(name, block).astype(np.float64)  # noqa: E731
+        if type_ == LEAF:
+            return v(0), v(1), v(2), True
+        if type_ == RPV:
+            return v(0) * np.pi, v(0) * np.pi, np.zeros(self.n_bands), False
+        return v(0), v(0), np.zeros(self.n_bands), False
+
     def __getitem__(self, name):
         """The offset of entry `name`."""
         return self.offsets[name]
@@ -86,10 +158,37 @@ class Spectra:
         return v
 
 
+def _widths(wl, widths_nm):
+    """Band widths in nm: given, or reaching halfway to the neighbouring centres (a lone
+    band without widths counts 1 nm, so its values stay per nanometre)."""
+    if widths_nm is not None:
+        w = np.broadcast_to(np.asarray(widths_nm, np.float64), wl.shape).copy()
+        if not (np.isfinite(w).all() and (w > 0).all()):
+            raise ValueError("widths_nm must be positive numbers (nm), one per band")
+        return w
+    if len(wl) == 1:
+        return np.ones(1)
+    order = np.argsort(wl)
+    c = wl[order].astype(np.float64)
+    edges = np.concatenate([[c[0] - (c[1] - c[0]) / 2], (c[1:] + c[:-1]) / 2,
+                            [c[-1] + (c[-1] - c[-2]) / 2]])
+    w = np.empty(len(wl))
+    w[order] = np.diff(edges)
+    return w
+
+
+def _fraction(spectra, name, what, values):
+    v = np.asarray(values, np.float64)
+    if (v < 0).any() or (v > 1).any():
+        raise ValueError(f"{name}: {what} must lie in [0, 1] in every band "
+                         f"(found {v.min():.3g} to {v.max():.3g})")
+
+
 def lambertian(spectra, name, reflectance):
     """A Lambertian (diffuse) material of reflectance 0..1 per band; returns its id."""
-    offset = spectra.add(name, reflectance)
-    return spectra.scene.add_material(LAMBERTIAN, offset, [])
+    _fraction(spectra, name, "the reflectance", reflectance)
+    spectra.add(name, reflectance)
+    return spectra._material(LAMBERTIAN, name, [])
 
 
 def leaf(spectra, name, reflectance, transmittance, back_reflectance=None):
@@ -97,9 +196,15 @@ def leaf(spectra, name, reflectance, transmittance, back_reflectance=None):
     (the back defaults to the front) and its transmittance, each 0..1 per band; returns
     its id. Paths choose reflection or transmission in the ratio of the band means."""
     back = reflectance if back_reflectance is None else back_reflectance
-    offset = spectra.add(name, reflectance, back, transmittance)
+    for what, v in (("the reflectance", reflectance), ("the back reflectance", back),
+                    ("the transmittance", transmittance)):
+        _fraction(spectra, name, what, v)
+    t = np.asarray(transmittance, np.float64)
+    _fraction(spectra, name, "reflectance + transmittance", np.asarray(reflectance, np.float64) + t)
+    _fraction(spectra, name, "back reflectance + transmittance", np.asarray(back, np.float64) + t)
+    spectra.add(name, reflectance, back, transmittance)
     r, t = spectra.values(name, 0), spectra.values(name, 2)
-    return spectra.scene.add_material(LEAF, offset, [float(r.mean()), float(t.mean())])
+    return spectra._material(LEAF, name, [float(r.mean()), float(t.mean())])
 
 
 def rpv(spectra, name, rho0, k=1.0, theta=0.0, rho_c=1.0):
@@ -110,6 +215,7 @@ def rpv(spectra, name, rho0, k=1.0, theta=0.0, rho_c=1.0):
     k: Minnaert exponent (<1 bowl-shaped, >1 bell-shaped); theta: Henyey-Greenstein
     asymmetry, -1..1 (negative: backward scattering); rho_c: hot-spot parameter (1: no
     hot spot, smaller: a stronger one). Each is one number or one value per band."""
+    _fraction(spectra, name, "rho0", rho0)
     scaled = np.asarray(rho0, np.float64) / np.pi
-    offset = spectra.add(name, scaled, k, theta, rho_c)
-    return spectra.scene.add_material(RPV, offset, [float(np.mean(rho0)), 0.0])
+    spectra.add(name, scaled, k, theta, rho_c)
+    return spectra._material(RPV, name, [float(np.mean(rho0)), 0.0])

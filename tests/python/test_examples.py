@@ -136,3 +136,14 @@ def test_fluorescence_example_renders_sif_where_the_leaves_are(tmp_path):
     assert 0.1 < sif < 20, out  # mW m-2 sr-1 nm-1: a canopy's far-red SIF
     for name in ("fluorescence_740nm.png", "fluorescence_spectrum.png"):
         assert (tmp_path / "out" / name).read_bytes()[:4] == b"\x89PNG"
+
+
+def test_vulkan_example_matches_the_cpu_or_says_why_it_cannot(tmp_path):
+    out = run_example("vulkan_backward.py", tmp_path).stdout
+    img = picture(tmp_path / "out" / "vulkan_backward.png")
+    if "skipped" in out:
+        assert img.shape == (120, 160, 3)
+    else:
+        assert img.shape == (120, 320, 3)
+        assert float(out.split("largest difference from the CPU ")[1].split()[0]) < 1e-4, out
+        assert np.abs(img[:, :160] - img[:, 160:]).max() <= 1, "the two halves are one picture"

@@ -72,3 +72,46 @@ def test_scan_patterns_cover_their_swath_and_grid():
     assert len(d) == 180 * 50 and np.allclose(o.reshape(-1, 3), [1.0, 2.0, 1.5])
     zen = np.degrees(np.arccos(d[:, 2]))
     assert zen.min() == pytest.approx(40.0, abs=1e-3) and zen.max() == pytest.approx(138.0, abs=1e-3)
+
+
+def ground_leaves_roof():
+    """Ground at 0 m, a roof at 3 m over x < 0, a layer of leaves at 1.5 m over y > 2."""
+    s = vk.EmbreeSceneManager()
+    sp = vesk.Spectra(s, [1064])
+    ground = vesk.lambertian(sp, "ground", 0.3)
+    roof = vesk.lambertian(sp, "roof", 0.5)
+    leaf = vesk.leaf(sp, "leaf", 0.45, 0.45)
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(10, 10, ground, 5)))
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(2, 2, roof, 4)), -2.0, -3.0, 3.0)
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(2, 1, leaf, 4)), 3.0, 3.5, 1.5)
+    s.build()
+    return s, sp, {ground: 2, roof: 6, leaf: 5}
+
+
+def test_las_classes_and_scan_angles_follow_the_hit_materials(tmp_path):
+    s, sp, truth = ground_leaves_roof()
+    assert vesk.las_classes(sp) == truth
+    g = np.linspace(-4.5, 4.5, 10)
+    x, y = np.meshgrid(g, g)
+    origins = np.stack([np.zeros(x.size), np.zeros(x.size), np.full(x.size, 20.0)], 1)
+    dirs = np.stack([x.ravel(), y.ravel(), -np.full(x.size, 20.0)], 1)
+    dirs /= np.linalg.norm(dirs, axis=1, keepdims=True)
+    returns, _ = vesk.simulate_lidar(s, origins, dirs, direct_mode=True)
+    # Which surface each point lies on, from its position alone.
+    z = returns["z"]
+    expected = np.where(z > 2.9, 6, np.where(z > 1.4, 5, 2))
+    classes = np.array([truth[m] for m in returns["material"]])
+    np.testing.assert_array_equal(classes, expected)
+    assert set(expected) == {2, 5, 6}
+    path = tmp_path / "classes.las"
+    vesk.write_las(path, returns, classes=vesk.las_classes(sp))
+    if shutil.which("node") is None or not (pathlib.Path(TOOLS) / "node_modules/copc").is_dir():
+        pytest.skip("node or the copc reader is absent: the independent read-back is skipped")
+    out = subprocess.run(["node", str(READER), TOOLS, str(path)], capture_output=True, text=True,
+                         timeout=60)
+    assert out.returncode == 0, out.stderr
+    got = np.array(json.loads(out.stdout)["points"], np.float64)
+    np.testing.assert_array_equal(got[:, 7], expected)
+    np.testing.assert_allclose(got[:, 8], returns["scan_angle"], atol=0.0031)
+    off = np.degrees(np.arctan(np.hypot(x.ravel(), y.ravel()) / 20.0))
+    np.testing.assert_allclose(np.abs(returns["scan_angle"]), off[returns["pulse"]], atol=1e-3)

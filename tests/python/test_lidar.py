@@ -4,6 +4,7 @@ single-scattering return of a leaf slab with the ground behind it."""
 import numpy as np
 import pytest
 
+import vesk
 import vesk_gpu as vk
 from conftest import unit_cube
 
@@ -153,3 +154,33 @@ def test_degenerate_beam_grids_fall_back_to_one_central_ray(capfd):
         assert "1 beam samples, waveform mode" in capfd.readouterr().out
     shoot(s, direct_mode=True)
     assert "1 beam samples, direct mode" in capfd.readouterr().out
+
+
+@pytest.mark.parametrize("height", [20.0, 20.05, 19.93])
+def test_flat_nadir_target_has_one_intensity_in_both_modes(height):
+    s = vk.EmbreeSceneManager()
+    sp = vesk.Spectra(s, [1064])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(20, 20, vesk.lambertian(sp, "ground", 0.3), 5)))
+    s.build()
+    o, d = np.array([[0.3, 0.2, height]], F), np.array([[0, 0, -1]], F)
+    waveform, raw = vesk.simulate_lidar(s, o, d)
+    direct, _ = vesk.simulate_lidar(s, o, d, direct_mode=True)
+    # The range equation: rho E A / (pi R^2) at normal incidence.
+    assert direct["energy"][0] == pytest.approx(0.3 * 1.0 * 0.1 / (np.pi * height**2), rel=1e-5)
+    # The peak bin alone holds about a quarter of it; the return's lobe holds all of it
+    # (the beam's edge rays run a little longer, hence the 1e-4).
+    assert raw["points"][0, 3] < 0.3 * direct["energy"][0]
+    assert waveform["energy"][0] == pytest.approx(direct["energy"][0], rel=1e-4)
+    assert waveform["material"][0] == direct["material"][0] == 0
+
+
+@pytest.mark.parametrize("n, direct", [(10, False), (3, False), (0, False), (10, True)])
+def test_the_logged_beam_sample_count_is_what_is_traced(n, direct, capfd):
+    s = vk.EmbreeSceneManager()
+    sp = vesk.Spectra(s, [1064])
+    s.add_instance(s.add_mesh(**vk.make_ground_plane(20, 20, vesk.lambertian(sp, "g", 0.3), 5)))
+    s.build()
+    vesk.simulate_lidar(s, [[0, 0, 10]], [[0, 0, -1]], beam_samples_per_dim=n, direct_mode=direct)
+    logged = capfd.readouterr()
+    line = [ln for ln in (logged.out + logged.err).splitlines() if ln.startswith("LiDAR (CPU)")][0]
+    assert f" {vesk.beam_sample_count(n, direct)} beam samples" in line, line

@@ -16,7 +16,8 @@ for (let i = 0; i < 2; ++i) {
   pos += 54 + len;
 }
 const view = Las.View.create(bytes.subarray(header.pointDataOffset), header, extra);
-const names = ['X', 'Y', 'Z', 'Intensity', 'ReturnNumber', 'NumberOfReturns', 'range'];
+const names = ['X', 'Y', 'Z', 'Intensity', 'ReturnNumber', 'NumberOfReturns', 'range',
+               'Classification', 'ScanAngle'];
 const get = Object.fromEntries(names.map(n => [n, view.getter(n)]));
 const out = [];
 for (let i = 0; i < view.pointCount; ++i) out.push(names.map(n => get[n](i)));
