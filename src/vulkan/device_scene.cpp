@@ -330,16 +330,8 @@ void Program::bind(uint32_t binding, VkAccelerationStructureKHR tlas) {
 }
 
 void Program::dispatch(VkCommandBuffer cb, uint32_t invocations, const void* push) const {
-  const DeviceFunctions& fn = context_.fn();
-  fn.vkCmdBindPipeline(cb, bind_point_, pipeline_);
-  fn.vkCmdBindDescriptorSets(cb, bind_point_, layout_, 0, 1, &set_, 0, nullptr);
-  if (push_bytes_) fn.vkCmdPushConstants(cb, layout_, stage_, 0, push_bytes_, push);
-  if (bind_point_ == VK_PIPELINE_BIND_POINT_RAY_TRACING_KHR) {
-    const VkStridedDeviceAddressRegionKHR none{};
-    fn.vkCmdTraceRaysKHR(cb, &raygen_region_, &miss_region_, &hit_region_, &none, invocations, 1, 1);
-  } else {
-    fn.vkCmdDispatch(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, 1);
-  }
+  // Whole workgroups on either path: the programs return past their count.
+  dispatch_grid(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, push);
 }
 
 void Program::dispatch_grid(VkCommandBuffer cb, uint32_t groups_x, uint32_t groups_y,

@@ -6,6 +6,15 @@ import vesk_gpu as vk
 
 
 @pytest.fixture
+def no_vulkan_validation_messages():
+    """Fails the test on any message the Vulkan validation layer reports during it."""
+    before = vk._vulkan_validation_message_count()
+    yield
+    after = vk._vulkan_validation_message_count()
+    assert after == before, f"the Vulkan validation layer reported {after - before} message(s)"
+
+
+@pytest.fixture
 def rng():
     return np.random.default_rng(20261121)
 

@@ -12,12 +12,7 @@ COMPATIBLE = [d for d in DEVICES if d["compatible"]]
 needs_device = pytest.mark.skipif(not COMPATIBLE, reason="no Vulkan device with ray queries")
 
 
-@pytest.fixture(autouse=True)
-def no_validation_messages():
-    before = vk._vulkan_validation_message_count()
-    yield
-    after = vk._vulkan_validation_message_count()
-    assert after == before, f"the Vulkan validation layer reported {after - before} message(s)"
+pytestmark = pytest.mark.usefixtures("no_vulkan_validation_messages")
 
 
 @pytest.fixture(scope="module")
