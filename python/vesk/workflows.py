@@ -30,6 +30,18 @@ C1, C2 = 1.1910429723971884e-16, 0.014387768775039337  # 2 h c^2 (W m2 sr-1), h 
 LEAF_EMISSIVITY, OPAQUE_EMISSIVITY = 0.97, 0.95
 
 
+def leaf_parameters(leaf):
+    """The photosynthesis parameters: typical values, overridden by the dict `leaf`, whose
+    keys must be among them."""
+    physiology = {k: TYPICAL_LEAF[k] for k in ("vcmax25", "jmax25", "rd25", "ball_berry_slope",
+                                               "ball_berry_intercept", "quantum_yield")}
+    unknown = set(leaf or {}) - set(physiology)
+    if unknown:
+        raise ValueError(f"leaf: unknown parameters {sorted(unknown)}; known: {sorted(physiology)}")
+    physiology.update(leaf or {})
+    return physiology
+
+
 def saturation_vapor_pressure(temperature_k):
     """Saturation vapour pressure over water, Pa, by the Magnus formula the leaf solver
     uses (610.78 Pa, 17.27, 237.3 K)."""
@@ -274,12 +286,7 @@ def energy_balance(spectra, climate, process="photosynthesis", *, ground_tempera
     loop = dict(n_samples=n_longwave_samples, max_iterations=max_iterations,
                 convergence_tolerance=convergence_tolerance, damping=damping)
     if process == "photosynthesis":
-        physiology = {k: TYPICAL_LEAF[k] for k in ("vcmax25", "jmax25", "rd25", "ball_berry_slope",
-                                                   "ball_berry_intercept", "quantum_yield")}
-        unknown = set(leaf or {}) - set(physiology)
-        if unknown:
-            raise ValueError(f"leaf: unknown parameters {sorted(unknown)}; known: {sorted(physiology)}")
-        physiology.update(leaf or {})
+        physiology = leaf_parameters(leaf)
         result = vk.execute_photosynthesis_process_dynamic_cpu(scene, dict(
             active=is_leaf.astype(np.uint8), fluorescent=is_leaf.astype(np.uint8),
             apar=apar.astype(F), absorbed_shortwave=absorbed.sum(axis=0).astype(F),
@@ -464,12 +471,7 @@ def fluorescence(spectra, climate, *, leaf_temperature=None, leaf=None, num_phot
     fwd = vk.simulate_forward_cpu(scene, num_photons=num_photons, num_bands=nb, per_leaf=True)
     absorbed = np.asarray(fwd["leaf"], np.float64).reshape(n, nb) / np.maximum(area, 1e-30)[:, None]
     absorbed = np.where(is_leaf[:, None], absorbed * spectra.widths, 0.0).astype(F)
-    physiology = {k: TYPICAL_LEAF[k] for k in ("vcmax25", "jmax25", "rd25", "ball_berry_slope",
-                                               "ball_berry_intercept", "quantum_yield")}
-    unknown = set(leaf or {}) - set(physiology)
-    if unknown:
-        raise ValueError(f"leaf: unknown parameters {sorted(unknown)}; known: {sorted(physiology)}")
-    physiology.update(leaf or {})
+    physiology = leaf_parameters(leaf)
     zeros = np.zeros((n, nb), F)
     material = np.where(is_leaf, 0, -1).astype(np.int32)  # one leaf kind
     ps = vk.execute_photosynthesis_process_static_cpu(scene, dict(
