@@ -648,6 +648,33 @@ def _debug_turbid_samples_embree(scene: EmbreeSceneManager, request: dict, quali
     'sample_offsets', 'candidates_tested', 'owners'}, '_execution'}.
     """
 
+def _debug_turbid_samples_vulkan(scene: VulkanSceneManager, request: dict, quality: str, seed: int, sample_budget: int = ..., max_candidates: int = ...) -> dict:
+    """_debug_turbid_samples_embree with the candidates filled on the Vulkan
+    device (turbid_sampling.spv: the same keys, Sobol words, scrambling,
+    inside test and leaf normals, in the same integer and float operations);
+    every candidate is verified on the host as for the CPU filler, so the
+    samples are the CPU's bit for bit.
+    request (dict): 'owners', a list with one dict per closed leaf volume: 'owner_id' (int,
+    or up to three ints: the owner's stable identity, first word non-zero), 'medium_id'
+    (int, default the owner id), 'leaf_area_density' m2 m-3, 'leaf_length' m,
+    'leaf_angle_distribution' (0 spherical, 1 planophile, 2 erectophile, 3 plagiophile,
+    4 extremophile, 5 uniform; default 0), 'closed_orientation' (+1 when the mesh
+    winds outward, -1 inward; default +1), 'sidedness' (1 or 2, default 1), optional
+    'property_ids' (four ints), optional 'bounds_min'/'bounds_max' (checked against the
+    mesh), and the closed mesh: 'vertices' (N, 3) and 'triangles' (M, 3) in world space,
+    or 'instance_id' of a scene instance whose mesh it is. Optional configuration:
+    'quality' ('preview', 'standard', 'high': 512, 4096, 16384 samples per owner),
+    'sample_budget' (0: the quality's), 'seed', 'orientation_theta_bins' (4),
+    'orientation_phi_bins' (8), 'max_samples_per_leaf_cell' (64), 'max_candidates' (0:
+    1024 per sample), 'contract_revision' (1). Optional 'relations': a scene-relation
+    table ('relation_revision', 'owners' [{'owner_id', 'medium_id',
+    'authoritative_part_id'}], 'parts' [{'part_id', 'component_id', 'instance_id',
+    'backend_instance_id', 'alias_medium_id', 'shift', 'bounds_min', 'bounds_max',
+    'volume', 'vertex_offset', 'vertex_count', 'triangle_offset', 'triangle_count'}],
+    'vertices', 'triangles', 'overlaps' and 'parent_media' as [n, 2] medium pairs);
+    without it, one is made with one authoritative part per owner.
+    """
+
 def _debug_turbid_scene_relations_embree(scene: EmbreeSceneManager) -> dict:
     """The committed scene-relation table: owners with their authoritative parts, parts
     with bounds, volume and geometry ranges, overlaps and parent media.
@@ -799,6 +826,40 @@ def assemble_sif_source_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     n_bands, are what set_instance_sif_source_fields takes.
     """
 
+def assemble_sif_source_vulkan(scene: VulkanSceneManager, request: dict) -> dict:
+    """assemble_sif_source_cpu on the Vulkan device: the same cells, bins and
+    face rule, the double sums in the host's order (one invocation per table
+    value), so the tables are the host's bit for bit on every run. Executor
+    'vulkan.slang.sif_source_assembly'.
+    Bin per-sample SIF source spectra into per-instance lookup tables: means over each
+    instance's voxel grid (spatial), over leaf-normal orientation bins (orientation),
+    and over both (joint), plus the joint table of the directly sunlit share. A joint
+    slot without samples is estimated as max(spatial + orientation - instance mean, 0);
+    a cell or bin without samples takes the instance mean, an instance without samples
+    zeros. Sums are kept in double precision; results are the same for any thread
+    count. The scene is not read and need not be built.
+    request: 'positions', 'normals' float32 (n_samples, 3) in the instance's frame
+    (normals of any length; a zero normal drops the sample, a downward one counts as
+    its upward opposite); 'instance_ids' int32 (n_samples,); 'grid_dims' int32
+    (n_instances, 3) cells nx, ny, nz; 'bounds_min', 'bounds_max' float32
+    (n_instances, 3), the grid's box (a sample outside it by more than 2^-20 of the
+    extent is dropped; one on a cell face belongs to the upper cell); 'source',
+    'direct_source' float32 (n_bands, n_samples) or flat band after band, the source
+    and its directly sunlit share (any unit, never negative, carried through);
+    'cell_stride' int, cell slots per instance (at least nx * ny * nz of every instance);
+    'theta_bins', 'phi_bins' int, bins of the zenith angle over [0, pi/2] and of the
+    azimuth over [0, 2 pi). Returns float32 'spatial_field' (n_instances, cell_stride,
+    n_bands), 'orientation_field' (n_instances, theta_bins, phi_bins, n_bands),
+    'joint_field' and 'direct_joint_field' (n_instances, cell_stride, theta_bins,
+    phi_bins, n_bands) in the source's unit; uint32 sample counts 'spatial_counts'
+    (n_instances, cell_stride), 'orientation_counts' (n_instances, theta_bins, phi_bins),
+    'joint_counts' (n_instances, cell_stride, theta_bins, phi_bins); and '_execution'.
+    Optional 'n_instances', 'n_samples', 'n_bands' give the counts (then every array
+    may be flat; 2-D arrays must match them).
+    Cell (ix, iy, iz) is slot (iz * ny + iy) * nx + ix. The tables, with n_sif_bands =
+    n_bands, are what set_instance_sif_source_fields takes.
+    """
+
 def device_info(device_id: int) -> dict:
     """The entry of list_vulkan_devices() at device_id: for a compatible device, the same
     device that VulkanContext(device_id) opens.
@@ -892,8 +953,62 @@ def execute_photosynthesis_process_static_cpu(scene: EmbreeSceneManager, request
     'converged' (both ci solves converged; never raised); and '_execution'.
     """
 
+def execute_photosynthesis_process_static_vulkan(scene: VulkanSceneManager, request: dict) -> dict:
+    """execute_photosynthesis_process_static_cpu on the Vulkan device, one compute
+    invocation per element with both leaves; executor
+    'vulkan.slang.photosynthesis_process_static'.
+    Photosynthesis of leaf elements from the spectra they absorbed, at given sunlit and
+    shaded leaf temperatures. Each element is solved twice by the leaf model of
+    solve_physiology_cpu (no energy balance): as a sunlit leaf, which receives the whole
+    direct beam, and as a shaded leaf, which receives the diffuse light alone; the two are
+    weighed by the element's sunlit fraction. The scene is not read.
+    request: dict of
+      'absorbed_top', 'absorbed_bottom', 'absorbed_direct': float32 (elements, bands),
+          W m-2 per band absorbed on each side, and the part of their sum that came
+          straight from the sun; or flat, element-major, with 'n_elements' and 'n_bands'
+          given (counts given beside 2-D arrays must match their shapes);
+      'wavelengths': float32 (bands,) nm; only bands in 400..700 nm (inclusive) count as
+          PAR, converted to umol m-2 s-1 of photons at the band's wavelength;
+      'sunlit_fraction': float32 (elements,) 0..1;
+      'temperature_sunlit', 'temperature_shaded': float32 (elements,) K;
+      'material_ids': int32 (elements,), -1 for none (the element is then inactive);
+      'material_active', 'material_fluorescent': 0/1 flags (materials,); their length is
+          the number of materials unless 'n_materials' gives it;
+      'vcmax25', 'jmax25', 'rd25' umol m-2 s-1 at 25 C, 'ball_berry_slope',
+          'ball_berry_intercept' mol m-2 s-1, 'quantum_yield' 0..1: float32 (materials,);
+      'co2' float umol mol-1, 'relative_humidity' float 0..1, 'max_iterations' int and
+          'tolerance' float (umol mol-1) of the ci iteration.
+    Returns a dict of (elements,) arrays: float32 'temperature' K (blend, set for
+    inactive elements too), 'an' umol m-2 s-1 and 'gs' mol m-2 s-1 (blends), 'phi_f'
+    (blend, 0 for non-fluorescent materials), 'apar' umol m-2 s-1 (total, not a blend),
+    'temperature_sunlit', 'temperature_shaded', 'sunlit_fraction' (as given),
+    'apar_sunlit', 'apar_shaded', 'an_sunlit', 'an_shaded'; bool 'active_mask' and
+    'converged' (both ci solves converged; never raised); and '_execution'.
+    """
+
 def finalize_sif_process_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     """Prepare leaf elements for the SIF source: each element's fluorescence yield and its
+    absorbed spectra at the bands that excite fluorescence. A validated gather, no
+    physics; the scene is not read and need not be built.
+    request: 'absorbed_top', 'absorbed_bottom' float32 (n_elements, n_bands), absorbed
+    flux per band on each side (any unit, copied as is, never negative), or flat,
+    element-major, with 'n_elements' and 'n_bands' given; optional 'n_selected' and
+    'n_materials' (counts given must match the arrays);
+    'material_ids' int32 (n_elements,), -1 for no material; 'material_phi_f' float32
+    (n_materials,) yields 0..1; 'selected_band_indices' int32 (n_selected,), strictly
+    increasing band indices; optional 'element_phi_f' float32 (n_elements,) yields 0..1
+    that replace the materials' for every element (None or absent: use the materials).
+    An element without material and without 'element_phi_f' has yield 0 but keeps its
+    spectra. Returns 'phi_f' float32 (n_elements,), 'absorbed_top_selected' and
+    'absorbed_bottom_selected' float32 (n_elements, n_selected), the absorbed spectra
+    at the selected bands in their order, and '_execution'.
+    """
+
+def finalize_sif_process_vulkan(scene: VulkanSceneManager, request: dict) -> dict:
+    """finalize_sif_process_cpu on the Vulkan device, one compute invocation per
+    element; the same values exactly. Executor
+    'vulkan.slang.sif_process_finalization'.
+    Prepare leaf elements for the SIF source: each element's fluorescence yield and its
     absorbed spectra at the bands that excite fluorescence. A validated gather, no
     physics; the scene is not read and need not be built.
     request: 'absorbed_top', 'absorbed_bottom' float32 (n_elements, n_bands), absorbed
@@ -1137,6 +1252,32 @@ def simulate_microwave_cpu(scene: EmbreeSceneManager, frequency: float, mw_soil_
 
 def solve_physiology_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     """Leaf physiology per element: Farquhar photosynthesis, Ball-Berry stomata, a
+    fluorescence yield and, with 'dynamic_energy_balance', the leaf temperature from a
+    one-leaf energy balance (Newton). request: dict of float32 arrays, one value per
+    element unless noted: 'apar' (elements, bands) absorbed PAR, umol m-2 s-1, summed
+    over bands; 'temperature' (elements,) K; 'co2' umol mol-1; 'relative_humidity' 0..1;
+    'vpd'; 'pressure' kPa; 'wind' m s-1; 'vcmax25', 'jmax25', 'rd25' umol m-2 s-1 at
+    25 C; 'ball_berry_slope'; 'ball_berry_intercept' mol m-2 s-1; 'quantum_yield' 0..1;
+    'max_iterations' int and 'tolerance' float shared by the ci and temperature
+    iterations; optional 'dynamic_energy_balance' bool, which needs
+    'absorbed_shortwave', 'absorbed_longwave' W m-2, 'air_temperature' K,
+    'vapor_pressure' Pa, 'emissivity', 'sidedness', 'leaf_width' m, 'stomata_sides',
+    with the leaf temperature solved by Newton. Optional 'n_elements', 'n_bands' must
+    match apar's shape; 'solve_leaf_temperature' and 'read_back_outputs' are accepted
+    and change nothing here (this form always solves and reads everything back).
+    Returns float32 'an' umol m-2 s-1, 'gs' mol m-2 s-1, 'ci' umol mol-1, 'phi_f', bool
+    'converged' (non-convergence is reported here, never raised), with the energy
+    balance also 'temperature' K, 'net_radiation', 'sensible_heat', 'latent_heat'
+    W m-2, and '_execution'.
+    """
+
+def solve_physiology_vulkan(scene: VulkanSceneManager, request: dict) -> dict:
+    """solve_physiology_cpu on the Vulkan device: one compute invocation per
+    element, the same float operations in the same order (bit-equal where the
+    device rounds division and square root as IEEE 754 does, as lavapipe
+    does); executor 'vulkan.slang.physiology_solver'. The scene's device
+    workspace is kept for the next call of the same shape.
+    Leaf physiology per element: Farquhar photosynthesis, Ball-Berry stomata, a
     fluorescence yield and, with 'dynamic_energy_balance', the leaf temperature from a
     one-leaf energy balance (Newton). request: dict of float32 arrays, one value per
     element unless noted: 'apar' (elements, bands) absorbed PAR, umol m-2 s-1, summed

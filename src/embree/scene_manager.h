@@ -122,10 +122,6 @@ class EmbreeSceneManager : public scene::SceneModel {
   // The sampler alone, on the CPU; nothing is stored.
   turbid::TurbidSamplingDebugResult debug_turbid_samples(
       const turbid::TurbidSamplingDebugRequest& request) const;
-  // One instance's mesh in world space, indexed; a mirroring transform's winding is
-  // turned back, so the mesh's own orientation holds.
-  void instance_world_mesh(int32_t instance, std::vector<float3>& vertices,
-                           std::vector<int3>& triangles) const;
   // The SIF steps read nothing from the scene and need no build: per-element yields and
   // selected absorbed spectra, then the per-instance source tables that
   // set_instance_sif_source_fields takes.

@@ -83,6 +83,11 @@ void bind_turbid(py::module_& m);
 void bind_energy_balance_transport(py::module_& m);
 void bind_energy_balance_processes(py::module_& m);
 void bind_sif_processes(py::module_& m);
+// The Vulkan forms of the element processes and of the leaf-area sampler.
+void bind_processes_vulkan(py::module_& m);
+void bind_photosynthesis_static_vulkan(py::module_& m);
+void bind_sif_processes_vulkan(py::module_& m);
+void bind_turbid_vulkan(py::module_& m);
 void bind_bench(py::module_& m);
 void bind_scene_settings(SceneClass& cls);
 

@@ -7,6 +7,7 @@
 #include "module/bind_common.h"
 #include "module/bind_request.h"
 #include "turbid/domain.h"
+#include "vulkan/scene_manager.h"
 
 namespace vesk::module {
 
@@ -120,7 +121,7 @@ tb::TurbidRelationTable parse_relations(const py::dict& d) {
 }
 
 // The request schema: see the docstring of _build_turbid_domain_embree.
-ParsedDomain parse_domain(const EmbreeSceneManager& scene, const py::dict& d) {
+ParsedDomain parse_domain(const scene::SceneModel& scene, const py::dict& d) {
   ParsedDomain out;
   tb::TurbidSamplingDebugRequest& r = out.request;
   r.contract_revision = get_or<uint64_t>(d, "contract_revision", tb::TURBID_CONTRACT_REVISION, "an int");
@@ -273,7 +274,46 @@ const char* SCHEMA_DOC =
     "'vertices', 'triangles', 'overlaps' and 'parent_media' as [n, 2] medium pairs);\n"
     "without it, one is made with one authoritative part per owner.";
 
+py::dict sampling_result(const tb::TurbidSamplingDebugResult& r, const char* backend,
+                         const char* executor) {
+  py::dict record;
+  record["backend"] = backend;
+  record["workflow"] = "_turbid_sampling_debug";
+  record["executor"] = executor;
+  record["native"] = true;
+  py::dict out;
+  out["payload"] = samples_dict(r);
+  out["_execution"] = record;
+  return out;
+}
+
 }  // namespace
+
+void bind_turbid_vulkan(py::module_& m) {
+  m.def(
+      "_debug_turbid_samples_vulkan",
+      [](const vulkan::VulkanSceneManager& scene, const py::dict& request,
+         const std::string& quality, uint64_t seed, uint64_t sample_budget,
+         uint64_t max_candidates) {
+        py::dict copy(request);
+        copy["quality"] = quality;
+        copy["seed"] = seed;
+        copy["sample_budget"] = sample_budget;
+        copy["max_candidates"] = max_candidates;
+        const ParsedDomain p = parse_domain(scene, copy);
+        return sampling_result(scene.debug_turbid_samples(p.request), "vulkan",
+                               "vulkan.slang.turbid_sampling");
+      },
+      py::arg("scene"), py::arg("request"), py::arg("quality"), py::arg("seed"),
+      py::arg("sample_budget") = 0, py::arg("max_candidates") = 0,
+      (std::string("_debug_turbid_samples_embree with the candidates filled on the Vulkan\n"
+                   "device (turbid_sampling.spv: the same keys, Sobol words, scrambling,\n"
+                   "inside test and leaf normals, in the same integer and float operations);\n"
+                   "every candidate is verified on the host as for the CPU filler, so the\n"
+                   "samples are the CPU's bit for bit.\n") +
+       SCHEMA_DOC)
+          .c_str());
+}
 
 void bind_turbid(py::module_& m) {
   m.def(
@@ -286,16 +326,8 @@ void bind_turbid(py::module_& m) {
         copy["sample_budget"] = sample_budget;
         copy["max_candidates"] = max_candidates;
         const ParsedDomain p = parse_domain(scene, copy);
-        const tb::TurbidSamplingDebugResult r = scene.debug_turbid_samples(p.request);
-        py::dict record;
-        record["backend"] = "embree";
-        record["workflow"] = "_turbid_sampling_debug";
-        record["executor"] = "embree.cpp.turbid_sampling";
-        record["native"] = true;
-        py::dict out;
-        out["payload"] = samples_dict(r);
-        out["_execution"] = record;
-        return out;
+        return sampling_result(scene.debug_turbid_samples(p.request), "embree",
+                               "embree.cpp.turbid_sampling");
       },
       py::arg("scene"), py::arg("request"), py::arg("quality"), py::arg("seed"),
       py::arg("sample_budget") = 0, py::arg("max_candidates") = 0,

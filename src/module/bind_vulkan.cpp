@@ -170,6 +170,8 @@ void bind_vulkan(py::module_& m) {
                c.device_name() + "', trace_path='" + c.trace_label() + "')";
       });
   bind_vulkan_scene(m);
+  bind_processes_vulkan(m);
+  bind_turbid_vulkan(m);
 }
 
 }  // namespace vesk::module

@@ -342,4 +342,21 @@ void SceneModel::set_sif_only_mode(bool enabled) {
       enabled ? EMISSION_SIF_ONLY : (thermal_mode_ ? EMISSION_THERMAL : EMISSION_OPTICAL);
 }
 
+void SceneModel::instance_world_mesh(int32_t instance, std::vector<float3>& v,
+                                     std::vector<int3>& t) const {
+  if (instance < 0 || size_t(instance) >= instances_.size())
+    throw std::out_of_range("instance_id out of range");
+  const Instance& inst = instances_[size_t(instance)];
+  const Mesh& mesh = meshes_.at(size_t(inst.mesh_id));
+  const float* m = inst.transform;
+  const double det = double(m[0]) * (double(m[5]) * m[10] - double(m[6]) * m[9]) -
+                     double(m[1]) * (double(m[4]) * m[10] - double(m[6]) * m[8]) +
+                     double(m[2]) * (double(m[4]) * m[9] - double(m[5]) * m[8]);
+  v.clear();
+  for (const float3& p : mesh.vertices) v.push_back(transform_point(m, p));
+  t = mesh.indices;
+  if (det < 0.0)
+    for (int3& tri : t) std::swap(tri.y, tri.z);
+}
+
 }  // namespace vesk::scene

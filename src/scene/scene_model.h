@@ -50,6 +50,10 @@ class SceneModel {
   const std::vector<Instance>& instances() const { return instances_; }
   const std::vector<InstanceInfo>& instance_info() const { return instance_info_; }
   int32_t num_instances() const { return int32_t(instances_.size()); }
+  // One instance's mesh in world space, indexed; a mirroring transform's winding is
+  // turned back, so the mesh's own orientation holds.
+  void instance_world_mesh(int32_t instance, std::vector<float3>& vertices,
+                           std::vector<int3>& triangles) const;
 
   // ---- materials and spectra ----
   void set_num_bands(int32_t n);

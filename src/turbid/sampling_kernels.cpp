@@ -186,28 +186,50 @@ struct SinCos {
   float s, c;
 };
 
+// sin and cos of x in [0, 6.2831855] by Cephes' sinf and cosf (Moshier): reduction to
+// |z| <= pi/4 by octants with pi/4 in three parts, and their float polynomials (about
+// 1 ulp). Written in plain float operations, so that a device repeating them (no fused
+// multiply-adds) gets the same bits; libm's sin and cos differ between libraries.
+SinCos sincos_float(float x) {
+  int32_t j = int32_t(x * 1.27323954f);  // x / (pi / 4), truncated
+  float y = float(j);
+  if (j & 1) j += 1, y += 1.0f;  // to the even octant: |z| <= pi/4
+  j &= 7;
+  const float z =
+      ((x - y * 0.78515625f) - y * 2.4187564849853515625e-4f) - y * 3.77489497744594108e-8f;
+  const float zz = z * z;
+  const float sin_z =
+      ((-1.9515295891e-4f * zz + 8.3321608736e-3f) * zz - 1.6666654611e-1f) * zz * z + z;
+  const float cos_z =
+      ((2.443315711809948e-5f * zz - 1.388731625493765e-3f) * zz + 4.166664568298827e-2f) * zz *
+          zz -
+      0.5f * zz + 1.0f;
+  // Octant j of the circle: sin and cos of x from those of z.
+  const bool swap = j == 2 || j == 6;
+  const float s = swap ? cos_z : sin_z, c = swap ? sin_z : cos_z;
+  const bool sin_negative = j >= 4, cos_negative = j == 2 || j == 4;
+  return {sin_negative ? -s : s, cos_negative ? -c : c};
+}
+
 SinCos leaf_zenith(uint32_t w, int32_t type) {
   if (type == LAD_SPHERICAL) {
-    const float t = std::acos(unit_float(w));
-    return {std::sin(t), std::cos(t)};
+    // t = acos(u): its cosine is u itself, its sine follows without an angle.
+    const float u = unit_float(w);
+    return {std::sqrt((1.0f - u) * (1.0f + u)), u};
   }
   if (type == LAD_UNIFORM) {
     const float u = unit_float(w);
-    // At the top of the unit range every backend takes the same pair, whatever its sin
-    // and cos do one ulp below pi/2.
+    // At the top of the unit range every backend takes the same pair.
     if (u >= UNIT_FLOAT_MAX) return {1.0f, 7.54979e-08f};
-    const float t = u * 1.5707964f;
-    return {std::sin(t), std::cos(t)};
+    return sincos_float(u * 1.5707964f);
   }
-  const float t = float(de_wit_code(w, type)) * 3.6572953e-10f;
-  return {std::sin(t), std::cos(t)};
+  return sincos_float(float(de_wit_code(w, type)) * 3.6572953e-10f);
 }
 
 SinCos leaf_azimuth(uint32_t w) {
   const float u = unit_float(w);
   if (u >= UNIT_FLOAT_MAX) return {-3.019916e-07f, 1.0f};
-  const float phi = u * 6.2831855f;
-  return {std::sin(phi), std::cos(phi)};
+  return sincos_float(u * 6.2831855f);
 }
 
 }  // namespace
@@ -277,7 +299,9 @@ inline __attribute__((always_inline)) float atan2_lane(float y, float x) {
   const float r = q_den > 0.0f ? q_num / q_den : 0.0f;
   const float z = r * r;
   float t = (((8.05374449538e-2f * z - 1.38776856032e-1f) * z + 1.99777106478e-1f) * z -
-             3.33329491539e-1f) * z * r + r;
+             3.33329491539e-1f) *
+                z * r +
+            r;
   t = shift ? t + 0.78539816f : t;
   t = ay > ax ? 1.5707964f - t : t;
   t = x < 0.0f ? 3.1415927f - t : t;
@@ -299,8 +323,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool inside_closed_
   float partial[INSIDE_LANES] = {};
   for (size_t base = 0; base < n_triangles; base += INSIDE_LANES) {
     const int lanes = int(std::min<size_t>(INSIDE_LANES, n_triangles - base));
-    float ax[INSIDE_LANES], ay[INSIDE_LANES], az[INSIDE_LANES], bx[INSIDE_LANES],
-        by[INSIDE_LANES], bz[INSIDE_LANES], cx[INSIDE_LANES], cy[INSIDE_LANES], cz[INSIDE_LANES];
+    float ax[INSIDE_LANES], ay[INSIDE_LANES], az[INSIDE_LANES], bx[INSIDE_LANES], by[INSIDE_LANES],
+        bz[INSIDE_LANES], cx[INSIDE_LANES], cy[INSIDE_LANES], cz[INSIDE_LANES];
     for (int l = 0; l < INSIDE_LANES; ++l) {
       // Lanes past the end repeat the block's first triangle and are masked out below.
       const TurbidSamplingFloat4* t = &triangles[3 * (base + size_t(l < lanes ? l : 0))];
@@ -314,7 +338,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool inside_closed_
       // On the surface: within 1e-6 of the plane (relative to |n|) and inside the triangle.
       const float e1x = bx[l] - ax[l], e1y = by[l] - ay[l], e1z = bz[l] - az[l];
       const float e2x = cx[l] - ax[l], e2y = cy[l] - ay[l], e2z = cz[l] - az[l];
-      const float nx = e1y * e2z - e1z * e2y, ny = e1z * e2x - e1x * e2z, nz = e1x * e2y - e1y * e2x;
+      const float nx = e1y * e2z - e1z * e2y, ny = e1z * e2x - e1x * e2z,
+                  nz = e1x * e2y - e1y * e2x;
       const float dx = -ax[l], dy = -ay[l], dz = -az[l];  // p - v0
       const float nn = nx * nx + ny * ny + nz * nz, dn = nx * dx + ny * dy + nz * dz;
       const float a11 = e1x * e1x + e1y * e1y + e1z * e1z, a12 = e1x * e2x + e1y * e2y + e1z * e2z;

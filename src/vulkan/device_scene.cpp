@@ -1,6 +1,7 @@
 // The scene on the device: tables, acceleration structures, programs, closest hits.
 #include "vulkan/device_scene.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
@@ -127,15 +128,15 @@ Buffer storage_buffer(const VulkanContext& context, size_t bytes, unsigned extra
 
 Program::Program(const VulkanContext& context, const std::string& spv_path,
                  std::vector<VkDescriptorType> bindings, uint32_t push_bytes,
-                 const std::string& purpose)
+                 const std::string& purpose, bool ray_free)
     : context_(context),
       push_bytes_(push_bytes),
       types_(std::move(bindings)),
       suffix_(purpose.empty() ? "" : "(" + purpose + ")") {
   const DeviceFunctions& fn = context.fn();
   const VkDevice dev = context.device();
-  const bool pipeline = context.trace_path() == TracePath::RayPipeline;
-  stage_ = context.program_stage();
+  const bool pipeline = !ray_free && context.trace_path() == TracePath::RayPipeline;
+  stage_ = ray_free ? uint32_t(VK_SHADER_STAGE_COMPUTE_BIT) : context.program_stage();
   bind_point_ = pipeline ? VK_PIPELINE_BIND_POINT_RAY_TRACING_KHR : VK_PIPELINE_BIND_POINT_COMPUTE;
   try {
     std::vector<VkDescriptorSetLayoutBinding> b(types_.size());
@@ -347,6 +348,22 @@ void Program::dispatch_grid(VkCommandBuffer cb, uint32_t groups_x, uint32_t grou
   } else {
     fn.vkCmdDispatch(cb, groups_x, groups_y, 1);
   }
+}
+
+void Program::dispatch_wide(VkCommandBuffer cb, uint64_t invocations, const void* push) const {
+  const uint64_t groups = std::max<uint64_t>((invocations + WORKGROUP - 1) / WORKGROUP, 1);
+  const uint32_t gx = uint32_t(std::min<uint64_t>(groups, 65535));
+  dispatch_grid(cb, gx, uint32_t((groups + gx - 1) / gx), push);
+}
+
+void compute_barrier(const VulkanContext& c, VkCommandBuffer cb) {
+  VkMemoryBarrier b{};
+  b.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER;
+  b.srcAccessMask = VK_ACCESS_SHADER_WRITE_BIT;
+  b.dstAccessMask = VK_ACCESS_SHADER_READ_BIT | VK_ACCESS_SHADER_WRITE_BIT | VK_ACCESS_HOST_READ_BIT;
+  c.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT,
+                              VK_PIPELINE_STAGE_COMPUTE_SHADER_BIT | VK_PIPELINE_STAGE_HOST_BIT, 0,
+                              1, &b, 0, nullptr, 0, nullptr);
 }
 
 // ---- the scene ----

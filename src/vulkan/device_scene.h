@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "physiology/leaf_solver.h"
 #include "scene/scene_model.h"
 #include "vulkan/buffer.h"
 #include "vulkan/context.h"
@@ -28,9 +29,11 @@ class Program {
  public:
   // purpose, when given, labels the descriptor and pipeline calls' failures, as in
   // "vkCreateDescriptorPool(microwave)".
+  // ray_free: a program that traces no rays, always a plain compute shader <name>.spv,
+  // whatever the context's trace path.
   Program(const VulkanContext& context, const std::string& spv_path,
           std::vector<VkDescriptorType> bindings, uint32_t push_bytes,
-          const std::string& purpose = "");
+          const std::string& purpose = "", bool ray_free = false);
   ~Program();
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
@@ -43,6 +46,8 @@ class Program {
   // invocations with GRID_INVOCATION_ID.
   void dispatch_grid(VkCommandBuffer cb, uint32_t groups_x, uint32_t groups_y,
                      const void* push) const;
+  // A one-dimensional dispatch of any length as a grid (at most 65535 groups along x).
+  void dispatch_wide(VkCommandBuffer cb, uint64_t invocations, const void* push) const;
 
  private:
   const VulkanContext& context_;
@@ -72,9 +77,41 @@ class Program {
 constexpr uint32_t WORKGROUP = 64;
 constexpr uint32_t MAX_DISPATCH = 65535u * WORKGROUP;
 
+// Makes the storage writes of one compute dispatch visible to the next, and to the host.
+void compute_barrier(const VulkanContext& context, VkCommandBuffer cb);
+
 // Storage buffer the host fills and reads; at least 16 bytes, since Vulkan has no empty
 // buffers.
 Buffer storage_buffer(const VulkanContext& context, size_t bytes, unsigned extra_usage = 0);
+
+// The leaf solver's device workspace, built for one shape (elements, bands) and one mode
+// (with or without the energy balance) and reused by repeated calls, so that a coupling
+// loop uploads only what changes: a descriptor pool of 29 storage buffers, apar then 28
+// element-sized buffers (11 leaf inputs, 8 energy-balance inputs, 9 outputs; vpd enters
+// no formula and stays on the host). The energy-balance buffers are sized by the mode of
+// the first call.
+class PhysiologyWorkspace {
+ public:
+  PhysiologyWorkspace(const VulkanContext& context, const std::string& spv_path, int32_t n_elements,
+                      int32_t n_bands, bool energy_balance);
+  bool fits(const backend::PhysiologyRequestView& v) const {
+    return v.n_elements == n_elements_ && v.n_bands == n_bands_ &&
+           v.dynamic_energy_balance == energy_balance_;
+  }
+  // Validates v (the shared validator), refuses another shape or mode, uploads apar,
+  // temperature and the absorbed radiation, and the other inputs on the first call or
+  // when static_inputs_changed; then solves every element and reads back what
+  // v.read_back_outputs asks for.
+  void solve(const backend::PhysiologyRequestView& v, bool static_inputs_changed,
+             backend::PhysiologyResult& r);
+
+ private:
+  const VulkanContext& context_;
+  Program program_;
+  int32_t n_elements_, n_bands_;
+  bool energy_balance_, static_uploaded_ = false;
+  std::vector<Buffer> buffers_;
+};
 
 struct AccelerationStructure {
   VkAccelerationStructureKHR handle = VK_NULL_HANDLE;
@@ -103,6 +140,10 @@ struct VulkanSceneManager::Device {
   std::vector<uint32_t> mesh_vertex_counts;
   std::unique_ptr<Program> backward;   // loaded on first use
   std::unique_ptr<Program> microwave;  // loaded on first use
+  // The ray-free element programs, loaded on first use.
+  std::unique_ptr<PhysiologyWorkspace> physiology;
+  std::unique_ptr<Program> photosynthesis, sif_process, sif_classify, sif_sums, sif_reduce,
+      sif_finish, sif_joint, turbid_sampling;
 };
 
 }  // namespace vesk::vulkan

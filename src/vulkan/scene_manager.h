@@ -12,7 +12,12 @@
 #include "core/optical_products.h"
 #include "core/progress.h"
 #include "core/types.h"
+#include "physiology/leaf_solver.h"
+#include "physiology/photosynthesis_static.h"
+#include "physiology/sif_assembly.h"
+#include "physiology/sif_finalization.h"
 #include "scene/scene_model.h"
+#include "turbid/domain.h"
 
 namespace vesk::microwave {
 struct MicrowaveRequest;
@@ -98,6 +103,21 @@ class VulkanSceneManager : public scene::SceneModel {
   // The image of simulate_microwave_cpu / simulate_active_microwave_cpu on the device:
   // [height][width][n_channels].
   std::vector<float> simulate_microwave(const microwave::MicrowaveRequest& q) const;
+
+  // ---- element processes: compute programs that trace no rays; each validates with the
+  // host form's validator first and computes what the host form computes (elements.cpp).
+  backend::PhysiologyResult solve_physiology(const backend::PhysiologyRequestView& v) const;
+  backend::PhotosynthesisStaticResult execute_photosynthesis_process_static(
+      const backend::PhotosynthesisProcessRequestView& v) const;
+  backend::SifProcessResult finalize_sif_process(const backend::SifProcessRequestView& v) const;
+  backend::SifSourceAssemblyResult assemble_sif_source(
+      const backend::SifSourceAssemblyRequestView& v) const;
+  // The leaf-area sampler's driver with the device as candidate filler.
+  turbid::TurbidSamplingDebugResult debug_turbid_samples(
+      const turbid::TurbidSamplingDebugRequest& request) const;
+  // That filler (turbid_sampling.spv), for drivers of their own; it keeps the owner it
+  // saw last on the device, so it must not outlive this scene.
+  turbid::CandidateFiller turbid_candidate_filler() const;
 
   struct Device;  // buffers, structures and programs, kept out of this header
 

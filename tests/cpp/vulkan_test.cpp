@@ -1,11 +1,18 @@
+#include <unistd.h>
+
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
+#include "core/mesh_generators.h"
 #include "test_util.h"
+#include "turbid/domain.h"
 #include "vulkan/buffer.h"
 #include "vulkan/context.h"
+#include "vulkan/device_scene.h"
+#include "vulkan/scene_manager.h"
 
 using namespace vesk::vulkan;
 
@@ -187,4 +194,93 @@ TEST_F(VulkanDevice, AFailedRecordingLeavesTheCommandPathUsable) {
   bool ran = false;
   context->immediate_submit([&](VkCommandBuffer) { ran = true; });
   EXPECT_TRUE(ran);
+}
+
+namespace {
+
+// The device programs: build/python, beside this binary's folder.
+std::string program_dir() {
+  char path[4096];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+  std::string exe(path, n > 0 ? size_t(n) : 0);
+  return exe.substr(0, exe.find_last_of('/')) + "/python";
+}
+
+}  // namespace
+
+TEST_F(VulkanDevice, SamplerCandidatesRejectedOnesIncludedAreTheCpuFillersBits) {
+  VulkanSceneManager scene(*context, "trace_closest.spv", program_dir());
+  const vesk::backend::MeshGeometry sphere = vesk::make_sphere(1.0f, {0.5f, -2.0f, 3.0f}, 2);
+  vesk::turbid::PreparedTurbidSamplingOwner o;
+  for (const auto& t : sphere.indices)
+    for (int32_t i : {t.x, t.y, t.z})
+      o.triangles.push_back({sphere.vertices[size_t(i)].x, sphere.vertices[size_t(i)].y,
+                             sphere.vertices[size_t(i)].z, 0.0f});
+  const float lo[3] = {-0.5f, -3.0f, 2.0f}, hi[3] = {1.5f, -1.0f, 4.0f};
+  std::copy(lo, lo + 3, o.boundary.bounds_min);
+  std::copy(hi, hi + 3, o.boundary.bounds_max);
+  const vesk::turbid::CandidateFiller device = scene.turbid_candidate_filler();
+  const vesk::turbid::CandidateFiller host = vesk::turbid::cpu_candidate_filler();
+  for (int32_t lad = 0; lad <= 5; ++lad) {
+    o.request.leaf_angle_distribution = lad;
+    o.scramble_key = 0x9e3779b9u * uint32_t(lad + 1);
+    for (const uint32_t first : {0u, 4000000000u}) {
+      std::vector<vesk::turbid::TurbidSamplingCandidate> a(3000), b(3000);
+      host(o, first, a);
+      device(o, first, b);
+      size_t accepted = 0;
+      for (const auto& c : a) accepted += c.status == 1;
+      EXPECT_GT(accepted, 1000u);
+      EXPECT_LT(accepted, 2000u) << "the bounds hold the sphere with room to reject";
+      EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(a[0])), 0)
+          << "leaf angle distribution " << lad << ", first candidate " << first;
+    }
+  }
+}
+
+TEST_F(VulkanDevice, PhysiologyWorkspaceKeepsItsShapeAndUploadsStaticInputsOnRequest) {
+  const size_t n = 3;
+  std::vector<float> apar(n, 400.0f), temperature(n, 298.0f), co2(n, 400.0f), rh(n, 0.6f),
+      vpd(n, 1.0f), pressure(n, 100.0f), wind(n, 1.0f), vcmax(n, 60.0f), jmax(n, 120.0f),
+      rd(n, 1.0f), slope(n, 9.0f), g0(n, 0.01f), qy(n, 0.03f);
+  vesk::backend::PhysiologyRequestView v;
+  v.n_elements = int32_t(n), v.n_bands = 1, v.max_iterations = 50, v.tolerance = 1e-4f;
+  auto span = [&](std::vector<float>& x) { return vesk::backend::FloatSpan{x.data(), x.size()}; };
+  v.apar = span(apar), v.temperature = span(temperature), v.co2 = span(co2);
+  v.relative_humidity = span(rh), v.vpd = span(vpd), v.pressure = span(pressure);
+  v.wind = span(wind), v.vcmax25 = span(vcmax), v.jmax25 = span(jmax), v.rd25 = span(rd);
+  v.ball_berry_slope = span(slope), v.ball_berry_intercept = span(g0), v.quantum_yield = span(qy);
+  PhysiologyWorkspace w(*context, program_dir() + "/physiology.spv", int32_t(n), 1, false);
+  vesk::backend::PhysiologyResult first, kept, fresh;
+  w.solve(v, false, first);
+  EXPECT_EQ(first.execution.executor, "vulkan.slang.physiology_solver");
+  EXPECT_EQ(first.an, vesk::backend::solve_physiology(v).an);
+  // A coupling loop's call: the biochemistry stays as first uploaded, the light is new.
+  std::fill(vcmax.begin(), vcmax.end(), 20.0f);
+  apar[1] = 0.0f;
+  w.solve(v, false, kept);
+  std::fill(vcmax.begin(), vcmax.end(), 60.0f);
+  EXPECT_EQ(kept.an, vesk::backend::solve_physiology(v).an);
+  std::fill(vcmax.begin(), vcmax.end(), 20.0f);
+  w.solve(v, true, fresh);
+  EXPECT_EQ(fresh.an, vesk::backend::solve_physiology(v).an);
+  EXPECT_LT(fresh.an[0], kept.an[0]) << "a lower Vcmax must lower assimilation";
+
+  v.read_back_outputs = false;
+  w.solve(v, false, kept);
+  EXPECT_TRUE(kept.an.empty() && kept.temperature.empty());
+  EXPECT_EQ(kept.converged, fresh.converged);
+  v.n_bands = 3;
+  std::vector<float> wide(3 * n, 100.0f);
+  v.apar = span(wide);
+  expect_throw_text<std::invalid_argument>([&] { w.solve(v, false, kept); },
+                                           "physiology workspace shape does not match request");
+  v.n_bands = 1, v.apar = span(apar), v.dynamic_energy_balance = true;
+  std::vector<float> sw(n, 300.0f), lw(n, 350.0f), ta(n, 297.0f), ea(n, 1500.0f), em(n, 0.95f),
+      side(n, 2.0f), width(n, 0.05f), stom(n, 1.0f);
+  v.absorbed_shortwave = span(sw), v.absorbed_longwave = span(lw), v.air_temperature = span(ta);
+  v.vapor_pressure = span(ea), v.emissivity = span(em), v.sidedness = span(side);
+  v.leaf_width = span(width), v.stomata_sides = span(stom);
+  expect_throw_text<std::invalid_argument>(
+      [&] { w.solve(v, false, kept); }, "physiology workspace cannot change energy-balance mode");
 }

@@ -96,10 +96,12 @@ def test_pip_install_gives_the_module_stubs_shaders_and_helpers(tmp_path):
     installed = install_and_check()
     built = sorted(str(p.relative_to(build / "python")) for p in build.glob("python/**/*.spv"))
     assert installed == built, "the build's device programs, and nothing else"
-    # Each program in both trace forms, and the pipeline's hit and miss stages.
+    # Each tracing program in both trace forms, the pipeline's hit and miss stages, and
+    # the programs that trace no rays in their one compute form.
     shaders = sorted([p.stem + ext for p in (ROOT / "shaders").glob("*.comp")
                       for ext in (".spv", ".rgen.spv")] +
-                     [p.name + ".spv" for p in (ROOT / "shaders").glob("*.r*")])
+                     [p.name + ".spv" for p in (ROOT / "shaders").glob("*.r*")] +
+                     [p.stem + ".spv" for p in (ROOT / "shaders" / "compute").glob("*.comp")])
     assert [b for b in built if "/" not in b] == shaders, "every shader is built and installed"
     # Device programs that a build puts beside the module, at any depth, are installed.
     try:
