@@ -37,6 +37,10 @@ def main():
     ap.add_argument("--max-depth", type=int, default=8)
     ap.add_argument("--repeat", type=int, default=3)
     ap.add_argument("--rays", type=int, default=200_000)
+    ap.add_argument("--elements", type=int, default=100_000)
+    ap.add_argument("--sampler-budget", type=int, default=16384)
+    ap.add_argument("--only-elements", action="store_true",
+                    help="only the element processes and the sampler")
     args = ap.parse_args()
     sys.path.insert(0, f"{args.build}/python")
     vk = importlib.import_module("vesk_gpu")
@@ -45,6 +49,9 @@ def main():
         emit("vulkan", "error", None, "", error="no compatible Vulkan device")
         return
     first = devices[0]
+    if args.only_elements:
+        bench_elements(vk, args, first["name"])
+        return
     paths = [p for p, have in (("ray_query", first["has_ray_query"]),
                                ("ray_pipeline", first["has_ray_tracing_pipeline"])) if have]
     forced = os.environ.get("VESK_VULKAN_TRACE")
@@ -97,6 +104,99 @@ def main():
             emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",
                  spread=[round(min(ratios), 4), round(max(ratios), 4)],
                  baseline="the CPU scene on the same scene, in the same rounds")
+    bench_elements(vk, args, device)
+
+
+# ---- element processes and the leaf-area sampler: compute programs without rays -------------
+# elements/s (samples/s for the sampler and the SIF assembly) of each *_vulkan entry next to
+# its CPU twin (every thread), end to end through the module: validation, uploads, the
+# dispatch and the read-back. Medians of interleaved repeats, as above.
+
+def element_requests(rng, n):
+    u = lambda lo, hi, k=n: rng.uniform(lo, hi, k).astype(np.float32)  # noqa: E731
+    leaf = dict(apar=np.stack([u(0, 1200), u(0, 800)], 1), temperature=u(275, 315), co2=u(200, 800),
+                relative_humidity=u(0.2, 1.0), vpd=u(0, 3), pressure=u(80, 105), wind=u(0, 6),
+                vcmax25=u(10, 150), jmax25=u(20, 300), rd25=u(0, 3), ball_berry_slope=u(4, 14),
+                ball_berry_intercept=u(0, 0.05), quantum_yield=u(0, 0.06), max_iterations=50,
+                tolerance=1e-4)
+    energy = dict(leaf, dynamic_energy_balance=True, absorbed_shortwave=u(0, 800),
+                  absorbed_longwave=u(280, 420), air_temperature=u(280, 310),
+                  vapor_pressure=u(500, 2500), emissivity=u(0.94, 0.99),
+                  sidedness=np.full(n, 2, np.float32), leaf_width=u(0.01, 0.1),
+                  stomata_sides=np.ones(n, np.float32))
+    wl = np.array([450, 550, 650, 800], np.float32)
+    top = rng.uniform(0, 3, (n, 4)).astype(np.float32)
+    m = lambda lo, hi: rng.uniform(lo, hi, 3).astype(np.float32)  # noqa: E731
+    static = dict(absorbed_top=top, absorbed_bottom=top * np.float32(0.3),
+                  absorbed_direct=top * np.float32(0.5), wavelengths=wl,
+                  sunlit_fraction=u(0, 1), material_ids=rng.integers(-1, 3, n).astype(np.int32),
+                  material_active=np.ones(3, np.uint8), material_fluorescent=np.ones(3, np.uint8),
+                  temperature_sunlit=u(290, 310), temperature_shaded=u(285, 300),
+                  vcmax25=m(30, 90), jmax25=m(60, 180), rd25=m(0.5, 2), ball_berry_slope=m(6, 10),
+                  ball_berry_intercept=m(0.005, 0.02), quantum_yield=m(0.01, 0.05), co2=410.0,
+                  relative_humidity=0.6, max_iterations=50, tolerance=1e-4)
+    finalize = dict(absorbed_top=top, absorbed_bottom=top[:, ::-1].copy(),
+                    material_ids=static["material_ids"], material_phi_f=m(0.01, 0.05),
+                    selected_band_indices=np.array([1, 3], np.int32))
+    bands = 4
+    assembly = dict(positions=rng.uniform(0, 2, (n, 3)).astype(np.float32),
+                    normals=rng.normal(size=(n, 3)).astype(np.float32),
+                    instance_ids=rng.integers(0, 4, n).astype(np.int32),
+                    grid_dims=np.tile(np.array([[8, 8, 4]], np.int32), (4, 1)),
+                    source=rng.uniform(0, 2, (bands, n)).astype(np.float32),
+                    direct_source=rng.uniform(0, 1, (bands, n)).astype(np.float32),
+                    bounds_min=np.zeros((4, 3), np.float32), bounds_max=np.full((4, 3), 2, np.float32),
+                    cell_stride=256, theta_bins=4, phi_bins=8)
+    return dict(physiology=(leaf, n), physiology_energy_balance=(energy, n),
+                photosynthesis_static=(static, n), sif_finalize=(finalize, n),
+                sif_assembly=(assembly, n))
+
+
+def bench_elements(vk, args, device):
+    cpu = vk.EmbreeSceneManager()
+    gpu = vk.VulkanSceneManager(vk.VulkanContext(0))
+    entries = {"physiology": "solve_physiology", "physiology_energy_balance": "solve_physiology",
+               "photosynthesis_static": "execute_photosynthesis_process_static",
+               "sif_finalize": "finalize_sif_process", "sif_assembly": "assemble_sif_source"}
+    runs = {}
+    for kind, (request, n) in element_requests(np.random.default_rng(5), args.elements).items():
+        unit = "samples/s" if kind == "sif_assembly" else "elements/s"
+        for form, scene in (("cpu", cpu), ("vulkan", gpu)):
+            fn = getattr(vk, f"{entries[kind]}_{form}")
+            runs[(kind, form)] = (lambda f=fn, s=scene, r=request: f(s, r), n, unit)
+    # The sampler: candidates/s (every candidate tested) and samples/s (accepted ones) over
+    # a sphere owner; the candidate sequence is the same for both forms.
+    g = vk.make_sphere(1.0, np.zeros(3, np.float32), 3)
+    owner = dict(owner_id=1, leaf_area_density=1.5, leaf_length=0.05, leaf_angle_distribution=1,
+                 vertices=g["vertices"], triangles=g["indices"])
+    sampling = dict(owners=[owner], seed=7)
+    budget = args.sampler_budget
+    for form, scene in (("cpu", cpu), ("vulkan", gpu)):
+        fn = getattr(vk, "_debug_turbid_samples_embree" if form == "cpu" else
+                     "_debug_turbid_samples_vulkan")
+        runs[("turbid_sampling", form)] = (
+            lambda f=fn, s=scene: f(s, sampling, "high", 7, budget), budget, "samples/s")
+    for fn, _, _ in runs.values():  # programs compiled and workspaces built outside the timing
+        fn()
+    tested = runs[("turbid_sampling", "cpu")][0]()["payload"]["candidates_tested"].sum()
+    times = {key: [] for key in runs}
+    for _ in range(args.repeat):
+        for key, (fn, _, _) in runs.items():
+            times[key].append(seconds(fn))
+    for (kind, form), ts in times.items():
+        _, n, unit = runs[(kind, form)]
+        rates = [n / t for t in ts]
+        extra = {"candidates_tested": int(tested)} if kind == "turbid_sampling" else {"elements": n}
+        emit("vulkan", f"{kind}_{unit.split('/')[0]}_per_s_{form}",
+             round(statistics.median(rates), 1), unit,
+             spread=[round(min(rates), 1), round(max(rates), 1)],
+             device=device if form == "vulkan" else "every CPU thread", repeats=args.repeat,
+             **extra)
+        if form == "vulkan":
+            ratios = [c / v for c, v in zip(times[(kind, "cpu")], ts)]
+            emit("vulkan", f"{kind}_vulkan_over_cpu", round(statistics.median(ratios), 4), "ratio",
+                 spread=[round(min(ratios), 4), round(max(ratios), 4)],
+                 baseline="the CPU form on the same request, in the same rounds")
 
 
 if __name__ == "__main__":

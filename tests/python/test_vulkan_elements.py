@@ -66,11 +66,10 @@ def leaf_elements(rng, n, energy):
     return r
 
 
-# 10k elements per mode keeps the suite fast on lavapipe; bench_vulkan.py runs larger sets.
 @pytest.mark.parametrize("energy", [False, True])
 def test_leaf_solver_matches_the_cpu_lane_for_lane(scenes, rng, energy):
     cpu, gpu, _ = scenes
-    req = leaf_elements(rng, 10000, energy)
+    req = leaf_elements(rng, 100_000, energy)
     ref, got = vk.solve_physiology_cpu(cpu, req), vk.solve_physiology_vulkan(gpu, req)
     assert got["_execution"]["executor"] == "vulkan.slang.physiology_solver"
     assert set(got) == set(ref)
