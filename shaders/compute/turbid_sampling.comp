@@ -4,6 +4,7 @@
 // sampling_kernels): stream key, Sobol words by Gray code, Owen scrambling by hash, the
 // inside test in 16 lanes of partial solid-angle sums, and the leaf normal (fixed-point de
 // Wit inverse, Cephes sin and cos). The host verifies every candidate that comes back.
+#extension GL_EXT_shader_explicit_arithmetic_types_float64 : require
 layout(local_size_x = 64) in;
 
 #define PF precise float
@@ -190,6 +191,31 @@ uint de_wit_code(uint w, int type) {
   return lo;
 }
 
+// sqrt rounded to nearest, as the host's: a device may round its sqrt within a few ulp.
+// Each step compares x with the square of the midpoint to the neighbouring float, exact
+// in double (25 bits squared fit 53).
+float sqrt_rn(float x) {
+  float s = sqrt(x);
+  if (!(x > 0.0)) return s;
+  double X = double(x);
+  for (int k = 0; k < 8; ++k) {
+    float up = uintBitsToFloat(floatBitsToUint(s) + 1u);
+    precise double mid_up = (double(s) + double(up)) * 0.5lf;
+    if (X > mid_up * mid_up) {
+      s = up;
+      continue;
+    }
+    float down = uintBitsToFloat(floatBitsToUint(s) - 1u);
+    precise double mid_down = (double(down) + double(s)) * 0.5lf;
+    if (X < mid_down * mid_down) {
+      s = down;
+      continue;
+    }
+    break;
+  }
+  return s;
+}
+
 // Cephes' sinf and cosf for x in [0, 6.2831855], as the host's sincos_float.
 vec2 sincos_float(float x) {
   int j = int(x * 1.27323954);
@@ -226,7 +252,7 @@ void main() {
     int type = pc.leaf_angle_distribution;
     if (type == 0) {
       PF u = unit_float(w_zenith);
-      PF s = sqrt((1.0 - u) * (1.0 + u));
+      PF s = sqrt_rn((1.0 - u) * (1.0 + u));
       zenith = vec2(s, u);
     } else if (type == 5) {
       PF u = unit_float(w_zenith);

@@ -487,6 +487,10 @@ static_assert(sizeof(turbid::TurbidSamplingCandidate) == 32, "8 words per candid
 }  // namespace
 
 turbid::CandidateFiller VulkanSceneManager::turbid_candidate_filler() const {
+  if (!context_.has_shader_int64_float64())
+    throw std::runtime_error(
+        "Vulkan: the leaf-area sampler needs 64-bit floats in shaders (shaderFloat64), which "
+        "this device lacks");
   if (!dev_->turbid_sampling)
     dev_->turbid_sampling = ray_free_program(context_, program_dir_, "turbid_sampling.spv", 3,
                                              sizeof(SamplingPush), "turbid sampling");
