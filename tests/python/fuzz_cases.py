@@ -240,6 +240,9 @@ vk._debug_turbid_domain_samples_embree s:s i:tdom() | vk._debug_turbid_scene_rel
 vk._debug_turbid_residency_embree s:s | vk._set_turbid_commit_failure_embree s:s x:'table_stage'
 vk.execute_energy_balance_process_cpu s:s e:ebreq() | vk.execute_photosynthesis_process_dynamic_cpu s:s d:dynreq()
 vk.finalize_sif_process_cpu s:s g:sifreq() | vk.assemble_sif_source_cpu s:s a:asmreq()
+vk.solve_physiology_vulkan s:s r:req() | vk.execute_photosynthesis_process_static_vulkan s:s q:preq()
+vk.finalize_sif_process_vulkan s:s g:sifreq() | vk.assemble_sif_source_vulkan s:s a:asmreq()
+vk._debug_turbid_samples_vulkan s:s t:treq() x:'preview' i:7 !i:64 !i:0
 vk.simulate_lidar_cpu s:s fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
 f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False""")}
 
@@ -344,6 +347,8 @@ VULKAN_DEVICES = any(d["compatible"] for d in vk.list_vulkan_devices())
 def kinds_for(target, kinds):
     """The scene kinds a target can be called on: a method on the scene classes that
     have it, Vulkan scenes only on a machine with a Vulkan device."""
+    if target.endswith("_vulkan"):  # module functions of the Vulkan scene
+        return ["vulkan"] if VULKAN_DEVICES else []
     if not target.startswith("s."):
         return kinds
     name = target[2:]
@@ -451,7 +456,7 @@ def build_cases():
         for (target, i, size), v in zip((where * n)[:n], draws):
             kinds = kinds_for(target, ["ready", "ready", "unbuilt", "empty", "thermal",
                                        "repeated"]) if target[0] == "s" else \
-                ["ready", "repeated", "thermal"]
+                kinds_for(target, ["ready", "repeated", "thermal"])
             if not kinds:
                 continue
             kind = rng.choice(kinds)
