@@ -142,8 +142,7 @@ struct VulkanSceneManager::Device {
   std::unique_ptr<Program> microwave;  // loaded on first use
   // The ray-free element programs, loaded on first use.
   std::unique_ptr<PhysiologyWorkspace> physiology;
-  std::unique_ptr<Program> photosynthesis, sif_process, sif_classify, sif_sums, sif_reduce,
-      sif_finish, sif_joint, turbid_sampling;
+  std::unique_ptr<Program> photosynthesis, sif_process, sif_assembly, turbid_sampling;
 };
 
 }  // namespace vesk::vulkan

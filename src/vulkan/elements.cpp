@@ -371,10 +371,10 @@ backend::SifSourceAssemblyResult VulkanSceneManager::assemble_sif_source(
   Buffer b_orient = storage_buffer(context_, orients * nb * 4);
   Buffer b_joint = storage_buffer(context_, slots * nb * 4);
   Buffer b_direct_joint = storage_buffer(context_, slots * nb * 4);
-  if (!dev_->sif_classify)
-    dev_->sif_classify = ray_free_program(context_, program_dir_, "sif_source_assembly.spv", 23,
+  if (!dev_->sif_assembly)
+    dev_->sif_assembly = ray_free_program(context_, program_dir_, "sif_source_assembly.spv", 23,
                                           sizeof(AssemblyPush), "SIF source assembly");
-  Program& p = *dev_->sif_classify;
+  Program& p = *dev_->sif_assembly;
   const Buffer* bound[] = {&b_pos,    &b_nrm,   &b_ids,         &b_dims,       &b_lo,
                            &b_hi,     &b_slot,  &b_source,      &b_direct,     &b_order,
                            &b_start,  &b_cell,  &b_spatial_sum, &b_orient_sum, &b_instance_sum,
