@@ -323,6 +323,11 @@ void validate_turbid_radiation_request(const TurbidSampleView& s, const TurbidRa
   check_finite("leaf_area", s.leaf_area.data, s.leaf_area.size);
   if (v.rays_per_side < 1) throw std::invalid_argument("Turbid rays_per_side must be positive");
   if (v.max_depth < 1) throw std::invalid_argument("Turbid max_depth must be positive");
+  if (v.band_widths.size) {
+    check_finite("band_widths", v.band_widths.data, v.band_widths.size);
+    for (size_t b = 0; b < v.band_widths.size; ++b)
+      if (!(v.band_widths[b] > 0.0f)) throw std::invalid_argument("band_widths must be positive (nm)");
+  }
 }
 
 tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
@@ -335,6 +340,7 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
   const std::vector<float>& wl = scene.band_wavelengths();
   if (wl.size() != size_t(bands))
     throw std::invalid_argument("Turbid state needs one band wavelength (nm) per scene band");
+  if (v.band_widths.size) check_length("band_widths", v.band_widths.size, size_t(bands));
   const EmbreeSceneManager::RunGuard read_only(scene);
   const MediaScene ms = MediaScene::from(scene);
   ShortwaveContext c{&ms, scene.spectral_params().data(), scene.materials().data(),
@@ -350,8 +356,13 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
   for (auto* a : {&r.sunlit_probability, &r.direct_share, &r.apar, &r.apar_sunlit,
                   &r.apar_shaded, &r.shortwave_sunlit, &r.shortwave_shaded})
     a->assign(n, 0.0f);
-  std::vector<float> par(nb);
-  for (size_t b = 0; b < nb; ++b) par[b] = tb::par_photons_per_joule(wl[b]);
+  // Per band: the width that turns a spectral value into energy, and that energy's PAR.
+  std::vector<double> width(nb, 1.0), par(nb);
+  for (size_t b = 0; b < nb; ++b) {
+    if (v.band_widths.size) width[b] = v.band_widths[b];
+    par[b] = double(tb::par_photons_per_joule(wl[b])) * width[b];
+  }
+  r.band_widths.assign(width.begin(), width.end());
 
   const int threads = resolve_thread_count(v.threads);
   const std::vector<double> zeros(nb, 0.0), zeros2(2 * nb, 0.0);
@@ -420,7 +431,7 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
         const double bo = bottom + (mu < 0.0f ? P * direct : 0.0);
         r.absorbed_top[i * nb + b] = float(t), r.absorbed_bottom[i * nb + b] = float(bo);
         apar += (t + bo) * par[b], adir += direct * par[b];
-        sw += t + bo, swdir += direct;
+        sw += (t + bo) * width[b], swdir += direct * width[b];
       }
       r.direct_share[i] = sw > 0.0 ? float(std::clamp(P * swdir / sw, 0.0, 1.0)) : 0.0f;
       r.apar[i] = float(apar);
@@ -437,7 +448,8 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
 
 void validate_turbid_leaf_rrt_request(const EmbreeSceneManager& scene, const TurbidSampleView& s,
                                       const TurbidLeafRrtRequestView& v) {
-  TurbidRadiationRequestView r{v.rays_per_side, v.max_depth, v.seed, v.threads};
+  TurbidRadiationRequestView r;
+  r.rays_per_side = v.rays_per_side, r.max_depth = v.max_depth;
   validate_turbid_radiation_request(s, r);
   const size_t n = size_t(s.n_samples), np = scene.n_primitives();
   check_length("temperature", v.temperature.data ? v.temperature.size : 0, n);

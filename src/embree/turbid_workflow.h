@@ -37,6 +37,10 @@ struct TurbidRadiationRequestView {
   int32_t max_depth = 0;      // scattering events per diffuse ray
   uint64_t seed = 0;
   int32_t threads = 0;        // < 1: resolve_thread_count
+  // nm per band, or empty: the scene's spectra are then energies per band. With widths
+  // they are spectral densities (per nm), and the band sums (PAR, shortwave) take each
+  // band's value times its width.
+  backend::FloatSpan band_widths;
 };
 void validate_turbid_radiation_request(const TurbidSampleView& samples,
                                        const TurbidRadiationRequestView& view);

@@ -75,6 +75,7 @@ py::dict state_arrays(const tb::TurbidStateRecord& s) {
   py::dict d;
   d["state"] = token_dict(s.token);
   d["band_wavelengths"] = to_numpy(s.band_wavelengths);
+  d["band_widths"] = to_numpy(s.band_widths);
   d["absorbed_top"] = rows(s.absorbed_top, n, b);
   d["absorbed_bottom"] = rows(s.absorbed_bottom, n, b);
   d["absorbed_direct_sunlit"] = rows(s.absorbed_direct_sunlit, n, b);
@@ -138,7 +139,8 @@ void bind_turbid_workflow(py::module_& m) {
   m.def(
       "_build_turbid_state_embree",
       [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(request, {"domain_id", "rays_per_side", "max_depth", "seed", "threads"},
+        warn_unread_keys(request,
+                         {"domain_id", "rays_per_side", "max_depth", "seed", "threads", "band_widths"},
                          "_build_turbid_state_embree");
         eb::TurbidRadiationRequestView v;
         const uint64_t domain = get<uint64_t>(request, "domain_id", "an int");
@@ -146,6 +148,11 @@ void bind_turbid_workflow(py::module_& m) {
         v.max_depth = get_or<int32_t>(request, "max_depth", 8, "an int");
         v.seed = get_or<uint64_t>(request, "seed", 0, "an int");
         v.threads = get_or<int32_t>(request, "threads", 0, "an int");
+        FloatArray widths;
+        if (request.contains("band_widths")) {
+          widths = get<FloatArray>(request, "band_widths", "a float array");
+          v.band_widths = {widths.data(), size_t(widths.size())};
+        }
         const tb::TurbidStateToken t = eb::build_turbid_state(scene, domain, v);
         py::dict out = state_arrays(eb::check_turbid_state(scene, t, 1, tb::STAGE_LAST));
         out["_execution"] = execution(WORKFLOW_TURBID_STATE, "embree.cpu.turbid_state");
@@ -154,16 +161,18 @@ void bind_turbid_workflow(py::module_& m) {
       py::arg("scene"), py::arg("request"),
       "Radiation state of a committed Turbid domain under the scene's sun and sky (stage 1).\n"
       "request: 'domain_id'; 'rays_per_side' (32) diffuse reverse rays per leaf side;\n"
-      "'max_depth' (8) scattering events per ray; 'seed' (0); 'threads' (0: all).\n"
+      "'max_depth' (8) scattering events per ray; 'seed' (0); 'threads' (0: all);\n"
+      "'band_widths' (b,) nm when the scene's spectra are per nm (default: per band).\n"
       "Estimator: the sunlit probability is the transmittance to the sun through media and\n"
       "mesh (Beer-Lambert, computed); a sunlit leaf absorbs E_sun |n.s| (1 - R - T) on the\n"
       "side facing the sun; the diffuse irradiance of each side is pi x the mean radiance\n"
       "of cosine-weighted reverse paths (sky at escape, sun by next-event estimation with\n"
       "the hot-spot at the first event). Returns {'state': token dict, 'band_wavelengths'\n"
-      "(b,) nm, 'absorbed_top', 'absorbed_bottom' (n, b) float32 expected absorbed W m-2\n"
-      "of leaf per band, 'absorbed_direct_sunlit' (n, b) direct beam a sunlit leaf\n"
-      "absorbs, 'sunlit_probability', 'direct_share' (n,) 0..1, 'apar', 'apar_sunlit',\n"
-      "'apar_shaded' (n,) umol m-2 s-1, 'shortwave_sunlit', 'shortwave_shaded' (n,) W m-2\n"
+      "(b,) nm, 'band_widths' (b,) nm, 'absorbed_top', 'absorbed_bottom' (n, b) float32\n"
+      "expected absorbed per m2 of leaf in the sun spectrum's units,\n"
+      "'absorbed_direct_sunlit' (n, b) the direct beam a sunlit leaf absorbs,\n"
+      "'sunlit_probability', 'direct_share' (n,) 0..1, 'apar', 'apar_sunlit', 'apar_shaded'\n"
+      "(n,) umol m-2 s-1, 'shortwave_sunlit', 'shortwave_shaded' (n,) W m-2\n"
       "summed over bands, '_execution'}. Samples are in the domain's order.");
 
   m.def(

@@ -188,8 +188,9 @@ TurbidFieldRecord aggregate_turbid_field(const TurbidStateRecord& s,
     q[j++] = s.sunlit_probability[i], q[j++] = s.apar[i];
     double sw = 0.0;
     for (int32_t b = 0; b < s.n_bands; ++b)
-      sw += double(s.absorbed_top[i * size_t(s.n_bands) + size_t(b)]) +
-            s.absorbed_bottom[i * size_t(s.n_bands) + size_t(b)];
+      sw += (double(s.absorbed_top[i * size_t(s.n_bands) + size_t(b)]) +
+             s.absorbed_bottom[i * size_t(s.n_bands) + size_t(b)]) *
+            (s.band_widths.empty() ? 1.0 : double(s.band_widths[size_t(b)]));
     q[j++] = sw;
     if (Q > 3)
       for (const float v : {s.an[i], s.gs[i], s.phi_f[i], s.temperature[i],

@@ -13,13 +13,14 @@
 namespace vesk::turbid {
 
 // Everything a state holds, per sample in the domain's sample order. Units: absorbed
-// shortwave W m-2 of one-sided leaf area per band (the scene's sun and sky spectra taken
-// as energies per band), PAR umol m-2 s-1, temperatures K, an umol m-2 s-1, gs mol m-2
+// shortwave per m2 of one-sided leaf area in the units of the scene's sun spectrum (W m-2
+// per band, or W m-2 nm-1 with band widths), PAR umol m-2 s-1, shortwave sums W m-2, temperatures K, an umol m-2 s-1, gs mol m-2
 // s-1. Arrays of later stages are empty until the state reaches them.
 struct TurbidStateRecord {
   TurbidStateToken token;
   int32_t n_samples = 0, n_bands = 0;
   std::vector<float> band_wavelengths;  // nm, n_bands
+  std::vector<float> band_widths;       // nm per band; 1 when the spectra are per band
   // Radiation (stage 1 on).
   std::vector<float> absorbed_top, absorbed_bottom;  // expected, n_samples * n_bands
   std::vector<float> absorbed_direct_sunlit;  // direct beam absorbed by a sunlit leaf, per band

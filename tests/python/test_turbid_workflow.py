@@ -207,10 +207,9 @@ def test_sif_source_keeps_the_samples_emission_and_renders_like_explicit_leaves(
     explicit.set_primitive_sif_spectra(np.repeat(per_leaf.T, 2, axis=1).ravel().astype(F), 2)
     explicit.set_sif_only_mode(True)
     img_e = vk.simulate_cpu(explicit, spp=48, max_depth=8)["payload"].astype(np.float64)
-    # Monte Carlo error of the image sums is about 1 %; the explicit crown is one random
-    # draw of 980 leaves, whose clumping and gaps the turbid medium averages out (about 5 %).
-    print("SIF", img_t.sum((0, 1)), img_e.sum((0, 1)))
-    np.testing.assert_allclose(img_t.sum((0, 1)), img_e.sum((0, 1)), rtol=0.08,
+    # Monte Carlo error of the image sums is under 1 %; the explicit crown is one random
+    # draw of 980 finite leaves, whose clumping the turbid medium averages out (a few %).
+    np.testing.assert_allclose(img_t.sum((0, 1)), img_e.sum((0, 1)), rtol=0.04,
                                err_msg="SIF of the turbid crown against explicit leaves")
 
 
