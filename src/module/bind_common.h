@@ -81,6 +81,7 @@ void bind_lidar(py::module_& m);
 void bind_microwave_transport(py::module_& m);
 void bind_turbid(py::module_& m);
 void bind_turbid_workflow(py::module_& m);
+void bind_turbid_leaf_rrt(py::module_& m);
 void bind_energy_balance_transport(py::module_& m);
 void bind_energy_balance_processes(py::module_& m);
 void bind_sif_processes(py::module_& m);

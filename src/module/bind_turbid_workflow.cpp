@@ -349,6 +349,10 @@ void bind_turbid_workflow(py::module_& m) {
       "umol m-2 s-1, 'emitted_power' (b,) W nm-1 of all samples (both sides, expected),\n"
       "the four tables, 'joint_counts' and the grid arguments of the setter.");
 
+}
+
+// Registered with the CPU transport entries, after the energy balance.
+void bind_turbid_leaf_rrt(py::module_& m) {
   m.def(
       "run_turbid_leaf_rrt_cpu",
       [](EmbreeSceneManager& scene, const py::dict& request) {

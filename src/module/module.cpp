@@ -39,6 +39,7 @@ PYBIND11_MODULE(vesk_gpu, m) {
   vesk::module::bind_optical(m);
   vesk::module::bind_forward(m);
   vesk::module::bind_energy_balance_transport(m);
+  vesk::module::bind_turbid_leaf_rrt(m);
   vesk::module::bind_processes(m);
   vesk::module::bind_lidar(m);
   vesk::module::bind_microwave_transport(m);
