@@ -51,6 +51,7 @@
 #include "core/array_check.h"
 #include "core/illumination.h"
 #include "core/material.h"
+#include "core/memory_limit.h"
 #include "core/offset_origin.h"
 #include "core/rng.h"
 #include "core/tile.h"
@@ -69,6 +70,25 @@ namespace {
 
 constexpr float STEFAN_BOLTZMANN = 5.670374e-8f;  // W m-2 K-4
 constexpr int32_t RR_DEPTH = 3;
+constexpr int32_t MAX_RAYS_PER_SIDE = 65536;
+constexpr int32_t MAX_WALK_DEPTH = 4096;
+
+// Grid and orientation bins of a field or a SIF source: positive, and tables that fit
+// the machine (`values` floats per cell and bin, per owner).
+void check_grid(const char* what, const int32_t dims[3], int32_t theta_bins, int32_t phi_bins,
+                size_t owners, size_t values) {
+  if (dims[0] < 1 || dims[1] < 1 || dims[2] < 1)
+    throw std::invalid_argument(std::string(what) + " grid_dims must be positive");
+  if (theta_bins < 1 || phi_bins < 1)
+    throw std::invalid_argument("Turbid orientation dimensions must be positive");
+  const double cells = double(dims[0]) * dims[1] * dims[2];
+  if (cells > double(1 << 24))
+    throw std::invalid_argument(std::string(what) + " grid_dims exceed 2^24 cells");
+  const double bins = double(theta_bins) * double(phi_bins);
+  if (bins > double(1 << 16)) throw std::invalid_argument("Turbid orientation exceeds 2^16 bins");
+  check_request_memory(std::string(what) + " tables", 12.0 * double(owners) * cells * (bins + 1.0) *
+                                                          double(std::max<size_t>(values, 1)));
+}
 
 // A cosine-weighted direction about n.
 float3 cosine_direction(const float3& n, float u1, float u2) {
@@ -321,8 +341,10 @@ void validate_turbid_radiation_request(const TurbidSampleView& s, const TurbidRa
   check_finite("positions", s.positions.data, s.positions.size);
   check_finite("normals", s.normals.data, s.normals.size);
   check_finite("leaf_area", s.leaf_area.data, s.leaf_area.size);
-  if (v.rays_per_side < 1) throw std::invalid_argument("Turbid rays_per_side must be positive");
-  if (v.max_depth < 1) throw std::invalid_argument("Turbid max_depth must be positive");
+  if (v.rays_per_side < 1 || v.rays_per_side > MAX_RAYS_PER_SIDE)
+    throw std::invalid_argument("Turbid rays_per_side must lie in [1, 65536]");
+  if (v.max_depth < 1 || v.max_depth > MAX_WALK_DEPTH)
+    throw std::invalid_argument("Turbid max_depth must lie in [1, 4096]");
   if (v.band_widths.size) {
     check_finite("band_widths", v.band_widths.data, v.band_widths.size);
     for (size_t b = 0; b < v.band_widths.size; ++b)
@@ -792,11 +814,9 @@ backend::TurbidFieldToken build_turbid_field(EmbreeSceneManager& scene,
                                              const int32_t dims[3], int32_t theta_bins,
                                              int32_t phi_bins) {
   const tb::TurbidStateRecord& s = check_turbid_state(scene, state, tb::STAGE_RADIATION, tb::STAGE_LAST);
-  if (dims[0] < 1 || dims[1] < 1 || dims[2] < 1 || int64_t(dims[0]) * dims[1] * dims[2] > 1 << 24)
-    throw std::invalid_argument("Turbid field grid_dims must be positive (at most 2^24 cells)");
-  if (theta_bins < 1 || phi_bins < 1 || int64_t(theta_bins) * phi_bins > 1 << 16)
-    throw std::invalid_argument("Turbid orientation dimensions must be positive");
   const DomainSamples d = domain_samples(scene, state.domain_id);
+  check_grid("Turbid field", dims, theta_bins, phi_bins, size_t(d.n_owners),
+             tb::field_quantities(s.token.workflow_stage).size());
   const size_t n = d.leaf_area.size();
   std::vector<float3> pos(n), nrm(n);
   std::vector<float> lo(3 * size_t(d.n_owners), 1e30f), hi(3 * size_t(d.n_owners), -1e30f);
@@ -864,6 +884,7 @@ TurbidSifSource build_turbid_sif_source(EmbreeSceneManager& scene, const tb::Tur
   const backend::TurbidDomainStorage::Resident& d = scene.turbid().storage.residents.at(state.domain_id);
   const DomainSamples ds = domain_samples(scene, state.domain_id);
   const int32_t ni = scene.num_instances();
+  check_grid("Turbid SIF source", dims, theta_bins, phi_bins, size_t(ni), size_t(s.n_bands));
   const size_t n = ds.leaf_area.size();
   for (size_t k = 0; k < d.owners.size(); ++k) {
     const int64_t inst = k < d.request.owners.size() ? d.request.owners[k].instance_id : -1;
