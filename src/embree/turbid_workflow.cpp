@@ -682,10 +682,15 @@ bool same_revisions(const tb::TurbidStateToken& a, const tb::TurbidStateToken& b
          a.sampling_revision == b.sampling_revision;
 }
 
-// Stores a finished state: a new state revision, the record, and the token list; states
-// that can never be accepted again (stale revisions) are dropped on the way.
-tb::TurbidStateToken publish_state(EmbreeSceneManager& scene, tb::TurbidStateRecord&& record,
-                                   uint64_t lineage) {
+}  // namespace
+
+tb::TurbidStateToken publish_turbid_state(EmbreeSceneManager& scene, tb::TurbidStateRecord&& record,
+                                          uint64_t lineage) {
+  refresh_revisions(scene);
+  if (!same_revisions(record.token, current_token(scene, record.token.domain_id)))
+    throw std::runtime_error(tb::STALE_STATE);
+  if (record.token.workflow_stage < tb::STAGE_RADIATION || record.token.workflow_stage > tb::STAGE_LAST)
+    throw std::invalid_argument(tb::STAGE_MISMATCH);
   tb::TurbidHolding& h = scene.turbid();
   const uint64_t revision = tb::next_revision(h.state_revision, "Turbid state revision overflow");
   record.token.state_revision = revision;
@@ -718,8 +723,6 @@ tb::TurbidStateToken publish_state(EmbreeSceneManager& scene, tb::TurbidStateRec
   h.state_revision = revision;
   return token;
 }
-
-}  // namespace
 
 TurbidSampleView DomainSamples::view() const {
   TurbidSampleView v;
@@ -797,7 +800,7 @@ tb::TurbidStateToken build_turbid_state(EmbreeSceneManager& scene, uint64_t doma
   tb::TurbidStateRecord record = compute_turbid_radiation(scene, samples.view(), view);
   token.workflow_stage = tb::STAGE_RADIATION;
   record.token = token;
-  return publish_state(scene, std::move(record), 0);
+  return publish_turbid_state(scene, std::move(record), 0);
 }
 
 tb::TurbidStateToken build_turbid_physiology_state(EmbreeSceneManager& scene,
@@ -806,7 +809,7 @@ tb::TurbidStateToken build_turbid_physiology_state(EmbreeSceneManager& scene,
   const tb::TurbidStateRecord& rad =
       check_turbid_state(scene, radiation, tb::STAGE_RADIATION, tb::STAGE_RADIATION);
   tb::TurbidStateRecord next = tb::solve_turbid_physiology(rad, view);
-  return publish_state(scene, std::move(next), radiation.token_id);
+  return publish_turbid_state(scene, std::move(next), radiation.token_id);
 }
 
 backend::TurbidFieldToken build_turbid_field(EmbreeSceneManager& scene,

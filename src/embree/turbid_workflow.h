@@ -100,6 +100,15 @@ const turbid::TurbidStateRecord& check_turbid_state(EmbreeSceneManager& scene,
 const turbid::TurbidFieldRecord& check_turbid_field(EmbreeSceneManager& scene,
                                                     const backend::TurbidFieldToken& token);
 
+// Stores a finished state computed from a current one (record.token: the revisions it
+// came from, its stage): a new state revision, token_id = lineage (the radiation state it
+// descends from; 0: its own revision). States whose revisions are no longer current are
+// dropped on the way. The record's revisions must still be current (else the stale
+// text) and its stage 1..3; this is how later stages (a joint thermo-physiology loop)
+// publish their states.
+turbid::TurbidStateToken publish_turbid_state(EmbreeSceneManager& scene,
+                                              turbid::TurbidStateRecord&& record, uint64_t lineage);
+
 turbid::TurbidStateToken build_turbid_state(EmbreeSceneManager& scene, uint64_t domain_id,
                                             const TurbidRadiationRequestView& view);
 turbid::TurbidStateToken build_turbid_physiology_state(

@@ -141,6 +141,11 @@ def test_isothermal_closed_box_absorbs_what_it_emits(leaf_eps, wall_eps):
     walls = r["primitive_absorbed_front"][:12]  # the room; the crown's boundary is no matter
     assert abs(walls.mean() - wall_eps * SIGMA * T**4) < 4 * walls.std() / np.sqrt(12) + 1e-3 * SIGMA * T**4
     assert (r["primitive_absorbed_front"][12:] == 0).all() and (r["primitive_absorbed_back"] == 0).all()
+    one = vk.run_turbid_leaf_rrt_cpu(s, dict(
+        domain_id=domain, temperature=T, emissivity=leaf_eps, primitive_temperature=np.full(n, T, F),
+        primitive_emissivity=np.full(n, wall_eps, F), two_sided=False, rays_per_side=rays, seed=4,
+        threads=1))
+    np.testing.assert_array_equal(one["absorbed_top"], r["absorbed_top"], err_msg="thread count matters")
 
 
 def test_sif_source_keeps_the_samples_emission_and_renders_like_explicit_leaves(rng):
@@ -261,6 +266,8 @@ def test_tokens_stale_rules_and_stage_rules():
         vk._build_turbid_thermal_source_embree(s, dict(state=token))
     with pytest.raises(ValueError, match="^Turbid workflow stage mismatch$"):
         vk._build_turbid_sif_source_embree(s, dict(state=token))
+    with pytest.raises(ValueError, match="^Turbid workflow stage mismatch$"):
+        vk.run_turbid_leaf_rrt_cpu(s, dict(domain_id=domain, state=token))
     # A token that names no held state (another revision, another domain).
     for forged in ({**token, "state_revision": 99}, {**token, "domain_id": 77},
                    {**token, "token_id": 5}, {**token, "illumination_revision": 9}):
@@ -298,6 +305,20 @@ def test_tokens_stale_rules_and_stage_rules():
     # The extension's commit pruned the domain's derived states and fields.
     held = vk._debug_turbid_residency_embree(s)
     assert held["n_states"] == 0 and held["n_fields"] == 0
+
+
+def test_field_means_keep_the_leaf_area_totals_of_the_state():
+    s, domain = layer(budget=256)
+    ph = physiology(s, state(s, domain)["state"])
+    f = vk._build_turbid_field_embree(s, dict(state=ph["state"], grid_dims=[2, 2, 3]))
+    area = vk._debug_turbid_domain_samples_embree(s, domain)["leaf_area"].astype(np.float64)
+    for name in ("apar", "an", "temperature"):
+        q = f["quantities"].index(name)
+        total = (f["spatial"][..., q] * f["leaf_area"]).sum()
+        np.testing.assert_allclose(total, (area * ph[name]).sum(), rtol=1e-5,
+                                   err_msg=f"leaf-area total of {name} over the field's cells")
+    # The orientation bins partition the same leaves.
+    assert f["joint_counts"].sum() == len(area)
 
 
 def test_committing_another_domain_keeps_states_of_the_others():
