@@ -107,10 +107,10 @@ float3 load3(const backend::FloatSpan& a, size_t i) {
 // What a reverse path meets, told to its policy: a leaf collision or a surface (return
 // false to end the path, else the next direction), and the escape.
 struct WalkEvent {
-  float3 point, normal;  // the struck face's normal, facing the arriving ray
-  bool back = false;     // the leaf's back (or a surface's back face) was struck
-  int32_t medium = -1;   // a leaf collision: its medium
-  uint32_t instance = 0;  // the bounding instance of the collision's medium
+  float3 point, normal;            // the struck face's normal, facing the arriving ray
+  bool back = false;               // the leaf's back (or a surface's back face) was struck
+  int32_t medium = -1;             // a leaf collision: its medium
+  uint32_t instance = 0;           // the bounding instance of the collision's medium
   const EmbreeHit* hit = nullptr;  // a surface
   int32_t order = 0;               // events so far, this one included
   const ActiveMediumList* list = nullptr;
@@ -121,8 +121,8 @@ struct WalkEvent {
 // follows it): free paths in the media it is in against the surface and the tile wall
 // ahead, boundary crossings without scattering, tile walls with a rescan.
 template <class Policy>
-void reverse_walk(const MediaScene& ms, float3 o, float3 d, ActiveMediumList list,
-                  RayStart start, int32_t max_depth, RNG& rng, Policy& policy) {
+void reverse_walk(const MediaScene& ms, float3 o, float3 d, ActiveMediumList list, RayStart start,
+                  int32_t max_depth, RNG& rng, Policy& policy) {
   ActiveMediumList first_order = list;
   const FirstOrderPath partner{&first_order, -d};
   bool scattered = false;
@@ -145,8 +145,8 @@ void reverse_walk(const MediaScene& ms, float3 o, float3 d, ActiveMediumList lis
     if (fp.sigma_total > 0.0f && fp.distance < seg.bound) {
       run_unscattered(fp.distance);
       scattered = true;
-      const int32_t slot = select_medium_slot(ms.media, ms.n_media, list.medium_id, list.count,
-                                              d, fp.sigma_total, rng.next_float());
+      const int32_t slot = select_medium_slot(ms.media, ms.n_media, list.medium_id, list.count, d,
+                                              fp.sigma_total, rng.next_float());
       const int32_t medium = list.medium_id[slot];
       if (medium < 0 || size_t(medium) >= ms.n_media) return;
       WalkEvent e;
@@ -223,8 +223,10 @@ struct ShortwavePolicy {
 
   bool event(const WalkEvent& e, const float3& d, int32_t depth, RNG& rng, float3& next) {
     int32_t material = -1;
-    if (e.medium >= 0) material = c.ms->media[e.medium].material_id;
-    else material = e.hit->material_id;
+    if (e.medium >= 0)
+      material = c.ms->media[e.medium].material_id;
+    else
+      material = e.hit->material_id;
     if (material < 0 || size_t(material) >= c.n_materials) return false;
     const MaterialData& m = c.materials[material];
     float3 frame[3];
@@ -238,9 +240,9 @@ struct ShortwavePolicy {
       const float3 s = local(c.sun.direction);
       if ((s.z > 0.0f || m.type == MaterialType::DiffuseTransmitting) && std::fabs(s.z) > 0.0f) {
         const RayStart from = e.medium >= 0 ? RayStart::Point : RayStart::Surface;
-        const float3 o = e.medium >= 0 ? e.point
-                                       : offset_origin(e.point, e.hit->geometric_normal,
-                                                       c.sun.direction);
+        const float3 o = e.medium >= 0
+                             ? e.point
+                             : offset_origin(e.point, e.hit->geometric_normal, c.sun.direction);
         const double v = shadow_transmittance(*c.ms, o, c.sun.direction, *e.list, e.partner, from);
         if (v > 0.0)
           for (int32_t b = 0; b < c.bands; ++b) {
@@ -259,8 +261,8 @@ struct ShortwavePolicy {
     bool alive = false;
     double largest = 0.0;
     for (int32_t b = 0; b < c.bands; ++b) {
-      const float f = evaluate_material(m.type, m.spectral_offset, b, wo, wi, c.spectral,
-                                        c.bands, e.back, false);
+      const float f = evaluate_material(m.type, m.spectral_offset, b, wo, wi, c.spectral, c.bands,
+                                        e.back, false);
       double& t = throughput[size_t(b)];
       t *= double(f) * double(std::fabs(wi.z)) / double(pdf);
       alive |= t > 1e-8;
@@ -331,7 +333,8 @@ struct LongwavePolicy {
 
 // ---- radiation -------------------------------------------------------------------------
 
-void validate_turbid_radiation_request(const TurbidSampleView& s, const TurbidRadiationRequestView& v) {
+void validate_turbid_radiation_request(const TurbidSampleView& s,
+                                       const TurbidRadiationRequestView& v) {
   if (s.n_samples < 1) throw std::invalid_argument("Turbid state needs at least one sample");
   const size_t n = size_t(s.n_samples);
   check_length("positions", s.positions.size, 3 * n);
@@ -348,7 +351,8 @@ void validate_turbid_radiation_request(const TurbidSampleView& s, const TurbidRa
   if (v.band_widths.size) {
     check_finite("band_widths", v.band_widths.data, v.band_widths.size);
     for (size_t b = 0; b < v.band_widths.size; ++b)
-      if (!(v.band_widths[b] > 0.0f)) throw std::invalid_argument("band_widths must be positive (nm)");
+      if (!(v.band_widths[b] > 0.0f))
+        throw std::invalid_argument("band_widths must be positive (nm)");
   }
 }
 
@@ -356,7 +360,8 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
                                                const TurbidSampleView& s,
                                                const TurbidRadiationRequestView& v) {
   validate_turbid_radiation_request(s, v);
-  if (!scene.is_built()) throw std::runtime_error("Turbid state needs a built scene: call build() first");
+  if (!scene.is_built())
+    throw std::runtime_error("Turbid state needs a built scene: call build() first");
   const int32_t bands = scene.num_bands();
   validate_optical_scene(scene, bands);
   const std::vector<float>& wl = scene.band_wavelengths();
@@ -365,9 +370,14 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
   if (v.band_widths.size) check_length("band_widths", v.band_widths.size, size_t(bands));
   const EmbreeSceneManager::RunGuard read_only(scene);
   const MediaScene ms = MediaScene::from(scene);
-  ShortwaveContext c{&ms, scene.spectral_params().data(), scene.materials().data(),
-                     scene.materials().size(), scene.emitter(), scene_has_sun(scene),
-                     scene.sky(), bands};
+  ShortwaveContext c{&ms,
+                     scene.spectral_params().data(),
+                     scene.materials().data(),
+                     scene.materials().size(),
+                     scene.emitter(),
+                     scene_has_sun(scene),
+                     scene.sky(),
+                     bands};
   const size_t n = size_t(s.n_samples), nb = size_t(bands);
 
   tb::TurbidStateRecord r;
@@ -375,8 +385,8 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
   r.band_wavelengths = wl;
   r.absorbed_top.assign(n * nb, 0.0f), r.absorbed_bottom.assign(n * nb, 0.0f);
   r.absorbed_direct_sunlit.assign(n * nb, 0.0f);
-  for (auto* a : {&r.sunlit_probability, &r.direct_share, &r.apar, &r.apar_sunlit,
-                  &r.apar_shaded, &r.shortwave_sunlit, &r.shortwave_shaded})
+  for (auto* a : {&r.sunlit_probability, &r.direct_share, &r.apar, &r.apar_sunlit, &r.apar_shaded,
+                  &r.shortwave_sunlit, &r.shortwave_shaded})
     a->assign(n, 0.0f);
   // Per band: the width that turns a spectral value into energy, and that energy's PAR.
   std::vector<double> width(nb, 1.0), par(nb);
@@ -391,78 +401,86 @@ tb::TurbidStateRecord compute_turbid_radiation(const EmbreeSceneManager& scene,
   std::vector<std::vector<double>> tp(size_t(threads), zeros), rad(size_t(threads), zeros),
       side(size_t(threads), zeros2);
   const int64_t chunk = 16, round = ((int64_t(n) + chunk - 1) / chunk) * chunk;
-  run_counted(threads, 0, int64_t(n), round, chunk, [&](int w, int64_t begin, int64_t end) {
-    std::vector<double>& throughput = tp[size_t(w)];
-    std::vector<double>& radiance = rad[size_t(w)];
-    std::vector<double>& irradiance = side[size_t(w)];  // diffuse, top then bottom
-    for (int64_t ii = begin; ii < end; ++ii) {
-      const size_t i = size_t(ii);
-      const float3 p = load3(s.positions, i), nrm = normalize(load3(s.normals, i));
-      RNG rng;
-      rng.seed(v.seed, uint64_t(i) + 1);
-      // The medium at the sample gives the leaves' material.
-      ActiveMediumList here;
-      media_at_point(ms, p, {0.0f, 0.0f, 1.0f}, here);
-      int32_t material = -1;
-      for (int32_t k = 0; k < here.count && material < 0; ++k) {
-        const int32_t m = here.medium_id[k];
-        if (m >= 0 && size_t(m) < ms.n_media &&
-            (s.owner_instance[i] < 0 || ms.instance_of(here.instance_key[k]) == uint32_t(s.owner_instance[i])))
-          material = ms.media[m].material_id;
-      }
-      if (material < 0 || size_t(material) >= c.n_materials) continue;  // no leaves here: nothing absorbed
-      const MaterialData& m = c.materials[material];
+  run_counted(
+      threads, 0, int64_t(n), round, chunk,
+      [&](int w, int64_t begin, int64_t end) {
+        std::vector<double>& throughput = tp[size_t(w)];
+        std::vector<double>& radiance = rad[size_t(w)];
+        std::vector<double>& irradiance = side[size_t(w)];  // diffuse, top then bottom
+        for (int64_t ii = begin; ii < end; ++ii) {
+          const size_t i = size_t(ii);
+          const float3 p = load3(s.positions, i), nrm = normalize(load3(s.normals, i));
+          RNG rng;
+          rng.seed(v.seed, uint64_t(i) + 1);
+          // The medium at the sample gives the leaves' material.
+          ActiveMediumList here;
+          media_at_point(ms, p, {0.0f, 0.0f, 1.0f}, here);
+          int32_t material = -1;
+          for (int32_t k = 0; k < here.count && material < 0; ++k) {
+            const int32_t m = here.medium_id[k];
+            if (m >= 0 && size_t(m) < ms.n_media &&
+                (s.owner_instance[i] < 0 ||
+                 ms.instance_of(here.instance_key[k]) == uint32_t(s.owner_instance[i])))
+              material = ms.media[m].material_id;
+          }
+          if (material < 0 || size_t(material) >= c.n_materials)
+            continue;  // no leaves here: nothing absorbed
+          const MaterialData& m = c.materials[material];
 
-      // Direct beam, by the transmittance towards the sun.
-      float P = 0.0f;
-      if (c.has_sun) {
-        ActiveMediumList to_sun;
-        media_at_point(ms, p, c.sun.direction, to_sun);
-        P = float(std::clamp(shadow_transmittance(ms, p, c.sun.direction, to_sun, nullptr,
-                                                  RayStart::Point), 0.0, 1.0));
-      }
-      r.sunlit_probability[i] = P;
-      const float mu = c.has_sun ? dot(nrm, c.sun.direction) : 0.0f;
-      // Diffuse, per side.
-      std::fill(irradiance.begin(), irradiance.end(), 0.0);
-      for (int sd = 0; sd < 2; ++sd) {
-        const float3 axis = sd == 0 ? nrm : -nrm;
-        for (int32_t k = 0; k < v.rays_per_side; ++k) {
-          const float u1 = rng.next_float(), u2 = rng.next_float();
-          const float3 d = cosine_direction(axis, u1, u2);
-          ActiveMediumList list;
-          media_at_point(ms, p, d, list);
-          std::fill(throughput.begin(), throughput.end(), 1.0);
-          std::fill(radiance.begin(), radiance.end(), 0.0);
-          ShortwavePolicy policy{c, throughput, radiance};
-          reverse_walk(ms, p, d, list, RayStart::Point, v.max_depth, rng, policy);
-          for (size_t b = 0; b < nb; ++b) irradiance[size_t(sd) * nb + b] += radiance[b];
+          // Direct beam, by the transmittance towards the sun.
+          float P = 0.0f;
+          if (c.has_sun) {
+            ActiveMediumList to_sun;
+            media_at_point(ms, p, c.sun.direction, to_sun);
+            P = float(std::clamp(
+                shadow_transmittance(ms, p, c.sun.direction, to_sun, nullptr, RayStart::Point), 0.0,
+                1.0));
+          }
+          r.sunlit_probability[i] = P;
+          const float mu = c.has_sun ? dot(nrm, c.sun.direction) : 0.0f;
+          // Diffuse, per side.
+          std::fill(irradiance.begin(), irradiance.end(), 0.0);
+          for (int sd = 0; sd < 2; ++sd) {
+            const float3 axis = sd == 0 ? nrm : -nrm;
+            for (int32_t k = 0; k < v.rays_per_side; ++k) {
+              const float u1 = rng.next_float(), u2 = rng.next_float();
+              const float3 d = cosine_direction(axis, u1, u2);
+              ActiveMediumList list;
+              media_at_point(ms, p, d, list);
+              std::fill(throughput.begin(), throughput.end(), 1.0);
+              std::fill(radiance.begin(), radiance.end(), 0.0);
+              ShortwavePolicy policy{c, throughput, radiance};
+              reverse_walk(ms, p, d, list, RayStart::Point, v.max_depth, rng, policy);
+              for (size_t b = 0; b < nb; ++b) irradiance[size_t(sd) * nb + b] += radiance[b];
+            }
+          }
+          double apar = 0.0, adir = 0.0, sw = 0.0, swdir = 0.0;
+          for (size_t b = 0; b < nb; ++b) {
+            const double scale = double(PI) / v.rays_per_side;
+            const double top =
+                irradiance[b] * scale * absorptance(m, c.spectral, bands, int32_t(b), false);
+            const double bottom =
+                irradiance[nb + b] * scale * absorptance(m, c.spectral, bands, int32_t(b), true);
+            double direct = 0.0;
+            if (c.has_sun)
+              direct = double(c.spectral[c.sun.spectral_offset + int32_t(b)]) * std::fabs(mu) *
+                       absorptance(m, c.spectral, bands, int32_t(b), mu < 0.0f);
+            r.absorbed_direct_sunlit[i * nb + b] = float(direct);
+            const double t = top + (mu >= 0.0f ? P * direct : 0.0);
+            const double bo = bottom + (mu < 0.0f ? P * direct : 0.0);
+            r.absorbed_top[i * nb + b] = float(t), r.absorbed_bottom[i * nb + b] = float(bo);
+            apar += (t + bo) * par[b], adir += direct * par[b];
+            sw += (t + bo) * width[b], swdir += direct * width[b];
+          }
+          r.direct_share[i] = sw > 0.0 ? float(std::clamp(P * swdir / sw, 0.0, 1.0)) : 0.0f;
+          r.apar[i] = float(apar);
+          r.apar_shaded[i] = float(std::max(apar - P * adir, 0.0));
+          r.apar_sunlit[i] = float(adir + r.apar_shaded[i]);
+          r.shortwave_shaded[i] = float(std::max(sw - P * swdir, 0.0));
+          r.shortwave_sunlit[i] = float(swdir + r.shortwave_shaded[i]);
         }
-      }
-      double apar = 0.0, adir = 0.0, sw = 0.0, swdir = 0.0;
-      for (size_t b = 0; b < nb; ++b) {
-        const double scale = double(PI) / v.rays_per_side;
-        const double top = irradiance[b] * scale * absorptance(m, c.spectral, bands, int32_t(b), false);
-        const double bottom = irradiance[nb + b] * scale * absorptance(m, c.spectral, bands, int32_t(b), true);
-        double direct = 0.0;
-        if (c.has_sun)
-          direct = double(c.spectral[c.sun.spectral_offset + int32_t(b)]) * std::fabs(mu) *
-                   absorptance(m, c.spectral, bands, int32_t(b), mu < 0.0f);
-        r.absorbed_direct_sunlit[i * nb + b] = float(direct);
-        const double t = top + (mu >= 0.0f ? P * direct : 0.0);
-        const double bo = bottom + (mu < 0.0f ? P * direct : 0.0);
-        r.absorbed_top[i * nb + b] = float(t), r.absorbed_bottom[i * nb + b] = float(bo);
-        apar += (t + bo) * par[b], adir += direct * par[b];
-        sw += (t + bo) * width[b], swdir += direct * width[b];
-      }
-      r.direct_share[i] = sw > 0.0 ? float(std::clamp(P * swdir / sw, 0.0, 1.0)) : 0.0f;
-      r.apar[i] = float(apar);
-      r.apar_shaded[i] = float(std::max(apar - P * adir, 0.0));
-      r.apar_sunlit[i] = float(adir + r.apar_shaded[i]);
-      r.shortwave_shaded[i] = float(std::max(sw - P * swdir, 0.0));
-      r.shortwave_sunlit[i] = float(swdir + r.shortwave_shaded[i]);
-    }
-  }, {});
+      },
+      {});
   return r;
 }
 
@@ -476,8 +494,10 @@ void validate_turbid_leaf_rrt_request(const EmbreeSceneManager& scene, const Tur
   const size_t n = size_t(s.n_samples), np = scene.n_primitives();
   check_length("temperature", v.temperature.data ? v.temperature.size : 0, n);
   check_length("emissivity", v.emissivity.data ? v.emissivity.size : 0, n);
-  if (v.primitive_temperature.size) check_length("primitive_temperature", v.primitive_temperature.size, np);
-  if (v.primitive_emissivity.size) check_length("primitive_emissivity", v.primitive_emissivity.size, np);
+  if (v.primitive_temperature.size)
+    check_length("primitive_temperature", v.primitive_temperature.size, np);
+  if (v.primitive_emissivity.size)
+    check_length("primitive_emissivity", v.primitive_emissivity.size, np);
   check_finite("temperature", v.temperature.data, n);
   check_finite("emissivity", v.emissivity.data, n);
   check_finite("primitive_temperature", v.primitive_temperature.data, v.primitive_temperature.size);
@@ -485,7 +505,8 @@ void validate_turbid_leaf_rrt_request(const EmbreeSceneManager& scene, const Tur
   check_finite("sky_lw_radiance", v.sky_lw_radiance);
   for (size_t i = 0; i < n; ++i)
     if (!(v.temperature[i] > 0.0f) || !(v.emissivity[i] > 0.0f && v.emissivity[i] <= 1.0f))
-      throw std::invalid_argument("Turbid leaf temperature must be positive and emissivity in (0, 1]");
+      throw std::invalid_argument(
+          "Turbid leaf temperature must be positive and emissivity in (0, 1]");
   for (size_t j = 0; j < v.primitive_temperature.size; ++j)
     if (v.primitive_temperature[j] < 0.0f)
       throw std::invalid_argument("primitive_temperature cannot be negative");
@@ -498,7 +519,8 @@ void validate_turbid_leaf_rrt_request(const EmbreeSceneManager& scene, const Tur
 TurbidLeafRrtResult run_turbid_leaf_rrt(const EmbreeSceneManager& scene, const TurbidSampleView& s,
                                         const TurbidLeafRrtRequestView& v) {
   validate_turbid_leaf_rrt_request(scene, s, v);
-  if (!scene.is_built()) throw std::runtime_error("Turbid leaf longwave needs a built scene: call build() first");
+  if (!scene.is_built())
+    throw std::runtime_error("Turbid leaf longwave needs a built scene: call build() first");
   const EmbreeSceneManager::RunGuard read_only(scene);
   const MediaScene ms = MediaScene::from(scene);
   const size_t n = size_t(s.n_samples);
@@ -519,7 +541,8 @@ TurbidLeafRrtResult run_turbid_leaf_rrt(const EmbreeSceneManager& scene, const T
       x[0] += A, x[1] += A * M, x[2] += A * e;
     }
   }
-  if (all[0] > 0.0) c.mean_exitance = float(all[1] / all[0]), c.mean_emissivity = float(all[2] / all[0]);
+  if (all[0] > 0.0)
+    c.mean_exitance = float(all[1] / all[0]), c.mean_emissivity = float(all[2] / all[0]);
   for (const auto& [k, x] : sums)
     if (x[0] > 0.0) c.instance_leaves[k] = {float(x[1] / x[0]), float(x[2] / x[0])};
   // Primitives: request, scene override, material.
@@ -536,7 +559,9 @@ TurbidLeafRrtResult run_turbid_leaf_rrt(const EmbreeSceneManager& scene, const T
               : (mat >= 0 && size_t(mat) < scene.materials().size())
                   ? scene.materials()[size_t(mat)].params[2]
                   : 0.0f;
-    const float e = v.primitive_emissivity.size ? v.primitive_emissivity[j] : se.size() == np ? se[j] : 1.0f;
+    const float e = v.primitive_emissivity.size ? v.primitive_emissivity[j]
+                    : se.size() == np           ? se[j]
+                                                : 1.0f;
     T = std::max(T, 0.0f);
     c.prim_emissivity[j] = e;
     c.prim_exitance[j] = e * STEFAN_BOLTZMANN * T * T * T * T;
@@ -547,53 +572,58 @@ TurbidLeafRrtResult run_turbid_leaf_rrt(const EmbreeSceneManager& scene, const T
 
   const int threads = resolve_thread_count(v.threads);
   const int64_t total = int64_t(n + np), chunk = 16, round = ((total + chunk - 1) / chunk) * chunk;
-  run_counted(threads, 0, total, round, chunk, [&](int, int64_t begin, int64_t end) {
-    for (int64_t ii = begin; ii < end; ++ii) {
-      RNG rng;
-      rng.seed(v.seed, uint64_t(ii) + 1);
-      double mean[2] = {0.0, 0.0};
-      if (size_t(ii) < n) {
-        const size_t i = size_t(ii);
-        const float3 p = load3(s.positions, i), nrm = normalize(load3(s.normals, i));
-        for (int sd = 0; sd < 2; ++sd)
-          for (int32_t k = 0; k < v.rays_per_side; ++k) {
-            const float u1 = rng.next_float(), u2 = rng.next_float();
-            const float3 d = cosine_direction(sd == 0 ? nrm : -nrm, u1, u2);
-            ActiveMediumList list;
-            media_at_point(ms, p, d, list);
-            LongwavePolicy policy{c};
-            reverse_walk(ms, p, d, list, RayStart::Point, v.max_depth, rng, policy);
-            mean[sd] += policy.radiance;
-          }
-        const double scale = double(PI) * v.emissivity[i] / v.rays_per_side;
-        out.absorbed_top[i] = float(mean[0] * scale), out.absorbed_bottom[i] = float(mean[1] * scale);
-        continue;
-      }
-      const size_t j = size_t(ii) - n;
-      if (!is_matter[j] || !(geo.areas[j] > 0.0f)) continue;
-      const float3 a = geo.vertices[3 * j], b = geo.vertices[3 * j + 1], cc = geo.vertices[3 * j + 2];
-      const float3 nf = geo.normals[j];
-      for (int sd = 0; sd < (v.two_sided ? 2 : 1); ++sd) {
-        const float3 axis = sd == 0 ? nf : -nf;
-        for (int32_t k = 0; k < v.rays_per_side; ++k) {
-          // A point uniform on the triangle, then a cosine-weighted direction off it.
-          float s1 = rng.next_float(), s2 = rng.next_float();
-          if (s1 + s2 > 1.0f) s1 = 1.0f - s1, s2 = 1.0f - s2;
-          const float3 q = a + s1 * (b - a) + s2 * (cc - a);
-          const float u1 = rng.next_float(), u2 = rng.next_float();
-          const float3 d = cosine_direction(axis, u1, u2);
-          const float3 o = offset_origin(q, axis, d);
-          ActiveMediumList list;
-          media_at_point(ms, o, d, list);
-          LongwavePolicy policy{c};
-          reverse_walk(ms, o, d, list, RayStart::Point, v.max_depth, rng, policy);
-          mean[sd] += policy.radiance;
-        }
-      }
-      const double scale = double(PI) * c.prim_emissivity[j] / v.rays_per_side;
-      out.absorbed_front[j] = float(mean[0] * scale), out.absorbed_back[j] = float(mean[1] * scale);
-    }
-  }, {});
+  run_counted(threads, 0, total, round, chunk,
+              [&](int, int64_t begin, int64_t end) {
+                for (int64_t ii = begin; ii < end; ++ii) {
+                  RNG rng;
+                  rng.seed(v.seed, uint64_t(ii) + 1);
+                  double mean[2] = {0.0, 0.0};
+                  if (size_t(ii) < n) {
+                    const size_t i = size_t(ii);
+                    const float3 p = load3(s.positions, i), nrm = normalize(load3(s.normals, i));
+                    for (int sd = 0; sd < 2; ++sd)
+                      for (int32_t k = 0; k < v.rays_per_side; ++k) {
+                        const float u1 = rng.next_float(), u2 = rng.next_float();
+                        const float3 d = cosine_direction(sd == 0 ? nrm : -nrm, u1, u2);
+                        ActiveMediumList list;
+                        media_at_point(ms, p, d, list);
+                        LongwavePolicy policy{c};
+                        reverse_walk(ms, p, d, list, RayStart::Point, v.max_depth, rng, policy);
+                        mean[sd] += policy.radiance;
+                      }
+                    const double scale = double(PI) * v.emissivity[i] / v.rays_per_side;
+                    out.absorbed_top[i] = float(mean[0] * scale),
+                    out.absorbed_bottom[i] = float(mean[1] * scale);
+                    continue;
+                  }
+                  const size_t j = size_t(ii) - n;
+                  if (!is_matter[j] || !(geo.areas[j] > 0.0f)) continue;
+                  const float3 a = geo.vertices[3 * j], b = geo.vertices[3 * j + 1],
+                               cc = geo.vertices[3 * j + 2];
+                  const float3 nf = geo.normals[j];
+                  for (int sd = 0; sd < (v.two_sided ? 2 : 1); ++sd) {
+                    const float3 axis = sd == 0 ? nf : -nf;
+                    for (int32_t k = 0; k < v.rays_per_side; ++k) {
+                      // A point uniform on the triangle, then a cosine-weighted direction off it.
+                      float s1 = rng.next_float(), s2 = rng.next_float();
+                      if (s1 + s2 > 1.0f) s1 = 1.0f - s1, s2 = 1.0f - s2;
+                      const float3 q = a + s1 * (b - a) + s2 * (cc - a);
+                      const float u1 = rng.next_float(), u2 = rng.next_float();
+                      const float3 d = cosine_direction(axis, u1, u2);
+                      const float3 o = offset_origin(q, axis, d);
+                      ActiveMediumList list;
+                      media_at_point(ms, o, d, list);
+                      LongwavePolicy policy{c};
+                      reverse_walk(ms, o, d, list, RayStart::Point, v.max_depth, rng, policy);
+                      mean[sd] += policy.radiance;
+                    }
+                  }
+                  const double scale = double(PI) * c.prim_emissivity[j] / v.rays_per_side;
+                  out.absorbed_front[j] = float(mean[0] * scale),
+                  out.absorbed_back[j] = float(mean[1] * scale);
+                }
+              },
+              {});
   out.execution.backend = BACKEND_EMBREE;
   out.execution.workflow = WORKFLOW_TURBID_LEAF_RRT;
   out.execution.executor = "embree.cpu.turbid_leaf_rrt";
@@ -612,7 +642,9 @@ struct Fingerprint {
     for (size_t i = 0; i < n; ++i) h = (h ^ c[i]) * 1099511628211ULL;
   }
   template <class T>
-  void value(const T& v) { bytes(&v, sizeof(T)); }
+  void value(const T& v) {
+    bytes(&v, sizeof(T));
+  }
   template <class T>
   void vec(const std::vector<T>& v) {
     value(v.size());
@@ -650,9 +682,11 @@ void refresh_revisions(EmbreeSceneManager& scene) {
     h.fingerprints_seen = true;
   } else {
     if (light.h != h.illumination_fingerprint)
-      h.illumination_revision = tb::next_revision(h.illumination_revision, "Turbid state revision overflow");
+      h.illumination_revision =
+          tb::next_revision(h.illumination_revision, "Turbid state revision overflow");
     if (optics.h != h.transport_fingerprint)
-      h.transport_revision = tb::next_revision(h.transport_revision, "Turbid state revision overflow");
+      h.transport_revision =
+          tb::next_revision(h.transport_revision, "Turbid state revision overflow");
   }
   h.illumination_fingerprint = light.h, h.transport_fingerprint = optics.h;
 }
@@ -689,7 +723,8 @@ tb::TurbidStateToken publish_turbid_state(EmbreeSceneManager& scene, tb::TurbidS
   refresh_revisions(scene);
   if (!same_revisions(record.token, current_token(scene, record.token.domain_id)))
     throw std::runtime_error(tb::STALE_STATE);
-  if (record.token.workflow_stage < tb::STAGE_RADIATION || record.token.workflow_stage > tb::STAGE_LAST)
+  if (record.token.workflow_stage < tb::STAGE_RADIATION ||
+      record.token.workflow_stage > tb::STAGE_LAST)
     throw std::invalid_argument(tb::STAGE_MISMATCH);
   tb::TurbidHolding& h = scene.turbid();
   const uint64_t revision = tb::next_revision(h.state_revision, "Turbid state revision overflow");
@@ -705,7 +740,8 @@ tb::TurbidStateToken publish_turbid_state(EmbreeSceneManager& scene, tb::TurbidS
     if (st.residents.count(s.domain_id) && same_revisions(s, current_token(scene, s.domain_id)))
       states.push_back(s);
   for (const backend::TurbidFieldToken& f : st.fields)
-    if (st.residents.count(f.state.domain_id) && same_revisions(f.state, current_token(scene, f.state.domain_id)))
+    if (st.residents.count(f.state.domain_id) &&
+        same_revisions(f.state, current_token(scene, f.state.domain_id)))
       fields.push_back(f);
   states.push_back(token);
   std::map<uint64_t, std::shared_ptr<const tb::TurbidStateRecord>> records;
@@ -768,8 +804,8 @@ const tb::TurbidStateRecord& check_turbid_state(EmbreeSceneManager& scene,
   const backend::TurbidDomainStorage& st = scene.turbid().storage;
   if (!st.residents.count(token.domain_id)) throw std::runtime_error(tb::STALE_STATE);
   const auto it = st.state_records.find(token.state_revision);
-  if (!same_revisions(token, current_token(scene, token.domain_id)) || it == st.state_records.end() ||
-      !(it->second->token == token))
+  if (!same_revisions(token, current_token(scene, token.domain_id)) ||
+      it == st.state_records.end() || !(it->second->token == token))
     throw std::runtime_error(tb::STALE_STATE);
   if (token.workflow_stage < min_stage || token.workflow_stage > max_stage)
     throw std::invalid_argument(tb::STAGE_MISMATCH);
@@ -816,7 +852,8 @@ backend::TurbidFieldToken build_turbid_field(EmbreeSceneManager& scene,
                                              const tb::TurbidStateToken& state,
                                              const int32_t dims[3], int32_t theta_bins,
                                              int32_t phi_bins) {
-  const tb::TurbidStateRecord& s = check_turbid_state(scene, state, tb::STAGE_RADIATION, tb::STAGE_LAST);
+  const tb::TurbidStateRecord& s =
+      check_turbid_state(scene, state, tb::STAGE_RADIATION, tb::STAGE_LAST);
   const DomainSamples d = domain_samples(scene, state.domain_id);
   check_grid("Turbid field", dims, theta_bins, phi_bins, size_t(d.n_owners),
              tb::field_quantities(s.token.workflow_stage).size());
@@ -855,8 +892,10 @@ backend::TurbidFieldToken build_turbid_field(EmbreeSceneManager& scene,
 scene::InstanceTurbidThermalState build_turbid_thermal_source(EmbreeSceneManager& scene,
                                                               const tb::TurbidStateToken& state,
                                                               bool apply) {
-  const tb::TurbidStateRecord& s = check_turbid_state(scene, state, tb::STAGE_PHYSIOLOGY, tb::STAGE_LAST);
-  const backend::TurbidDomainStorage::Resident& d = scene.turbid().storage.residents.at(state.domain_id);
+  const tb::TurbidStateRecord& s =
+      check_turbid_state(scene, state, tb::STAGE_PHYSIOLOGY, tb::STAGE_LAST);
+  const backend::TurbidDomainStorage::Resident& d =
+      scene.turbid().storage.residents.at(state.domain_id);
   const size_t ni = size_t(scene.num_instances());
   scene::InstanceTurbidThermalState out;
   out.temperature_sunlit.assign(ni, 0.0f), out.temperature_shaded.assign(ni, 0.0f);
@@ -868,7 +907,8 @@ scene::InstanceTurbidThermalState build_turbid_thermal_source(EmbreeSceneManager
     if (inst < 0 || size_t(inst) >= ni)
       throw std::invalid_argument(
           "Turbid thermal source needs every owner placed as a scene instance (owner "
-          "instance_id)." + std::string(tb::NO_FALLBACK));
+          "instance_id)." +
+          std::string(tb::NO_FALLBACK));
     const tb::OwnerThermalState t = tb::owner_thermal_state(
         s, area.data(), d.sample_offsets[k], d.sample_offsets[k + 1] - d.sample_offsets[k]);
     out.temperature_sunlit[size_t(inst)] = t.temperature_sunlit;
@@ -880,11 +920,13 @@ scene::InstanceTurbidThermalState build_turbid_thermal_source(EmbreeSceneManager
   return out;
 }
 
-TurbidSifSource build_turbid_sif_source(EmbreeSceneManager& scene, const tb::TurbidStateToken& state,
-                                        const int32_t dims[3], int32_t theta_bins, int32_t phi_bins,
-                                        bool apply) {
-  const tb::TurbidStateRecord& s = check_turbid_state(scene, state, tb::STAGE_PHYSIOLOGY, tb::STAGE_LAST);
-  const backend::TurbidDomainStorage::Resident& d = scene.turbid().storage.residents.at(state.domain_id);
+TurbidSifSource build_turbid_sif_source(EmbreeSceneManager& scene,
+                                        const tb::TurbidStateToken& state, const int32_t dims[3],
+                                        int32_t theta_bins, int32_t phi_bins, bool apply) {
+  const tb::TurbidStateRecord& s =
+      check_turbid_state(scene, state, tb::STAGE_PHYSIOLOGY, tb::STAGE_LAST);
+  const backend::TurbidDomainStorage::Resident& d =
+      scene.turbid().storage.residents.at(state.domain_id);
   const DomainSamples ds = domain_samples(scene, state.domain_id);
   const int32_t ni = scene.num_instances();
   check_grid("Turbid SIF source", dims, theta_bins, phi_bins, size_t(ni), size_t(s.n_bands));
@@ -894,7 +936,8 @@ TurbidSifSource build_turbid_sif_source(EmbreeSceneManager& scene, const tb::Tur
     if (inst < 0 || inst >= ni)
       throw std::invalid_argument(
           "Turbid SIF source needs every owner placed as a scene instance (owner "
-          "instance_id)." + std::string(tb::NO_FALLBACK));
+          "instance_id)." +
+          std::string(tb::NO_FALLBACK));
   }
   TurbidSifSource out;
   out.samples = tb::sample_sif_spectra(s, s.band_wavelengths);
@@ -919,7 +962,8 @@ TurbidSifSource build_turbid_sif_source(EmbreeSceneManager& scene, const tb::Tur
   }
   int32_t stride = 1;
   for (int32_t k = 0; k < ni; ++k)
-    stride = std::max(stride, grid[3 * size_t(k)] * grid[3 * size_t(k) + 1] * grid[3 * size_t(k) + 2]);
+    stride =
+        std::max(stride, grid[3 * size_t(k)] * grid[3 * size_t(k) + 1] * grid[3 * size_t(k) + 2]);
   backend::SifSourceAssemblyRequestView a;
   a.n_instances = ni, a.n_samples = int32_t(n), a.n_bands = s.n_bands;
   a.cell_stride = stride, a.theta_bins = theta_bins, a.phi_bins = phi_bins;
@@ -932,8 +976,10 @@ TurbidSifSource build_turbid_sif_source(EmbreeSceneManager& scene, const tb::Tur
   a.bounds_min = {lo.data(), lo.size()}, a.bounds_max = {hi.data(), hi.size()};
   backend::SifSourceAssemblyResult r = backend::assemble_sif_source(a);
   scene::InstanceSifSourceFields& f = out.fields;
-  f.spatial_spectra = std::move(r.spatial_field), f.orientation_spectra = std::move(r.orientation_field);
-  f.joint_spectra = std::move(r.joint_field), f.direct_joint_spectra = std::move(r.direct_joint_field);
+  f.spatial_spectra = std::move(r.spatial_field),
+  f.orientation_spectra = std::move(r.orientation_field);
+  f.joint_spectra = std::move(r.joint_field),
+  f.direct_joint_spectra = std::move(r.direct_joint_field);
   f.bounds_min = lo, f.bounds_max = hi, f.grid_dims = grid;
   f.n_sif_bands = s.n_bands, f.spatial_cell_stride = stride;
   f.orientation_theta_bins = theta_bins, f.orientation_phi_bins = phi_bins;
@@ -942,9 +988,10 @@ TurbidSifSource build_turbid_sif_source(EmbreeSceneManager& scene, const tb::Tur
   out.emitted_power.assign(size_t(s.n_bands), 0.0);
   for (size_t b = 0; b < size_t(s.n_bands); ++b)
     for (size_t i = 0; i < n; ++i)
-      out.emitted_power[b] += 2.0 * double(PI) * ds.leaf_area[i] *
-                              (double(out.samples.shaded[b * n + i]) +
-                               double(s.sunlit_probability[i]) * out.samples.extra_sunlit[b * n + i]);
+      out.emitted_power[b] +=
+          2.0 * double(PI) * ds.leaf_area[i] *
+          (double(out.samples.shaded[b * n + i]) +
+           double(s.sunlit_probability[i]) * out.samples.extra_sunlit[b * n + i]);
   if (apply) scene.set_instance_sif_source_fields(out.fields);
   return out;
 }

@@ -36,7 +36,7 @@ struct TurbidRadiationRequestView {
   int32_t rays_per_side = 0;  // diffuse rays per leaf side
   int32_t max_depth = 0;      // scattering events per diffuse ray
   uint64_t seed = 0;
-  int32_t threads = 0;        // < 1: resolve_thread_count
+  int32_t threads = 0;  // < 1: resolve_thread_count
   // nm per band, or empty: the scene's spectra are then energies per band. With widths
   // they are spectral densities (per nm), and the band sums (PAR, shortwave) take each
   // band's value times its width.
@@ -119,8 +119,9 @@ backend::TurbidFieldToken build_turbid_field(EmbreeSceneManager& scene,
                                              const int32_t grid_dims[3], int32_t theta_bins,
                                              int32_t phi_bins);
 // Per instance; instances that hold no owner stay 0. With apply, set on the scene.
-scene::InstanceTurbidThermalState build_turbid_thermal_source(
-    EmbreeSceneManager& scene, const turbid::TurbidStateToken& state, bool apply);
+scene::InstanceTurbidThermalState build_turbid_thermal_source(EmbreeSceneManager& scene,
+                                                              const turbid::TurbidStateToken& state,
+                                                              bool apply);
 struct TurbidSifSource {
   turbid::SampleSifSpectra samples;  // at the scene's band wavelengths
   scene::InstanceSifSourceFields fields;

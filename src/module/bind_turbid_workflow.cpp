@@ -18,8 +18,8 @@ namespace eb = vesk::embree;
 namespace {
 
 constexpr const char* REVISION_KEYS[] = {
-    "workflow_revision", "domain_revision",       "transport_revision",
-    "geometry_revision", "property_revision",     "illumination_revision",
+    "workflow_revision",     "domain_revision",   "transport_revision",
+    "geometry_revision",     "property_revision", "illumination_revision",
     "microclimate_revision", "sampling_revision", "state_revision"};
 
 py::dict token_dict(const tb::TurbidStateToken& t) {
@@ -27,17 +27,19 @@ py::dict token_dict(const tb::TurbidStateToken& t) {
   d["token_id"] = t.token_id;
   d["domain_id"] = t.domain_id;
   d["workflow_stage"] = int(t.workflow_stage);
-  const uint64_t values[] = {t.workflow_revision, t.domain_revision, t.transport_revision,
-                             t.geometry_revision, t.property_revision, t.illumination_revision,
+  const uint64_t values[] = {t.workflow_revision,     t.domain_revision,   t.transport_revision,
+                             t.geometry_revision,     t.property_revision, t.illumination_revision,
                              t.microclimate_revision, t.sampling_revision, t.state_revision};
   for (size_t i = 0; i < 9; ++i) d[REVISION_KEYS[i]] = values[i];
   return d;
 }
 
 py::dict as_token_dict(const py::dict& request, const char* key) {
-  if (!request.contains(key)) throw py::key_error(std::string("request is missing the key '") + key + "'");
+  if (!request.contains(key))
+    throw py::key_error(std::string("request is missing the key '") + key + "'");
   const py::object o = request[key];
-  if (!py::isinstance<py::dict>(o)) throw py::type_error(std::string("request['") + key + "'] must be a token dict");
+  if (!py::isinstance<py::dict>(o))
+    throw py::type_error(std::string("request['") + key + "'] must be a token dict");
   return py::reinterpret_borrow<py::dict>(o);
 }
 
@@ -48,8 +50,8 @@ tb::TurbidStateToken parse_token(const py::dict& d) {
   const uint64_t stage = get<uint64_t>(d, "workflow_stage", "an int");
   if (stage > tb::STAGE_LAST) throw std::invalid_argument("reserved Turbid workflow stage");
   t.workflow_stage = uint8_t(stage);
-  uint64_t* fields[] = {&t.workflow_revision, &t.domain_revision, &t.transport_revision,
-                        &t.geometry_revision, &t.property_revision, &t.illumination_revision,
+  uint64_t* fields[] = {&t.workflow_revision,     &t.domain_revision,   &t.transport_revision,
+                        &t.geometry_revision,     &t.property_revision, &t.illumination_revision,
                         &t.microclimate_revision, &t.sampling_revision, &t.state_revision};
   for (size_t i = 0; i < 9; ++i) *fields[i] = get<uint64_t>(d, REVISION_KEYS[i], "an int");
   return t;
@@ -79,18 +81,31 @@ py::dict state_arrays(const tb::TurbidStateRecord& s) {
   d["absorbed_top"] = rows(s.absorbed_top, n, b);
   d["absorbed_bottom"] = rows(s.absorbed_bottom, n, b);
   d["absorbed_direct_sunlit"] = rows(s.absorbed_direct_sunlit, n, b);
-  for (const auto& [key, v] :
-       {std::pair<const char*, const std::vector<float>*>{"sunlit_probability", &s.sunlit_probability},
-        {"direct_share", &s.direct_share}, {"apar", &s.apar}, {"apar_sunlit", &s.apar_sunlit},
-        {"apar_shaded", &s.apar_shaded}, {"shortwave_sunlit", &s.shortwave_sunlit},
-        {"shortwave_shaded", &s.shortwave_shaded}, {"an", &s.an}, {"gs", &s.gs},
-        {"phi_f", &s.phi_f}, {"temperature", &s.temperature}, {"an_sunlit", &s.an_sunlit},
-        {"an_shaded", &s.an_shaded}, {"gs_sunlit", &s.gs_sunlit}, {"gs_shaded", &s.gs_shaded},
-        {"phi_f_sunlit", &s.phi_f_sunlit}, {"phi_f_shaded", &s.phi_f_shaded},
-        {"temperature_sunlit", &s.temperature_sunlit},
-        {"temperature_shaded", &s.temperature_shaded}, {"emissivity", &s.emissivity},
-        {"absorbed_longwave", &s.absorbed_longwave}, {"net_radiation", &s.net_radiation},
-        {"sensible_heat", &s.sensible_heat}, {"latent_heat", &s.latent_heat}})
+  for (const auto& [key, v] : {std::pair<const char*, const std::vector<float>*>{
+                                   "sunlit_probability", &s.sunlit_probability},
+                               {"direct_share", &s.direct_share},
+                               {"apar", &s.apar},
+                               {"apar_sunlit", &s.apar_sunlit},
+                               {"apar_shaded", &s.apar_shaded},
+                               {"shortwave_sunlit", &s.shortwave_sunlit},
+                               {"shortwave_shaded", &s.shortwave_shaded},
+                               {"an", &s.an},
+                               {"gs", &s.gs},
+                               {"phi_f", &s.phi_f},
+                               {"temperature", &s.temperature},
+                               {"an_sunlit", &s.an_sunlit},
+                               {"an_shaded", &s.an_shaded},
+                               {"gs_sunlit", &s.gs_sunlit},
+                               {"gs_shaded", &s.gs_shaded},
+                               {"phi_f_sunlit", &s.phi_f_sunlit},
+                               {"phi_f_shaded", &s.phi_f_shaded},
+                               {"temperature_sunlit", &s.temperature_sunlit},
+                               {"temperature_shaded", &s.temperature_shaded},
+                               {"emissivity", &s.emissivity},
+                               {"absorbed_longwave", &s.absorbed_longwave},
+                               {"net_radiation", &s.net_radiation},
+                               {"sensible_heat", &s.sensible_heat},
+                               {"latent_heat", &s.latent_heat}})
     if (!v->empty()) d[key] = to_numpy(*v);
   if (!s.converged.empty()) {
     py::array_t<bool> c(n);
@@ -113,7 +128,8 @@ struct PerSample {
   backend::FloatSpan take(const py::dict& d, const char* key, size_t n, double fallback = -1.0) {
     std::vector<float> v;
     if (!d.contains(key)) {
-      if (fallback < 0.0) throw py::key_error(std::string("request is missing the key '") + key + "'");
+      if (fallback < 0.0)
+        throw py::key_error(std::string("request is missing the key '") + key + "'");
       v.assign(n, float(fallback));
     } else if (py::isinstance<py::float_>(d[key]) || py::isinstance<py::int_>(d[key])) {
       v.assign(n, get<float>(d, key, "a float or a float array"));
@@ -126,7 +142,8 @@ struct PerSample {
 };
 
 void grid_of(const py::dict& d, int32_t dims[3], int32_t& theta, int32_t& phi) {
-  const std::vector<int32_t> g = get_or<std::vector<int32_t>>(d, "grid_dims", {4, 4, 4}, "three ints");
+  const std::vector<int32_t> g =
+      get_or<std::vector<int32_t>>(d, "grid_dims", {4, 4, 4}, "three ints");
   if (g.size() != 3) throw py::value_error("request['grid_dims'] must hold three ints");
   std::copy(g.begin(), g.end(), dims);
   theta = get_or<int32_t>(d, "theta_bins", 4, "an int");
@@ -139,9 +156,9 @@ void bind_turbid_workflow(py::module_& m) {
   m.def(
       "_build_turbid_state_embree",
       [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(request,
-                         {"domain_id", "rays_per_side", "max_depth", "seed", "threads", "band_widths"},
-                         "_build_turbid_state_embree");
+        warn_unread_keys(
+            request, {"domain_id", "rays_per_side", "max_depth", "seed", "threads", "band_widths"},
+            "_build_turbid_state_embree");
         eb::TurbidRadiationRequestView v;
         const uint64_t domain = get<uint64_t>(request, "domain_id", "an int");
         v.rays_per_side = get_or<int32_t>(request, "rays_per_side", 32, "an int");
@@ -194,8 +211,14 @@ void bind_turbid_workflow(py::module_& m) {
         tb::TurbidPhysiologyRequestView v;
         v.n_samples = rad.n_samples;
         const bool has_t = request.contains("temperature");
-        v.temperature_sunlit = keep.take(request, has_t && !request.contains("temperature_sunlit") ? "temperature" : "temperature_sunlit", n);
-        v.temperature_shaded = keep.take(request, has_t && !request.contains("temperature_shaded") ? "temperature" : "temperature_shaded", n);
+        v.temperature_sunlit = keep.take(
+            request,
+            has_t && !request.contains("temperature_sunlit") ? "temperature" : "temperature_sunlit",
+            n);
+        v.temperature_shaded = keep.take(
+            request,
+            has_t && !request.contains("temperature_shaded") ? "temperature" : "temperature_shaded",
+            n);
         v.co2 = keep.take(request, "co2", n);
         v.relative_humidity = keep.take(request, "relative_humidity", n);
         v.pressure = keep.take(request, "pressure", n, 101.325);
@@ -245,16 +268,16 @@ void bind_turbid_workflow(py::module_& m) {
       [](EmbreeSceneManager& scene, const py::dict& request) {
         int32_t dims[3], theta, phi;
         grid_of(request, dims, theta, phi);
-        const backend::TurbidFieldToken t =
-            eb::build_turbid_field(scene, parse_token(as_token_dict(request, "state")), dims, theta, phi);
+        const backend::TurbidFieldToken t = eb::build_turbid_field(
+            scene, parse_token(as_token_dict(request, "state")), dims, theta, phi);
         const tb::TurbidFieldRecord& f = eb::check_turbid_field(scene, t);
         py::dict out;
         out["field"] = field_token_dict(t);
         py::list names;
         for (const char* q : f.quantities) names.append(q);
         out["quantities"] = names;
-        const py::ssize_t K = f.n_owners, C = f.cell_stride, B = py::ssize_t(f.theta_bins) * f.phi_bins,
-                          Q = f.n_quantities;
+        const py::ssize_t K = f.n_owners, C = f.cell_stride,
+                          B = py::ssize_t(f.theta_bins) * f.phi_bins, Q = f.n_quantities;
         out["spatial"] = to_numpy(f.spatial, {K, C, Q});
         out["orientation"] = to_numpy(f.orientation, {K, B, Q});
         out["joint"] = to_numpy(f.joint, {K, C, B, Q});
@@ -287,9 +310,9 @@ void bind_turbid_workflow(py::module_& m) {
   m.def(
       "_build_turbid_thermal_source_embree",
       [](EmbreeSceneManager& scene, const py::dict& request) {
-        const scene::InstanceTurbidThermalState s = eb::build_turbid_thermal_source(
-            scene, parse_token(as_token_dict(request, "state")),
-            get_or<bool>(request, "apply", true, "a bool"));
+        const scene::InstanceTurbidThermalState s =
+            eb::build_turbid_thermal_source(scene, parse_token(as_token_dict(request, "state")),
+                                            get_or<bool>(request, "apply", true, "a bool"));
         py::dict out;
         out["temperature_sunlit"] = to_numpy(s.temperature_sunlit);
         out["temperature_shaded"] = to_numpy(s.temperature_shaded);
@@ -310,9 +333,9 @@ void bind_turbid_workflow(py::module_& m) {
       [](EmbreeSceneManager& scene, const py::dict& request) {
         int32_t dims[3], theta, phi;
         grid_of(request, dims, theta, phi);
-        const eb::TurbidSifSource s = eb::build_turbid_sif_source(
-            scene, parse_token(as_token_dict(request, "state")), dims, theta, phi,
-            get_or<bool>(request, "apply", true, "a bool"));
+        const eb::TurbidSifSource s =
+            eb::build_turbid_sif_source(scene, parse_token(as_token_dict(request, "state")), dims,
+                                        theta, phi, get_or<bool>(request, "apply", true, "a bool"));
         const py::ssize_t b = s.fields.n_sif_bands, n = py::ssize_t(s.samples.photons.size());
         py::dict out;
         out["sample_shaded"] = to_numpy(s.samples.shaded, {b, n});
@@ -348,7 +371,6 @@ void bind_turbid_workflow(py::module_& m) {
       "'apply' (True: set on the scene). Returns the sample spectra, 'sample_photons' (n,)\n"
       "umol m-2 s-1, 'emitted_power' (b,) W nm-1 of all samples (both sides, expected),\n"
       "the four tables, 'joint_counts' and the grid arguments of the setter.");
-
 }
 
 // Registered with the CPU transport entries, after the energy balance.
@@ -362,8 +384,9 @@ void bind_turbid_leaf_rrt(py::module_& m) {
         PerSample keep;
         eb::TurbidLeafRrtRequestView v;
         if (request.contains("state")) {
-          const tb::TurbidStateRecord& s = eb::check_turbid_state(
-              scene, parse_token(as_token_dict(request, "state")), tb::STAGE_PHYSIOLOGY, tb::STAGE_LAST);
+          const tb::TurbidStateRecord& s =
+              eb::check_turbid_state(scene, parse_token(as_token_dict(request, "state")),
+                                     tb::STAGE_PHYSIOLOGY, tb::STAGE_LAST);
           if (s.token.domain_id != domain) throw std::runtime_error(tb::STALE_STATE);
           keep.keep.push_back(s.temperature), keep.keep.push_back(s.emissivity);
           v.temperature = {keep.keep[0].data(), keep.keep[0].size()};
@@ -372,7 +395,9 @@ void bind_turbid_leaf_rrt(py::module_& m) {
         if (request.contains("temperature")) v.temperature = keep.take(request, "temperature", n);
         if (request.contains("emissivity") || !v.emissivity.data)
           v.emissivity = keep.take(request, "emissivity", n, 0.98);
-        if (!v.temperature.data) throw py::key_error("request is missing the key 'temperature' (or a 'state' of stage 2 or 3)");
+        if (!v.temperature.data)
+          throw py::key_error(
+              "request is missing the key 'temperature' (or a 'state' of stage 2 or 3)");
         FloatArray pt, pe;
         if (request.contains("primitive_temperature")) {
           pt = get<FloatArray>(request, "primitive_temperature", "a float array");

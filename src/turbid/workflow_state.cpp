@@ -34,15 +34,26 @@ void validate_turbid_physiology_request(const TurbidPhysiologyRequestView& v) {
   if (v.n_samples < 1) throw std::invalid_argument("Turbid physiology n_samples must be positive");
   const size_t n = size_t(v.n_samples);
   const std::pair<const char*, backend::FloatSpan> arrays[] = {
-      {"temperature_sunlit", v.temperature_sunlit}, {"temperature_shaded", v.temperature_shaded},
-      {"co2", v.co2}, {"relative_humidity", v.relative_humidity}, {"pressure", v.pressure},
-      {"wind", v.wind}, {"vcmax25", v.vcmax25}, {"jmax25", v.jmax25}, {"rd25", v.rd25},
-      {"ball_berry_slope", v.ball_berry_slope}, {"ball_berry_intercept", v.ball_berry_intercept},
-      {"quantum_yield", v.quantum_yield}, {"emissivity", v.emissivity}};
+      {"temperature_sunlit", v.temperature_sunlit},
+      {"temperature_shaded", v.temperature_shaded},
+      {"co2", v.co2},
+      {"relative_humidity", v.relative_humidity},
+      {"pressure", v.pressure},
+      {"wind", v.wind},
+      {"vcmax25", v.vcmax25},
+      {"jmax25", v.jmax25},
+      {"rd25", v.rd25},
+      {"ball_berry_slope", v.ball_berry_slope},
+      {"ball_berry_intercept", v.ball_berry_intercept},
+      {"quantum_yield", v.quantum_yield},
+      {"emissivity", v.emissivity}};
   const std::pair<const char*, backend::FloatSpan> energy[] = {
-      {"absorbed_longwave", v.absorbed_longwave}, {"air_temperature", v.air_temperature},
-      {"vapor_pressure", v.vapor_pressure}, {"sidedness", v.sidedness},
-      {"leaf_width", v.leaf_width}, {"stomata_sides", v.stomata_sides}};
+      {"absorbed_longwave", v.absorbed_longwave},
+      {"air_temperature", v.air_temperature},
+      {"vapor_pressure", v.vapor_pressure},
+      {"sidedness", v.sidedness},
+      {"leaf_width", v.leaf_width},
+      {"stomata_sides", v.stomata_sides}};
   for (const auto& [name, a] : arrays) check_length(name, a.data ? a.size : 0, n);
   if (v.energy_balance)
     for (const auto& [name, a] : energy) check_length(name, a.data ? a.size : 0, n);
@@ -80,8 +91,8 @@ TurbidStateRecord solve_turbid_physiology(const TurbidStateRecord& rad,
                            pressure = twice(v.pressure), wind = twice(v.wind),
                            vcmax = twice(v.vcmax25), jmax = twice(v.jmax25), rd = twice(v.rd25),
                            slope = twice(v.ball_berry_slope),
-                           intercept = twice(v.ball_berry_intercept),
-                           qy = twice(v.quantum_yield), emissivity = twice(v.emissivity);
+                           intercept = twice(v.ball_berry_intercept), qy = twice(v.quantum_yield),
+                           emissivity = twice(v.emissivity);
   std::vector<float> lw, air, vap, sides, width, stomata;
   backend::PhysiologyRequestView p;
   p.n_elements = int32_t(m);
@@ -110,9 +121,9 @@ TurbidStateRecord solve_turbid_physiology(const TurbidStateRecord& rad,
   TurbidStateRecord s = rad;
   s.token.workflow_stage = v.energy_balance ? STAGE_ENERGY : STAGE_PHYSIOLOGY;
   auto sized = [&](std::vector<float>& a) { a.assign(n, 0.0f); };
-  for (auto* a : {&s.an, &s.gs, &s.phi_f, &s.temperature, &s.an_sunlit, &s.an_shaded,
-                  &s.gs_sunlit, &s.gs_shaded, &s.phi_f_sunlit, &s.phi_f_shaded,
-                  &s.temperature_sunlit, &s.temperature_shaded, &s.emissivity})
+  for (auto* a : {&s.an, &s.gs, &s.phi_f, &s.temperature, &s.an_sunlit, &s.an_shaded, &s.gs_sunlit,
+                  &s.gs_shaded, &s.phi_f_sunlit, &s.phi_f_shaded, &s.temperature_sunlit,
+                  &s.temperature_shaded, &s.emissivity})
     sized(*a);
   s.converged.assign(n, 0);
   if (v.energy_balance)
@@ -148,21 +159,17 @@ TurbidStateRecord solve_turbid_physiology(const TurbidStateRecord& rad,
 std::vector<const char*> field_quantities(uint8_t stage) {
   std::vector<const char*> q = {"sunlit_probability", "apar", "shortwave"};
   if (stage >= STAGE_PHYSIOLOGY)
-    for (const char* name : {"an", "gs", "phi_f", "temperature", "temperature_sunlit",
-                             "temperature_shaded"})
+    for (const char* name :
+         {"an", "gs", "phi_f", "temperature", "temperature_sunlit", "temperature_shaded"})
       q.push_back(name);
   return q;
 }
 
-TurbidFieldRecord aggregate_turbid_field(const TurbidStateRecord& s,
-                                         const std::vector<int32_t>& owner_of,
-                                         const std::vector<float>& area,
-                                         const std::vector<float3>& pos,
-                                         const std::vector<float3>& nrm, int32_t n_owners,
-                                         const std::vector<int32_t>& dims,
-                                         const std::vector<float>& lo,
-                                         const std::vector<float>& hi, int32_t theta_bins,
-                                         int32_t phi_bins) {
+TurbidFieldRecord aggregate_turbid_field(
+    const TurbidStateRecord& s, const std::vector<int32_t>& owner_of,
+    const std::vector<float>& area, const std::vector<float3>& pos, const std::vector<float3>& nrm,
+    int32_t n_owners, const std::vector<int32_t>& dims, const std::vector<float>& lo,
+    const std::vector<float>& hi, int32_t theta_bins, int32_t phi_bins) {
   TurbidFieldRecord f;
   f.quantities = field_quantities(s.token.workflow_stage);
   f.n_owners = n_owners;
@@ -193,8 +200,8 @@ TurbidFieldRecord aggregate_turbid_field(const TurbidStateRecord& s,
             (s.band_widths.empty() ? 1.0 : double(s.band_widths[size_t(b)]));
     q[j++] = sw;
     if (Q > 3)
-      for (const float v : {s.an[i], s.gs[i], s.phi_f[i], s.temperature[i],
-                            s.temperature_sunlit[i], s.temperature_shaded[i]})
+      for (const float v : {s.an[i], s.gs[i], s.phi_f[i], s.temperature[i], s.temperature_sunlit[i],
+                            s.temperature_shaded[i]})
         q[j++] = v;
     const double w = area[i];
     const size_t c = k * C + size_t(cell), o = k * B + size_t(bin), jc = c * B + size_t(bin);
@@ -220,8 +227,8 @@ TurbidFieldRecord aggregate_turbid_field(const TurbidStateRecord& s,
 
 // ---- sources ---------------------------------------------------------------------------
 
-OwnerThermalState owner_thermal_state(const TurbidStateRecord& s, const float* area,
-                                      size_t first, size_t count) {
+OwnerThermalState owner_thermal_state(const TurbidStateRecord& s, const float* area, size_t first,
+                                      size_t count) {
   double w_sun = 0.0, w_shade = 0.0, t4_sun = 0.0, t4_shade = 0.0, a = 0.0, e = 0.0;
   for (size_t i = first; i < first + count; ++i) {
     const double f = s.sunlit_probability[i], A = area[i];
@@ -235,7 +242,8 @@ OwnerThermalState owner_thermal_state(const TurbidStateRecord& s, const float* a
   if (!(a > 0.0)) return out;
   // An owner with no sunlit (or no shaded) leaves takes the other branch's value, so
   // that both temperatures are meaningful wherever the tracer looks them up.
-  const double sun = w_sun > 0.0 ? std::pow(t4_sun / w_sun, 0.25) : std::pow(t4_shade / w_shade, 0.25);
+  const double sun =
+      w_sun > 0.0 ? std::pow(t4_sun / w_sun, 0.25) : std::pow(t4_shade / w_shade, 0.25);
   const double shade = w_shade > 0.0 ? std::pow(t4_shade / w_shade, 0.25) : sun;
   out.temperature_sunlit = float(sun), out.temperature_shaded = float(shade);
   out.sunlit_fraction = float(std::clamp(w_sun / a, 0.0, 1.0));

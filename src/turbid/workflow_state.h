@@ -14,8 +14,9 @@ namespace vesk::turbid {
 
 // Everything a state holds, per sample in the domain's sample order. Units: absorbed
 // shortwave per m2 of one-sided leaf area in the units of the scene's sun spectrum (W m-2
-// per band, or W m-2 nm-1 with band widths), PAR umol m-2 s-1, shortwave sums W m-2, temperatures K, an umol m-2 s-1, gs mol m-2
-// s-1. Arrays of later stages are empty until the state reaches them.
+// per band, or W m-2 nm-1 with band widths), PAR umol m-2 s-1, shortwave sums W m-2, temperatures
+// K, an umol m-2 s-1, gs mol m-2 s-1. Arrays of later stages are empty until the state reaches
+// them.
 struct TurbidStateRecord {
   TurbidStateToken token;
   int32_t n_samples = 0, n_bands = 0;
@@ -26,7 +27,7 @@ struct TurbidStateRecord {
   std::vector<float> absorbed_direct_sunlit;  // direct beam absorbed by a sunlit leaf, per band
   std::vector<float> sunlit_probability;      // n_samples
   std::vector<float> direct_share;            // of the expected absorbed shortwave, 0..1
-  std::vector<float> apar, apar_sunlit, apar_shaded;  // umol m-2 s-1
+  std::vector<float> apar, apar_sunlit, apar_shaded;      // umol m-2 s-1
   std::vector<float> shortwave_sunlit, shortwave_shaded;  // W m-2, summed over bands
   // Physiology (stage 2 on): branch values and their sunlit-probability blend.
   std::vector<float> an, gs, phi_f, temperature;
@@ -43,8 +44,8 @@ struct TurbidFieldRecord {
   backend::TurbidFieldToken token;
   std::vector<const char*> quantities;  // names, in the order of the value axis
   int32_t n_owners = 0, n_quantities = 0, cell_stride = 0, theta_bins = 0, phi_bins = 0;
-  std::vector<int32_t> grid_dims;              // 3 per owner
-  std::vector<float> bounds_min, bounds_max;   // 3 per owner
+  std::vector<int32_t> grid_dims;             // 3 per owner
+  std::vector<float> bounds_min, bounds_max;  // 3 per owner
   // Leaf-area-weighted means, value fastest: spatial [owner][cell][q],
   // orientation [owner][bin][q], joint [owner][cell][bin][q]; empty slots are 0 and
   // their counts 0. leaf_area m2 per [owner][cell].
@@ -61,8 +62,7 @@ struct TurbidPhysiologyRequestView {
   int32_t n_samples = 0;
   backend::FloatSpan temperature_sunlit, temperature_shaded;  // K (first guess with energy)
   backend::FloatSpan co2, relative_humidity, pressure, wind;  // umol mol-1, 0..1, kPa, m s-1
-  backend::FloatSpan vcmax25, jmax25, rd25, ball_berry_slope, ball_berry_intercept,
-      quantum_yield;
+  backend::FloatSpan vcmax25, jmax25, rd25, ball_berry_slope, ball_berry_intercept, quantum_yield;
   bool energy_balance = false;
   backend::FloatSpan absorbed_longwave, air_temperature, vapor_pressure;  // W m-2, K, Pa
   backend::FloatSpan emissivity, sidedness, leaf_width, stomata_sides;
@@ -83,15 +83,12 @@ TurbidStateRecord solve_turbid_physiology(const TurbidStateRecord& radiation,
 // The quantities a field can average, by stage: the radiation ones, then the physiology.
 std::vector<const char*> field_quantities(uint8_t stage);
 // owner_of_sample: per sample its owner 0..n_owners - 1; grid_dims, bounds: 3 per owner.
-TurbidFieldRecord aggregate_turbid_field(const TurbidStateRecord& state,
-                                         const std::vector<int32_t>& owner_of_sample,
-                                         const std::vector<float>& leaf_area,
-                                         const std::vector<float3>& positions,
-                                         const std::vector<float3>& normals, int32_t n_owners,
-                                         const std::vector<int32_t>& grid_dims,
-                                         const std::vector<float>& bounds_min,
-                                         const std::vector<float>& bounds_max,
-                                         int32_t theta_bins, int32_t phi_bins);
+TurbidFieldRecord aggregate_turbid_field(
+    const TurbidStateRecord& state, const std::vector<int32_t>& owner_of_sample,
+    const std::vector<float>& leaf_area, const std::vector<float3>& positions,
+    const std::vector<float3>& normals, int32_t n_owners, const std::vector<int32_t>& grid_dims,
+    const std::vector<float>& bounds_min, const std::vector<float>& bounds_max, int32_t theta_bins,
+    int32_t phi_bins);
 
 // ---- sources for images ----------------------------------------------------------------
 

@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "turbid/workflow_state.h"
 
@@ -14,8 +14,8 @@ namespace {
 TurbidStateRecord fluorescent_state(size_t n) {
   TurbidStateRecord s;
   s.n_samples = int32_t(n);
-  for (auto* a : {&s.sunlit_probability, &s.apar_sunlit, &s.apar_shaded, &s.phi_f_sunlit,
-                  &s.phi_f_shaded})
+  for (auto* a :
+       {&s.sunlit_probability, &s.apar_sunlit, &s.apar_shaded, &s.phi_f_sunlit, &s.phi_f_shaded})
     a->resize(n);
   for (size_t i = 0; i < n; ++i) {
     s.sunlit_probability[i] = float(i) / float(n - 1);
@@ -48,8 +48,8 @@ TEST(TurbidWorkflow, SifSpectraConservePhotons) {
       // W m-2 nm-1 of both sides over 0.5 nm, in umol of photons.
       photons += 2.0 * M_PI * radiance * 0.5 * (wl[b] * 1e-9 / 0.11962656) * 1e6;
     }
-    const double expected = f * s.phi_f_sunlit[i] * s.apar_sunlit[i] +
-                            (1.0 - f) * s.phi_f_shaded[i] * s.apar_shaded[i];
+    const double expected =
+        f * s.phi_f_sunlit[i] * s.apar_sunlit[i] + (1.0 - f) * s.phi_f_shaded[i] * s.apar_shaded[i];
     EXPECT_NEAR(photons, expected, 2e-3 * expected) << "sample " << i;
     EXPECT_NEAR(spectra.photons[i], expected, 1e-9 * expected);
   }
@@ -61,7 +61,8 @@ TEST(TurbidWorkflow, OwnerThermalStateKeepsTheEmittedTotal) {
   TurbidStateRecord s;
   const size_t n = 6;
   s.n_samples = int32_t(n);
-  for (auto* a : {&s.sunlit_probability, &s.temperature_sunlit, &s.temperature_shaded, &s.emissivity})
+  for (auto* a :
+       {&s.sunlit_probability, &s.temperature_sunlit, &s.temperature_shaded, &s.emissivity})
     a->resize(n);
   std::vector<float> area(n);
   double sun4 = 0.0, shade4 = 0.0, sun_area = 0.0, shade_area = 0.0;
