@@ -1060,12 +1060,14 @@ def run_turbid_leaf_rrt_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     extinction along paths. Estimator: cosine-weighted reverse rays from each sample
     side and primitive face; at the first leaf collision, surface or escape the path
     collects that emitter's radiance (leaves: the leaf-area mean exitance of the
-    samples of the bounding instance), then reflects with probability 1 - emissivity;
+    bounding instance's samples in the cell of an emission_cells^3 grid over their box),
+    then reflects with probability 1 - emissivity;
     absorbed = emissivity x pi x mean radiance. request: 'domain_id'; 'temperature' (n,)
     K or a number, or 'state' (stage 2 or 3: its temperature and emissivity);
     'emissivity' (0.98); 'primitive_temperature', 'primitive_emissivity'
     (n_primitives,) (default the scene's overrides, else the material's temperature and
-    1); 'sky_lw_radiance' W m-2 sr-1 (0); 'rays_per_side' (16); 'max_depth' (64);
+    1); 'sky_lw_radiance' W m-2 sr-1 (0); 'emission_cells' (4); 'rays_per_side' (16);
+    'max_depth' (64);
     'two_sided' (True); 'seed'; 'threads'. Returns float32 'absorbed_top',
     'absorbed_bottom', 'absorbed' (n,) W m-2 of leaf, 'emitted' (n,) W m-2 per side,
     'primitive_absorbed_front', 'primitive_absorbed_back' (n_primitives,) W m-2 (0 on

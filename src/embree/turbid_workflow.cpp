@@ -28,9 +28,10 @@
 //   Rays leave each sample side (and each primitive face, from points uniform on it)
 //   cosine-weighted; the radiance arriving along them is the emission met first: at a
 //   leaf collision in a medium, the mean exitance of the samples of the instance that
-//   bounds it (leaf-area weighted; the domain's mean where the instance holds no
-//   samples) over pi; at a surface, eps_p sigma T_p^4 / pi; at escape, the sky's. A
-//   collision or surface then reflects Lambertianly (leaf: back towards the ray's side)
+//   bounds it in the cell of an emission_cells^3 grid over their box where the collision
+//   falls (leaf-area weighted; the instance's mean in an empty cell, the domain's where
+//   the instance holds no samples) over pi; at a surface, eps_p sigma T_p^4 / pi; at escape, the
+//   sky's. A collision or surface then reflects Lambertianly (leaf: back towards the ray's side)
 //   with probability 1 - eps, so every event adds the emission and the path ends with
 //   probability eps: unbiased for any number of reflections, and in an isothermal closed
 //   box every element absorbs exactly eps sigma T^4 per face in expectation.
@@ -295,10 +296,30 @@ float absorptance(const MaterialData& m, const float* spectral, int32_t bands, i
 
 // ---- longwave --------------------------------------------------------------------------
 
+// The leaves of one bounding instance as emitters: leaf-area means of the samples'
+// exitance (eps sigma T^4) and emissivity over a cells^3 grid of their box, each empty cell
+// holding the instance's mean. A collision reads the cell it falls in (clamped into the
+// box), so sunlit and shaded parts of a crown emit as their samples do.
+struct LeafEmitters {
+  float lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+  int32_t cells = 1;
+  std::vector<float> exitance, emissivity;
+  size_t cell_of(const float3& p) const {
+    const float q[3] = {p.x, p.y, p.z};
+    size_t index = 0;
+    for (int a = 2; a >= 0; --a) {
+      const float e = hi[a] - lo[a];
+      int32_t i = e > 0.0f ? int32_t(std::floor((q[a] - lo[a]) / e * float(cells))) : 0;
+      index = index * size_t(cells) + size_t(std::clamp(i, 0, cells - 1));
+    }
+    return index;
+  }
+};
+
 struct LongwaveContext {
   const EmbreeSceneManager* scene;
   const MediaScene* ms;
-  std::unordered_map<uint32_t, std::pair<float, float>> instance_leaves;  // exitance, eps
+  std::unordered_map<uint32_t, LeafEmitters> instance_leaves;
   float mean_exitance = 0.0f, mean_emissivity = 1.0f;
   std::vector<float> prim_exitance, prim_emissivity;  // per primitive
   float sky = 0.0f;
@@ -312,8 +333,12 @@ struct LongwavePolicy {
     float exitance, eps;
     if (e.medium >= 0) {
       const auto it = c.instance_leaves.find(e.instance);
-      exitance = it != c.instance_leaves.end() ? it->second.first : c.mean_exitance;
-      eps = it != c.instance_leaves.end() ? it->second.second : c.mean_emissivity;
+      if (it != c.instance_leaves.end()) {
+        const size_t k = it->second.cell_of(e.point);
+        exitance = it->second.exitance[k], eps = it->second.emissivity[k];
+      } else {
+        exitance = c.mean_exitance, eps = c.mean_emissivity;
+      }
     } else {
       const int32_t p = e.hit->primitive_id;
       if (p < 0 || size_t(p) >= c.prim_exitance.size()) return false;
@@ -514,6 +539,8 @@ void validate_turbid_leaf_rrt_request(const EmbreeSceneManager& scene, const Tur
     if (!(v.primitive_emissivity[j] >= 0.0f && v.primitive_emissivity[j] <= 1.0f))
       throw std::invalid_argument("primitive_emissivity must lie in [0, 1]");
   if (v.sky_lw_radiance < 0.0f) throw std::invalid_argument("sky_lw_radiance cannot be negative");
+  if (v.emission_cells < 1 || v.emission_cells > 64)
+    throw std::invalid_argument("Turbid emission_cells must lie in [1, 64]");
 }
 
 TurbidLeafRrtResult run_turbid_leaf_rrt(const EmbreeSceneManager& scene, const TurbidSampleView& s,
@@ -526,25 +553,52 @@ TurbidLeafRrtResult run_turbid_leaf_rrt(const EmbreeSceneManager& scene, const T
   const size_t n = size_t(s.n_samples);
   LongwaveContext c;
   c.scene = &scene, c.ms = &ms, c.sky = v.sky_lw_radiance;
-  // Leaf exitance per bounding instance and over the domain: leaf-area means.
-  std::unordered_map<uint32_t, std::array<double, 3>> sums;  // area, area eps sigma T^4, area eps
-  double all[3] = {0, 0, 0};
+  // Leaf exitance per bounding instance, on its grid, and over the domain: leaf-area means.
   TurbidLeafRrtResult out;
   out.emitted.resize(n);
+  double all[3] = {0, 0, 0};  // area, area eps sigma T^4, area eps
+  const int32_t cells = v.emission_cells;
+  const size_t n_cells = size_t(cells) * size_t(cells) * size_t(cells);
+  std::unordered_map<uint32_t, std::vector<double>> sums;  // per cell: area, area M, area eps
   for (size_t i = 0; i < n; ++i) {
-    const double T = v.temperature[i], A = s.leaf_area[i], e = v.emissivity[i];
-    const double M = e * STEFAN_BOLTZMANN * T * T * T * T;
-    out.emitted[i] = float(M);
-    all[0] += A, all[1] += A * M, all[2] += A * e;
-    if (s.owner_instance[i] >= 0) {
-      auto& x = sums[uint32_t(s.owner_instance[i])];
-      x[0] += A, x[1] += A * M, x[2] += A * e;
+    const double T = v.temperature[i], e = v.emissivity[i];
+    out.emitted[i] = float(e * STEFAN_BOLTZMANN * T * T * T * T);
+    all[0] += s.leaf_area[i], all[1] += s.leaf_area[i] * out.emitted[i];
+    all[2] += s.leaf_area[i] * e;
+    if (s.owner_instance[i] < 0) continue;
+    LeafEmitters& g = c.instance_leaves[uint32_t(s.owner_instance[i])];
+    if (g.exitance.empty()) {  // first sample: open the box
+      g.cells = cells;
+      g.exitance.assign(n_cells, 0.0f), g.emissivity.assign(n_cells, 0.0f);
+      for (int a = 0; a < 3; ++a) g.lo[a] = 1e30f, g.hi[a] = -1e30f;
+    }
+    for (int a = 0; a < 3; ++a) {
+      g.lo[a] = std::min(g.lo[a], s.positions[3 * i + size_t(a)]);
+      g.hi[a] = std::max(g.hi[a], s.positions[3 * i + size_t(a)]);
     }
   }
   if (all[0] > 0.0)
     c.mean_exitance = float(all[1] / all[0]), c.mean_emissivity = float(all[2] / all[0]);
-  for (const auto& [k, x] : sums)
-    if (x[0] > 0.0) c.instance_leaves[k] = {float(x[1] / x[0]), float(x[2] / x[0])};
+  for (size_t i = 0; i < n; ++i) {
+    if (s.owner_instance[i] < 0) continue;
+    const LeafEmitters& g = c.instance_leaves[uint32_t(s.owner_instance[i])];
+    std::vector<double>& x = sums[uint32_t(s.owner_instance[i])];
+    if (x.empty()) x.assign(3 * (n_cells + 1), 0.0);  // the cells, then the whole instance
+    const size_t k = g.cell_of(load3(s.positions, i));
+    const double A = s.leaf_area[i], M = out.emitted[i], e = v.emissivity[i];
+    for (size_t slot : {k, n_cells}) {
+      x[3 * slot] += A, x[3 * slot + 1] += A * M, x[3 * slot + 2] += A * e;
+    }
+  }
+  for (auto& [key, g] : c.instance_leaves) {
+    const std::vector<double>& x = sums[key];
+    const double* whole = &x[3 * n_cells];
+    for (size_t k = 0; k <= n_cells; ++k) {
+      const double* cell = x[3 * k] > 0.0 ? &x[3 * k] : whole;
+      if (k < n_cells)
+        g.exitance[k] = float(cell[1] / cell[0]), g.emissivity[k] = float(cell[2] / cell[0]);
+    }
+  }
   // Primitives: request, scene override, material.
   const backend::PrimitiveGeometry geo = scene.primitive_geometry();
   const size_t np = geo.areas.size();

@@ -56,6 +56,7 @@ struct TurbidLeafRrtRequestView {
   // uniform temperature and emissivity 1.
   backend::FloatSpan primitive_temperature, primitive_emissivity;
   float sky_lw_radiance = 0.0f;  // W m-2 sr-1, isotropic
+  int32_t emission_cells = 4;    // per axis, of the grid of each instance's leaf emission
   int32_t rays_per_side = 0;     // per leaf side and per primitive face
   int32_t max_depth = 0;
   bool two_sided = true;  // primitives absorb on both faces

@@ -408,6 +408,7 @@ void bind_turbid_leaf_rrt(py::module_& m) {
           v.primitive_emissivity = {pe.data(), size_t(pe.size())};
         }
         v.sky_lw_radiance = get_or<float>(request, "sky_lw_radiance", 0.0f, "a float");
+        v.emission_cells = get_or<int32_t>(request, "emission_cells", 4, "an int");
         v.rays_per_side = get_or<int32_t>(request, "rays_per_side", 16, "an int");
         v.max_depth = get_or<int32_t>(request, "max_depth", 64, "an int");
         v.two_sided = get_or<bool>(request, "two_sided", true, "a bool");
@@ -434,12 +435,14 @@ void bind_turbid_leaf_rrt(py::module_& m) {
       "extinction along paths. Estimator: cosine-weighted reverse rays from each sample\n"
       "side and primitive face; at the first leaf collision, surface or escape the path\n"
       "collects that emitter's radiance (leaves: the leaf-area mean exitance of the\n"
-      "samples of the bounding instance), then reflects with probability 1 - emissivity;\n"
+      "bounding instance's samples in the cell of an emission_cells^3 grid over their box),\n"
+      "then reflects with probability 1 - emissivity;\n"
       "absorbed = emissivity x pi x mean radiance. request: 'domain_id'; 'temperature' (n,)\n"
       "K or a number, or 'state' (stage 2 or 3: its temperature and emissivity);\n"
       "'emissivity' (0.98); 'primitive_temperature', 'primitive_emissivity'\n"
       "(n_primitives,) (default the scene's overrides, else the material's temperature and\n"
-      "1); 'sky_lw_radiance' W m-2 sr-1 (0); 'rays_per_side' (16); 'max_depth' (64);\n"
+      "1); 'sky_lw_radiance' W m-2 sr-1 (0); 'emission_cells' (4); 'rays_per_side' (16);\n"
+      "'max_depth' (64);\n"
       "'two_sided' (True); 'seed'; 'threads'. Returns float32 'absorbed_top',\n"
       "'absorbed_bottom', 'absorbed' (n,) W m-2 of leaf, 'emitted' (n,) W m-2 per side,\n"
       "'primitive_absorbed_front', 'primitive_absorbed_back' (n_primitives,) W m-2 (0 on\n"

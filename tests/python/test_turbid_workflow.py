@@ -148,6 +148,23 @@ def test_isothermal_closed_box_absorbs_what_it_emits(leaf_eps, wall_eps):
     np.testing.assert_array_equal(one["absorbed_top"], r["absorbed_top"], err_msg="thread count matters")
 
 
+def test_leaves_met_emit_as_the_samples_near_them():
+    # Half the crown hot, half cold, in a cold black room: samples on the hot side see
+    # more longwave than those on the cold side, as the nearby leaves they see are hot.
+    s, domain = closed_box()
+    x = vk._debug_turbid_domain_samples_embree(s, domain)["position"][:, 0]
+    T = np.where(x > 0, 320.0, 280.0).astype(F)
+    n = s.n_primitives()
+    r = vk.run_turbid_leaf_rrt_cpu(s, dict(domain_id=domain, temperature=T, emissivity=1.0,
+                                           primitive_temperature=np.zeros(n, F), rays_per_side=16))
+    hot, cold = r["absorbed"][x > 0.5].mean(), r["absorbed"][x < -0.5].mean()
+    assert hot > 1.1 * cold, f"absorbed longwave {hot} W m-2 on the hot side, {cold} on the cold"
+    one = vk.run_turbid_leaf_rrt_cpu(s, dict(domain_id=domain, temperature=T, emissivity=1.0,
+                                             primitive_temperature=np.zeros(n, F), rays_per_side=16,
+                                             emission_cells=1))
+    assert one["absorbed"][x > 0.5].mean() < hot, "one cell averages the two halves"
+
+
 def test_sif_source_keeps_the_samples_emission_and_renders_like_explicit_leaves(rng):
     # A crown under a uniform sky (no sun): the turbid crown's SIF-only image against the
     # same crown of small explicit leaves, each leaf given the assembled field's value at
