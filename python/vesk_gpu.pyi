@@ -607,6 +607,61 @@ def _build_turbid_domains_embree(scene: EmbreeSceneManager, request: dict) -> li
     committed. Returns one summary per domain.
     """
 
+def _build_turbid_field_embree(scene: EmbreeSceneManager, request: dict) -> dict:
+    """Aggregates a current state (any stage) over each owner's volume and leaf
+    orientation into a field token. request: 'state' (token dict), 'grid_dims' ([4, 4,
+    4]) cells over each owner's sample box, 'theta_bins' (4), 'phi_bins' (8) leaf-normal
+    bins (the SIF source tables' cell and bin rules). Returns {'field': token dict
+    {'state', 'field_revision'}, 'quantities' (names of the last axis), 'spatial'
+    (owners, cells, q), 'orientation' (owners, bins, q), 'joint' (owners, cells, bins,
+    q) float32 leaf-area-weighted means (0 where empty), 'leaf_area' (owners, cells) m2,
+    'joint_counts', 'grid_dims', 'bounds_min', 'bounds_max'}.
+    """
+
+def _build_turbid_sif_source_embree(scene: EmbreeSceneManager, request: dict) -> dict:
+    """Fluorescence of a state of stage 2 or 3 as the per-instance SIF source tables of
+    set_instance_sif_source_fields, at the scene's bands. Per sample, photons emitted =
+    phi_f x absorbed PAR photons per branch, spread by the leaf emission shape (685 and
+    740 nm) and emitted half through each Lambertian side: 'sample_shaded' (b, n) is the
+    shaded leaf's radiance W m-2 sr-1 nm-1 and 'sample_extra_sunlit' (b, n) what a
+    sunlit leaf adds (the tracer weights it by the sun's visibility at the leaf).
+    Both are binned by assemble_sif_source_cpu over each owner instance's world box.
+    request: 'state', 'grid_dims' ([4, 4, 4]), 'theta_bins' (4), 'phi_bins' (8),
+    'apply' (True: set on the scene). Returns the sample spectra, 'sample_photons' (n,)
+    umol m-2 s-1, 'emitted_power' (b,) W nm-1 of all samples (both sides, expected),
+    the four tables, 'joint_counts' and the grid arguments of the setter.
+    """
+
+def _build_turbid_state_embree(scene: EmbreeSceneManager, request: dict) -> dict:
+    """Radiation state of a committed Turbid domain under the scene's sun and sky (stage 1).
+    request: 'domain_id'; 'rays_per_side' (32) diffuse reverse rays per leaf side;
+    'max_depth' (8) scattering events per ray; 'seed' (0); 'threads' (0: all);
+    'band_widths' (b,) nm when the scene's spectra are per nm (default: per band).
+    Estimator: the sunlit probability is the transmittance to the sun through media and
+    mesh (Beer-Lambert, computed); a sunlit leaf absorbs E_sun |n.s| (1 - R - T) on the
+    side facing the sun; the diffuse irradiance of each side is pi x the mean radiance
+    of cosine-weighted reverse paths (sky at escape, sun by next-event estimation with
+    the hot-spot at the first event). Returns {'state': token dict, 'band_wavelengths'
+    (b,) nm, 'band_widths' (b,) nm, 'absorbed_top', 'absorbed_bottom' (n, b) float32
+    expected absorbed per m2 of leaf in the sun spectrum's units,
+    'absorbed_direct_sunlit' (n, b) the direct beam a sunlit leaf absorbs,
+    'sunlit_probability', 'direct_share' (n,) 0..1, 'apar', 'apar_sunlit', 'apar_shaded'
+    (n,) umol m-2 s-1, 'shortwave_sunlit', 'shortwave_shaded' (n,) W m-2
+    summed over bands, '_execution'}. Samples are in the domain's order.
+    """
+
+def _build_turbid_thermal_source_embree(scene: EmbreeSceneManager, request: dict) -> dict:
+    """Per-instance conditional thermal state from a state of stage 2 or 3: for each
+    owner's instance the radiometric mean temperature (sum w T^4 / sum w)^(1/4) of its
+    sunlit leaves (w = leaf area x sunlit probability) and of its shaded ones, the
+    sunlit fraction and the mean emissivity; 0 for other instances. request: 'state',
+    'apply' (True: set_instance_turbid_thermal_state on the scene). Returns the four
+    (num_instances,) float32 arrays that setter takes.
+    """
+
+def _check_turbid_field_embree(scene: EmbreeSceneManager, field: dict) -> dict:
+    """Returns the field token if it is held and its state current; else RuntimeError."""
+
 def _debug_turbid_domain_samples_embree(scene: EmbreeSceneManager, domain_id: int) -> dict:
     """The accepted samples of a committed domain, as the payload of
     _debug_turbid_samples_embree.
@@ -781,6 +836,24 @@ def _simulate_forward_exact(scene: EmbreeSceneManager, nx: int = ..., ny: int = 
     public entry gives for them, bit for bit.
     """
 
+def _solve_turbid_physiology_embree(scene: EmbreeSceneManager, request: dict) -> dict:
+    """Physiology on a radiation state (stage 1 in; stage 2 out, or 3 with the energy
+    balance). Every sample is a sunlit and a shaded leaf, solved by the leaf solver
+    (solve_physiology_cpu) with the state's apar_sunlit / apar_shaded and blended by the
+    sunlit probability. request: 'state' (token dict); per sample, one number or an (n,)
+    float array: 'temperature' (K, both branches) or 'temperature_sunlit' and
+    'temperature_shaded', 'co2' umol mol-1, 'relative_humidity' 0..1, 'pressure' kPa
+    (101.325), 'wind' m s-1 (1), 'vcmax25', 'jmax25', 'rd25' umol m-2 s-1,
+    'ball_berry_slope', 'ball_berry_intercept' mol m-2 s-1, 'quantum_yield' (0.03),
+    'emissivity' (0.98); 'energy_balance' (False): then the branch temperatures are
+    solved (the given ones are first guesses) from the branch shortwave plus
+    'absorbed_longwave' W m-2, with 'air_temperature' K, 'vapor_pressure' Pa,
+    'sidedness' (2), 'leaf_width' m (0.05), 'stomata_sides' (1); 'max_iterations' (100),
+    'tolerance' (1e-3). Returns the state arrays with 'an', 'gs', 'phi_f',
+    'temperature' and their '_sunlit' / '_shaded' branches, 'converged', and with the
+    energy balance 'net_radiation', 'sensible_heat', 'latent_heat' (W m-2).
+    """
+
 def _test_turbid_domain_id_exhaustion() -> dict:
     """Spends a domain identifier space and asks it twice more: both requests must fail as
     exhausted. Returns {'first_exhausted', 'second_exhausted'}.
@@ -789,6 +862,11 @@ def _test_turbid_domain_id_exhaustion() -> dict:
 def _turbid_domain_revisions_embree(scene: EmbreeSceneManager, domain_id: int) -> dict:
     """The current revisions of a committed domain, with the relation table's and the
     request contract's.
+    """
+
+def _turbid_state_arrays_embree(scene: EmbreeSceneManager, state: dict) -> dict:
+    """The arrays of a held, current state (any stage) by its token dict, as the entry
+    that made it returned them. A stale token raises RuntimeError.
     """
 
 def _vulkan_validation_message_count() -> int:
@@ -1088,6 +1166,27 @@ def run_energy_balance_multiband_cpu(scene: EmbreeSceneManager, n_bands: int, n_
     or sw_albedos, which reflect and never transmit. sunlit_fraction: the share of
     samples that see the sun, both sides added. Each primitive has its own random
     stream, so results are the same for any thread count.
+    """
+
+def run_turbid_leaf_rrt_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
+    """Longwave exchange between the samples of a committed Turbid domain, the mesh
+    primitives (terrain included) and the sky. Each sample is a leaf of its weight's
+    area emitting emissivity sigma T^4 / pi from each side; its owner medium gives the
+    extinction along paths. Estimator: cosine-weighted reverse rays from each sample
+    side and primitive face; at the first leaf collision, surface or escape the path
+    collects that emitter's radiance (leaves: the leaf-area mean exitance of the
+    bounding instance's samples in the cell of an emission_cells^3 grid over their box),
+    then reflects with probability 1 - emissivity;
+    absorbed = emissivity x pi x mean radiance. request: 'domain_id'; 'temperature' (n,)
+    K or a number, or 'state' (stage 2 or 3: its temperature and emissivity);
+    'emissivity' (0.98); 'primitive_temperature', 'primitive_emissivity'
+    (n_primitives,) (default the scene's overrides, else the material's temperature and
+    1); 'sky_lw_radiance' W m-2 sr-1 (0); 'emission_cells' (4); 'rays_per_side' (16);
+    'max_depth' (64);
+    'two_sided' (True); 'seed'; 'threads'. Returns float32 'absorbed_top',
+    'absorbed_bottom', 'absorbed' (n,) W m-2 of leaf, 'emitted' (n,) W m-2 per side,
+    'primitive_absorbed_front', 'primitive_absorbed_back' (n_primitives,) W m-2 (0 on
+    media boundaries), '_execution'.
     """
 
 def simulate_active_microwave_cpu(scene: EmbreeSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., spp: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:

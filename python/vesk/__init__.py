@@ -18,7 +18,10 @@ this package helps set them up and read what they return:
                  an xarray Dataset per primitive), thermal_image (the solved
                  temperatures rendered on the same scene), brightness_temperature,
                  fluorescence (SIF from absorbed light to a SIF-only image),
-                 simulate_flux (flux grids with sun and sky photons by their energy)
+                 simulate_flux (flux grids with sun and sky photons by their energy),
+                 turbid_domain and turbid_chain (turbid crowns' leaf-area samples
+                 through radiation, longwave, physiology and the thermal and SIF
+                 sources that images of them read)
   LiDAR          simulate_lidar / lidar_returns (one intensity definition, sub-bin
                  ranges, hit instance and material), las_classes, write_las (LAS 1.4),
                  airborne_line_scan, terrestrial_scan
@@ -47,6 +50,7 @@ from vesk.spectra import Spectra, lambertian, leaf, rpv
 from vesk.workflows import (Microclimate, absorbed_shortwave, brightness_temperature,
                             energy_balance, fluorescence, microclimate, planck,
                             simulate_flux, sun_share, thermal_image)
+from vesk.turbid import turbid_chain, turbid_domain
 
 __version__ = vk.__version__
 
@@ -58,4 +62,4 @@ __all__ = ["vk", "Spectra", "lambertian", "leaf", "rpv", "sun_direction", "look_
            "airborne_line_scan", "terrestrial_scan", "microclimate", "Microclimate",
            "absorbed_shortwave", "energy_balance", "thermal_image", "brightness_temperature",
            "planck", "fluorescence", "simulate_flux", "sun_share", "microwave_tables",
-           "MicrowaveTables"]
+           "MicrowaveTables", "turbid_domain", "turbid_chain"]

@@ -29,6 +29,8 @@ const char* workflow_name(uint8_t workflow) {
     case WORKFLOW_SIF_SOURCE_ASSEMBLY: return "sif_source_assembly";
     case WORKFLOW_LIDAR_POINT_CLOUD: return "lidar_point_cloud";
     case WORKFLOW_LIDAR_WAVEFORM: return "lidar_waveform";
+    case WORKFLOW_TURBID_STATE: return "turbid_state";
+    case WORKFLOW_TURBID_LEAF_RRT: return "turbid_leaf_rrt";
   }
   throw std::invalid_argument("unknown native workflow identity");
 }

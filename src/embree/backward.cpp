@@ -62,6 +62,9 @@ struct PathContext {
   size_t n_materials;
   const InstanceSifSourceFields* sif_fields;  // null unless set (and band-matched)
   size_t n_instances;
+  // Conditional temperatures of leaves in media, by bounding instance: null unless set
+  // for every instance and the render is thermal.
+  const InstanceTurbidThermalState* turbid_thermal;
 };
 
 struct PathState {
@@ -121,6 +124,31 @@ void emit_field_sif(const PathContext& c, BackwardThreadScratch& s, uint32_t ins
     }
     contribute(c, s, backend::SLOT_EMISSION, order, b, value * s.throughput[size_t(b)]);
   }
+}
+
+// Thermal emission of a leaf met inside a medium bounded by `instance` whose leaves have
+// a conditional thermal state: the leaf is sunlit with the probability that the sun is
+// visible from the collision (its transmittance; the instance's mean sunlit fraction
+// when the scene has no sun direction), so its expected radiance is
+// eps [v B(T_sunlit) + (1 - v) B(T_shaded)], B the Planck radiance at each band. False
+// when the instance has no state (temperatures 0): the material's emission applies.
+template <class SunVisibility>
+bool emit_turbid_thermal(const PathContext& c, BackwardThreadScratch& s, uint32_t instance,
+                         int32_t order, const SunVisibility& sun_visibility) {
+  const InstanceTurbidThermalState& t = *c.turbid_thermal;
+  if (size_t(instance) >= t.temperature_sunlit.size()) return false;
+  const float ts = t.temperature_sunlit[instance], th = t.temperature_shaded[instance];
+  if (!(ts > 0.0f) || !(th > 0.0f)) return false;
+  const bool sun_set = dot(c.sun.direction, c.sun.direction) > 0.0f;
+  const double v = sun_set ? std::clamp(sun_visibility(), 0.0, 1.0)
+                           : double(t.sunlit_fraction[instance]);
+  const double e = t.emissivity[instance];
+  for (int32_t b = 0; b < c.bands; ++b) {
+    const double l = v * planck_radiance(c.band_wavelengths[b], ts) +
+                     (1.0 - v) * planck_radiance(c.band_wavelengths[b], th);
+    contribute(c, s, backend::SLOT_EMISSION, order, b, e * l * s.throughput[size_t(b)]);
+  }
+  return true;
 }
 
 // Thermal or SIF emission of the surface at this hit, weighted by the throughput.
@@ -389,7 +417,11 @@ bool trace_medium_path(const PathContext& c, const MediaScene& ms, BackwardThrea
       if (c.sif_fields)
         emit_field_sif(c, s, ms.instance_of(list.instance_key[slot]), point, frame[2], p.order,
                        [&] { return c.has_sun ? sun_visibility(point, RayStart::Point) : 0.0; });
-      if (c.mode != EMISSION_OPTICAL) {
+      if (c.turbid_thermal &&
+          emit_turbid_thermal(c, s, ms.instance_of(list.instance_key[slot]), p.order,
+                              [&] { return sun_visibility(point, RayStart::Point); })) {
+        // The leaves' conditional temperatures stand in for the material's.
+      } else if (c.mode != EMISSION_OPTICAL) {
         EmbreeHit leaf;
         leaf.position = point;
         leaf.geometric_normal = leaf.shading_normal = frame[2];
@@ -519,7 +551,12 @@ backend::OpticalProductResult render_backward(const EmbreeSceneManager& scene, i
                 scene.materials().size(),
                 sif_fields.empty() || scene.emission_mode() == EMISSION_THERMAL ? nullptr
                                                                                 : &sif_fields,
-                size_t(scene.num_instances())};
+                size_t(scene.num_instances()),
+                scene.emission_mode() == EMISSION_THERMAL &&
+                        scene.instance_turbid_thermal_state().temperature_sunlit.size() ==
+                            size_t(scene.num_instances())
+                    ? &scene.instance_turbid_thermal_state()
+                    : nullptr};
   const bool with_media = scene.has_optical_media();
   const MediaScene media = MediaScene::from(scene);
 

@@ -80,6 +80,8 @@ void bind_photosynthesis_static(py::module_& m);
 void bind_lidar(py::module_& m);
 void bind_microwave_transport(py::module_& m);
 void bind_turbid(py::module_& m);
+void bind_turbid_workflow(py::module_& m);
+void bind_turbid_leaf_rrt(py::module_& m);
 void bind_energy_balance_transport(py::module_& m);
 void bind_energy_balance_processes(py::module_& m);
 void bind_sif_processes(py::module_& m);

@@ -39,10 +39,12 @@ PYBIND11_MODULE(vesk_gpu, m) {
   vesk::module::bind_optical(m);
   vesk::module::bind_forward(m);
   vesk::module::bind_energy_balance_transport(m);
+  vesk::module::bind_turbid_leaf_rrt(m);
   vesk::module::bind_processes(m);
   vesk::module::bind_lidar(m);
   vesk::module::bind_microwave_transport(m);
   vesk::module::bind_turbid(m);
+  vesk::module::bind_turbid_workflow(m);
 #ifdef VESK_BENCH_COUNTERS
   vesk::module::bind_bench(m);
 #endif

@@ -3,7 +3,7 @@
 namespace vesk::turbid {
 
 void check_state_token(const TurbidStateToken& t) {
-  if (t.workflow_stage > STAGE_FIELD) throw std::invalid_argument("reserved Turbid workflow stage");
+  if (t.workflow_stage > STAGE_LAST) throw std::invalid_argument("reserved Turbid workflow stage");
   const std::pair<const char*, uint64_t> fields[] = {
       {"state token domain id", t.domain_id},     {"workflow revision", t.workflow_revision},
       {"domain revision", t.domain_revision},     {"geometry revision", t.geometry_revision},

@@ -39,13 +39,16 @@ struct TurbidLeafAreaSample {
   bool operator==(const TurbidLeafAreaSample&) const = default;
 };
 
-// Workflow stages, in processing order.
+// Workflow stages, in processing order; the numbers are part of the token contract and
+// are the same on every backend. A state carries everything of the stages before it.
 enum TurbidWorkflowStage : uint8_t {
-  STAGE_DOMAIN = 0,      // samples only
-  STAGE_ILLUMINATED = 1, // absorbed radiation known
-  STAGE_PHYSIOLOGY = 2,  // leaf states solved
-  STAGE_FIELD = 3,       // source fields assembled
+  STAGE_DOMAIN = 0,      // samples only: no state is issued at it
+  STAGE_RADIATION = 1,   // absorbed shortwave per sample and side, sunlit probability
+  STAGE_PHYSIOLOGY = 2,  // sunlit and shaded leaves solved at given leaf temperatures
+  STAGE_ENERGY = 3,      // leaf temperatures solved from the leaf energy balance
 };
+constexpr uint8_t STAGE_LAST = STAGE_ENERGY;
+constexpr const char* STAGE_MISMATCH = "Turbid workflow stage mismatch";
 
 struct TurbidStateToken {
   uint64_t token_id = 0;  // the state's own serial within its manager

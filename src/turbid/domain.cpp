@@ -530,8 +530,19 @@ void commit_turbid_domains(backend::TurbidDomainStorage& held,
   point("table_stage");
   point("table_replace");
   point("removal");
+  // The arrays go with their tokens; nothing else is kept.
+  std::map<uint64_t, std::shared_ptr<const TurbidStateRecord>> state_records;
+  std::map<uint64_t, std::shared_ptr<const TurbidFieldRecord>> field_records;
+  for (const TurbidStateToken& s : states)
+    if (auto it = held.state_records.find(s.state_revision); it != held.state_records.end())
+      state_records.insert(*it);
+  for (const backend::TurbidFieldToken& f : fields)
+    if (auto it = held.field_records.find(f.field_revision); it != held.field_records.end())
+      field_records.insert(*it);
   incoming.states = std::move(states);
   incoming.fields = std::move(fields);
+  incoming.state_records = std::move(state_records);
+  incoming.field_records = std::move(field_records);
   std::swap(held, incoming);  // what was held is released with `incoming`
 }
 

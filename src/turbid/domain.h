@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -143,6 +144,11 @@ struct TurbidDomainRevisions {
 
 }  // namespace vesk::turbid
 
+namespace vesk::turbid {
+struct TurbidStateRecord;
+struct TurbidFieldRecord;
+}  // namespace vesk::turbid
+
 namespace vesk::backend {
 
 class TurbidDomainStorage {
@@ -162,6 +168,10 @@ class TurbidDomainStorage {
   turbid::TurbidRelationTable relations;
   std::vector<turbid::TurbidStateToken> states;
   std::vector<TurbidFieldToken> fields;
+  // The arrays behind the tokens, immutable once made (so copies of the storage share
+  // them): states by state_revision, fields by field_revision.
+  std::map<uint64_t, std::shared_ptr<const turbid::TurbidStateRecord>> state_records;
+  std::map<uint64_t, std::shared_ptr<const turbid::TurbidFieldRecord>> field_records;
 };
 
 }  // namespace vesk::backend
@@ -175,6 +185,13 @@ struct TurbidHolding {
   std::string armed_failure;  // a commit stage that fails once
   uint64_t relation_revision = 0;
   uint64_t commit_count = 0;
+  // Workflow bookkeeping: the last revisions issued to states and fields, and the
+  // scene's light and optics as last seen, each with the revision it was given (a
+  // change seen by a workflow call raises the revision; see turbid_workflow.h).
+  uint64_t state_revision = 0, field_revision = 0;
+  uint64_t illumination_revision = 1, transport_revision = 1;
+  uint64_t illumination_fingerprint = 0, transport_fingerprint = 0;
+  bool fingerprints_seen = false;
 };
 
 // The checks of an extension before its commit: same owners, no owner with fewer

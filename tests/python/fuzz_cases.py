@@ -63,6 +63,7 @@ def make_scene(kind):
     if kind == "empty":
         return s
     s.set_num_bands(2)
+    s.set_thermal_mode(False, [550.0, 650.0])  # band wavelengths, for the Turbid states
     s.upload_spectral_params(SPECTRAL.copy())
     s.add_material(0, 0, [0.4, 0.0])
     s.add_material(13, 2, [0.25, 0.2])
@@ -137,6 +138,14 @@ NAMES = dict(
     MW_INFO=np.array([[t, -1, 0, 0, 0, -1, -1, -1, 0] for t in (1, 2, 3)], np.int32).ravel())
 
 
+WORKFLOW_LEAF = {"temperature": 298.0, "co2": 400.0, "relative_humidity": 0.5, "vcmax25": 50.0,
+                 "jmax25": 100.0, "rd25": 1.0, "ball_berry_slope": 9.0, "ball_berry_intercept": 0.01}
+
+
+def namespace_of(s):
+    return namespace(s)
+
+
 def namespace(s):
     return {**{k: (v.copy() if isinstance(v, np.ndarray) else v) for k, v in NAMES.items()},
             "s": s, "CUBE": unit_cube(),
@@ -145,13 +154,22 @@ def namespace(s):
             "ebreq": lambda **c: eb_request(s.n_primitives(), **c),
             "dynreq": lambda **c: dyn_request(s.n_primitives(), **c),
             "tdom": lambda: vk._build_turbid_domain_embree(s, turbid_request())["domain_id"],
+            # A domain over the leaf cube (instance 1), and the workflow's tokens on it.
+            "tdomi": lambda: vk._build_turbid_domain_embree(s, turbid_request(owners=[
+                {"owner_id": 8, "leaf_area_density": 1.0, "leaf_length": 0.05, "instance_id": 1}]))["domain_id"],
+            "tstate": lambda: vk._build_turbid_state_embree(
+                s, {"domain_id": namespace_of(s)["tdomi"](), "rays_per_side": 2})["state"],
+            "tphys": lambda: vk._solve_turbid_physiology_embree(s, {
+                "state": namespace_of(s)["tstate"](), **WORKFLOW_LEAF})["state"],
+            "tfield": lambda: vk._build_turbid_field_embree(
+                s, {"state": namespace_of(s)["tphys"]()})["field"],
             "sums": lambda: vk._simulate_flux_exact(s, 2, 2, 300, 2, 0.7, 0, 4, 3, True),
             "saved": lambda **change: saved_state(s, change)}
 
 
 FILES = tempfile.mkdtemp(prefix="vesk-fuzz-")
 atexit.register(shutil.rmtree, FILES, True)
-NAMES.update(TMP=os.path.join(FILES, "scene.npz"), junk=lambda: junk_file())
+NAMES.update(TMP=os.path.join(FILES, "scene.npz"), junk=lambda: junk_file(), WORKFLOW_LEAF=WORKFLOW_LEAF)
 
 
 def saved_state(s, change):
@@ -238,6 +256,13 @@ vk._build_turbid_domains_embree s:s t:{'domains':[treq()]} | vk._test_turbid_dom
 vk._extend_turbid_samples_embree s:s i:tdom() !i:128 | vk._turbid_domain_revisions_embree s:s i:tdom()
 vk._debug_turbid_domain_samples_embree s:s i:tdom() | vk._debug_turbid_scene_relations_embree s:s
 vk._debug_turbid_residency_embree s:s | vk._set_turbid_commit_failure_embree s:s x:'table_stage'
+vk._build_turbid_state_embree s:s w:{'domain_id':tdomi(),'rays_per_side':2}
+vk._turbid_state_arrays_embree s:s w:tstate() | vk._check_turbid_field_embree s:s w:tfield()
+vk._solve_turbid_physiology_embree s:s w:{'state':tstate(),**WORKFLOW_LEAF}
+vk._build_turbid_field_embree s:s w:{'state':tphys()}
+vk._build_turbid_thermal_source_embree s:s w:{'state':tphys()}
+vk._build_turbid_sif_source_embree s:s w:{'state':tphys(),'grid_dims':[2,2,2]}
+vk.run_turbid_leaf_rrt_cpu s:s w:{'domain_id':tdomi(),'temperature':300.0,'rays_per_side':2}
 vk.execute_energy_balance_process_cpu s:s e:ebreq() | vk.execute_photosynthesis_process_dynamic_cpu s:s d:dynreq()
 vk.finalize_sif_process_cpu s:s g:sifreq() | vk.assemble_sif_source_cpu s:s a:asmreq()
 vk.solve_physiology_vulkan s:s r:req() | vk.execute_photosynthesis_process_static_vulkan s:s q:preq()
@@ -313,6 +338,12 @@ q: preq(absorbed_top=np.zeros((2**31, 0), F)) | preq(temperature_sunlit=np.full(
 q: preq(co2=nan) | preq(co2=1e38) | preq(relative_humidity=-0.0) | preq(max_iterations=2**31)
 q: preq(tolerance=1e-45) | preq(tolerance='small') | preq(quantum_yield=np.full(3, 2.0, F))
 q: preq(vcmax25=None) | preq(jmax25=np.full(3, 1e38, F)) | preq(rd25=np.full(3, -0.0, F))
+w: [] | None | {} | {**V, 'state': None} | {**V, 'state': {**V.get('state', V), 'workflow_stage': 9}}
+w: {**V, 'state': {**V.get('state', V), 'geometry_revision': 0}} | {**V, 'domain_id': 2**64}
+w: {**V, 'state': {**V.get('state', V), 'state_revision': 2**63}} | {**V, 'grid_dims': [0, 2**31, 1]}
+w: {**V, 'rays_per_side': 2**31} | {**V, 'temperature': nan} | {**V, 'co2': np.zeros(3, F)}
+w: {**V, 'theta_bins': 2**31-1, 'phi_bins': 2**31-1} | {**V, 'emissivity': 0.0} | {**V, 'max_depth': -1}
+w: {**V, 'primitive_temperature': np.full(3, inf, F)} | {**V, 'band_widths': np.zeros(2, F)}
 g a: [] | None | {} | V | {**V, 'cell_stride': 4, 'element_phi_f': None}
 g: {**V, 'material_ids': None} | sifreq(element_phi_f=np.zeros(0, F))
 g: sifreq(absorbed_top=np.zeros(20, F)) | sifreq(element_phi_f=np.full(4, 2.0, F))

@@ -130,6 +130,18 @@ def test_turbid_domain_example_extends_and_survives_a_failed_commit(tmp_path):
         assert line in out, out
 
 
+def test_turbid_crowns_sif_example_shows_fluorescent_cool_crowns(tmp_path):
+    out = run_example("turbid_crowns_sif.py", tmp_path).stdout
+    line = out.split("SIF at 740 nm over crowns ")[1].split()
+    crowns, soil = float(line[0].rstrip(",")), float(line[3])
+    assert crowns > 10 * soil and 0.5 < crowns < 20, out  # mW m-2 sr-1 nm-1
+    line = out.split("brightness temperature over crowns ")[1].split()
+    t_crowns, t_soil = float(line[0]), float(line[4])
+    assert 298.0 < t_crowns < t_soil - 3.0, out  # leaves near the air's 300 K, soil 312 K
+    for name in ("turbid_crowns_sif.png", "turbid_crowns_thermal.png"):
+        assert picture(tmp_path / "out" / name).std() > 10
+
+
 def test_fluorescence_example_renders_sif_where_the_leaves_are(tmp_path):
     out = run_example("fluorescence.py", tmp_path).stdout
     sif = float(out.split("seen from above: ")[1].split()[0])

@@ -82,7 +82,8 @@ def test_docstrings_of_the_override_setters():
 def test_cpu_entries_are_registered_in_their_documented_order():
     names = list(vars(vk))
     order = ["simulate_cpu", "simulate_brf_cpu", "simulate_forward_cpu", "simulate_flux_cpu",
-             "run_energy_balance_cpu", "run_energy_balance_multiband_cpu", "solve_physiology_cpu",
+             "run_energy_balance_cpu", "run_energy_balance_multiband_cpu", "run_turbid_leaf_rrt_cpu",
+             "solve_physiology_cpu",
              "execute_photosynthesis_process_static_cpu",
              "execute_photosynthesis_process_dynamic_cpu", "execute_energy_balance_process_cpu",
              "finalize_sif_process_cpu", "assemble_sif_source_cpu"]
