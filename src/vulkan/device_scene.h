@@ -115,6 +115,7 @@ struct VulkanSceneManager::Device {
   Buffer media_table, material_media;   // media.glsl's MediaTable and MaterialMedia
   std::vector<uint32_t> mesh_vertex_counts;
   std::unique_ptr<Program> backward;   // loaded on first use
+  std::unique_ptr<Program> backward_media;
   std::unique_ptr<Program> microwave;  // loaded on first use
 };
 
