@@ -28,7 +28,9 @@ std::vector<uint32_t> media_table_words(const scene::SceneModel& scene) {
   h.n_material_ids = int32_t(scene.material_medium_ids().size());
   h.tile_w = rep.scene_x_size, h.tile_h = rep.scene_y_size;
   h.z_lo = scene.min_height(), h.z_hi = scene.max_height();
-  auto put = [](float* dst, const float3& v) { dst[0] = v.x, dst[1] = v.y, dst[2] = v.z, dst[3] = 0; };
+  auto put = [](float* dst, const float3& v) {
+    dst[0] = v.x, dst[1] = v.y, dst[2] = v.z, dst[3] = 0;
+  };
   put(h.media_lo, mb.media_lo);
   put(h.media_hi, mb.media_hi);
   for (int32_t g = 0; g < mb.n_ghosts; ++g) {
@@ -40,8 +42,11 @@ std::vector<uint32_t> media_table_words(const scene::SceneModel& scene) {
   std::memcpy(words.data(), &h, sizeof(h));
   for (size_t k = 0; k < media.size(); ++k) {
     const OpticalTurbidMediumData& m = media[k];
-    DeviceMedium d{m.leaf_area_density, m.leaf_characteristic_length, m.leaf_angle_type,
-                   m.orientation, m.material_id, {}};
+    DeviceMedium d{};
+    d.leaf_area_density = m.leaf_area_density;
+    d.leaf_characteristic_length = m.leaf_characteristic_length;
+    d.leaf_angle_type = m.leaf_angle_type, d.orientation = m.orientation;
+    d.material_id = m.material_id;
     // The stored rows, never recomputed: the device extinction is the CPU's.
     std::memcpy(d.projection_g, m.projection_g, sizeof(d.projection_g));
     std::memcpy(reinterpret_cast<char*>(words.data()) + sizeof(h) + k * sizeof(d), &d, sizeof(d));
