@@ -12,6 +12,7 @@
 #include "core/optical_products.h"
 #include "core/progress.h"
 #include "core/types.h"
+#include "scene/photon_requests.h"
 #include "scene/scene_model.h"
 
 namespace vesk::microwave {
@@ -99,6 +100,13 @@ class VulkanSceneManager : public scene::SceneModel {
   // [height][width][n_channels].
   std::vector<float> simulate_microwave(const microwave::MicrowaveRequest& q) const;
 
+  // The photon processes of simulate_flux_cpu, simulate_forward_cpu and (with
+  // request.brf_entry) simulate_brf_cpu: the same checks, photons and sums, one device
+  // invocation per photon. Scenes with optical turbid media are refused.
+  scene::FluxResult simulate_flux(const scene::FluxRequest& request, const ProgressFn& progress);
+  scene::ForwardResult simulate_forward_radiation(const scene::ForwardRequest& request,
+                                                  const ProgressFn& progress);
+
   struct Device;  // buffers, structures and programs, kept out of this header
 
  private:
@@ -106,6 +114,15 @@ class VulkanSceneManager : public scene::SceneModel {
   std::string trace_shader_, program_dir_;
   std::unique_ptr<Device> dev_;
   bool populate_soa_ = false;
+
+  void check_photon_scene(const char* entry) const;
+  // Runs photons first_photon .. + num_photons of program (0 flux, 1 forward, 2 BRF)
+  // in dispatches and returns their exact sums in the CPU's units.
+  PhotonSums run_photons(int program, const void* params, size_t fields,
+                         const std::vector<int32_t>& units, const scene::EmissionContext& e,
+                         int64_t first_photon, int64_t num_photons, int32_t max_depth,
+                         const std::vector<float>& layers, const std::vector<float3>& dirs,
+                         const ProgressFn& progress);
 };
 
 }  // namespace vesk::vulkan
