@@ -114,6 +114,14 @@ def test_a_white_furnace_sends_up_all_it_receives(context):
     z = (counts - n / 12.0) / np.sqrt(n / 12.0 * (1 - 1 / 12.0))  # binomial per cell
     assert np.abs(z).max() < 5, f"cells off their share: z = {z.round(2)}"
     assert r["downwelling"].mean() == pytest.approx(cell, rel=1e-6)
+    # A deep limit (never reached here: one bounce, then the sky) makes the device run the
+    # same photons in several smaller dispatches; the fixed-point sums must not notice.
+    calls = []
+    deep = s.simulate_flux(4, 3, n, 1, max_depth=2000, rr_depth=16,
+                           progress=lambda *a: calls.append(a[0]))
+    assert len(calls) > 1, "the deep run should take several dispatches"
+    for k in ("downwelling", "upwelling"):
+        assert np.array_equal(deep[k], r[k]), f"{k} depends on the dispatch size"
 
 
 @pytest.mark.parametrize("call, error, message", [
