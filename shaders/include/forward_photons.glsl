@@ -63,9 +63,20 @@ void rec_surface(Photon p, Hit hit, vec3 f0, vec3 f1, vec3 f2, vec3 wo) {
     for (int b = 0; b < P.bands && !any; ++b)
       any = evaluate_material(m.type, m.spectral_offset, b, wo, vl, P.bands, hit.back_face, false) > 0.0;
     if (!any) continue;
+    double c = double(abs(vl.z));
+#ifdef PHOTON_MEDIA
+    // Through the media towards the observer; at the photon's first event the way out
+    // shares leaves with the way in (the hot spot). A leaf collision (no primitive) is on
+    // no surface: its ray starts at the point itself.
+    bool leaf_in_medium = hit.primitive_id < 0;
+    vec3 o = leaf_in_medium ? hit.position : offset_origin(hit.position, hit.geometric_normal, v);
+    c *= shadow_transmittance(o, v, ph_media, !ph_scattered, ph_first, -ph_first_direction,
+                              leaf_in_medium ? START_POINT : START_SURFACE);
+    if (!(c > 0.0LF)) continue;
+#else
     vec3 o = offset_origin(hit.position, hit.geometric_normal, v);
     if (shadowed_repetitive(o, v)) continue;
-    double c = double(abs(vl.z));
+#endif
     for (int b = 0; b < P.bands; ++b) {
       float f = evaluate_material(m.type, m.spectral_offset, b, wo, vl, P.bands, hit.back_face, false);
       sums_add(P.f_brf + uint(d * P.bands + b), b, tp(b) * p.weight * double(f) * c);

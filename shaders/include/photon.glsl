@@ -15,6 +15,12 @@ layout(std430, set = 0, binding = 7) readonly buffer Spectral { float spectral[]
 #include "rng.glsl"
 #include "tile.glsl"
 #include "grid.glsl"
+#ifdef PHOTON_MEDIA
+// Bindings 13 and 14 are the forward program's layers and directions.
+#define MEDIA_TABLE_BINDING 15
+#define MEDIA_MATERIAL_BINDING 16
+#include "media.glsl"
+#endif
 
 layout(std430, set = 0, binding = 6) readonly buffer Materials { Material materials[]; };
 struct PhotonParams {
@@ -63,6 +69,14 @@ struct Photon {
 };
 
 uint tp_base, before_base;  // this invocation's throughput slices in scratch
+#ifdef PHOTON_MEDIA
+// The photon's media (Photon::media, first_order, first_direction, scattered): the media
+// it is in, those of its first leg with the length run in each, that leg's direction,
+// and whether it has scattered yet.
+ActiveMediumList ph_media, ph_first;
+vec3 ph_first_direction;
+bool ph_scattered;
+#endif
 
 void rec_entered(Photon p);
 void rec_surface(Photon p, Hit hit, vec3 f0, vec3 f1, vec3 f2, vec3 wo);
@@ -252,6 +266,133 @@ bool scatter_photon(Material m, Hit hit, int depth, inout Rng rng, inout Photon 
   return true;
 }
 
+#ifdef PHOTON_MEDIA
+// The walk in a scene with optical turbid media (embree::walk_photon_in_media): a free
+// path in the media the photon is in competes with the surface hit and the tile border at
+// every segment; bounding surfaces are crossed without scattering. Each walk function has
+// one call site (a driver may expand every ray query site into a traversal of its own), so
+// the media are rescanned at the top of the loop and a surface and a leaf share the event.
+void walk_photon(inout Rng rng, inout Photon p) {
+  int depth = 0, crossings = 0, boundary_crossings = 0;
+  bool entered = p.repetitive;
+  if (p.repetitive) {
+    p.origin.x = settle_into(p.origin.x, P.tile_w);
+    p.origin.y = settle_into(p.origin.y, P.tile_h);
+    rec_entered(p);
+  }
+  vec3 o = p.origin;
+  ph_media = empty_medium_list();
+  ph_first = empty_medium_list();
+  ph_first_direction = p.direction;
+  ph_scattered = false;
+  // The media around the origin, when it lies in the scene box; the first leg starts with
+  // all of them.
+  bool rescan = o.z <= P.hi_z && o.z >= P.lo_z &&
+                (p.repetitive || (o.x >= P.lo_x && o.x <= P.hi_x && o.y >= P.lo_y && o.y <= P.hi_y));
+  vec3 scan_from = o;
+  bool merge = true;
+  int start = START_SURFACE;
+  while (depth < P.max_depth) {
+    if (rescan) {
+      media_at_point(scan_from, p.direction, ph_media);
+      rescan = false;
+      if (merge && !merge_first_order(ph_media, ph_first)) {
+        rec_lost(p);
+        return;
+      }
+    }
+    Segment seg = next_segment(p.origin, p.direction, crossings, ph_media.count > 0, start);
+    start = START_SURFACE;
+    FreePath fp = FreePath(LARGEST_FLOAT, 0.0, -1, -1);
+    if (ph_media.count > 0)
+      fp = sample_combined_free_path(ph_media.medium_id, ph_media.count, p.direction,
+                                     rng_float(rng), 0.0);
+    bool collides = fp.sigma_total > 0.0 && fp.distance < seg.bound;
+    if (!entered) {
+      if (!collides && !seg.hit.hit && !crosses_floor(p.origin, p.direction)) return;
+      rec_entered(p);
+      entered = true;
+    }
+    // Before the first scattering, the length run in each medium feeds the hot spot.
+    float run = collides ? fp.distance : seg.bound;
+    if (!ph_scattered)
+      for (int k = 0; k < ph_media.count; ++k) {
+        int j = list_find(ph_first, ph_media.medium_id[k], ph_media.instance_key[k]);
+        if (j >= 0) ph_first.primary_distance[j] += run;
+      }
+    Hit event;
+    bool leaf = false;
+    if (collides) {
+      int slot = select_medium_slot(ph_media.medium_id, ph_media.count, p.direction,
+                                    fp.sigma_total, rng_float(rng));
+      int medium = ph_media.medium_id[slot];
+      int material = medium >= 0 && medium < MS.n_media ? media[medium].material_id : -1;
+      if (material < 0 || material >= materials.length()) {
+        rec_lost(p);
+        return;
+      }
+      bool back;
+      vec3 n = sample_leaf_normal(media[medium].leaf_angle_type, p.direction, rng, back);
+      event.t = fp.distance;
+      event.position = p.origin + fp.distance * p.direction;
+      event.shading_normal = event.geometric_normal = n;
+      event.material_id = material;
+      event.local_primitive = event.primitive_id = -1;
+      event.instance_id = int(instance_of_key(ph_media.instance_key[slot]));
+      event.hit = true;
+      event.back_face = back;
+      leaf = true;
+    } else {
+      if (seg.at_border) {
+        cross_tile(P.tile_w, P.tile_h, seg.axis, seg.border, p.direction, p.origin);
+        ++crossings;
+        start = START_WALL;
+        rescan = true;
+        scan_from = p.origin + MEDIUM_STEP * p.direction;
+        merge = true;
+        continue;
+      }
+      if (!seg.hit.hit) {
+        rec_escaped(p, depth);
+        return;
+      }
+      event = seg.hit;
+      int medium = medium_of(event);
+      if (medium >= 0) {
+        // A bounding surface: enter or leave, and go on unchanged from the boundary.
+        if (++boundary_crossings > MAX_MEDIUM_CROSSINGS) {
+          rec_lost(p);
+          return;
+        }
+        p.origin = event.position;
+        start = START_BOUNDARY;
+        if (MS.n_ghosts > 0) {
+          rescan = true;
+          scan_from = p.origin + MEDIUM_STEP * p.direction;
+          merge = !ph_scattered;
+        } else if (!toggle_boundary(event, medium, ph_media, ph_first, !ph_scattered)) {
+          rec_lost(p);
+          return;
+        }
+        continue;
+      }
+    }
+    if (!scatter_photon(materials[event.material_id], event, depth, rng, p)) return;
+    ph_scattered = true;
+    ++depth;
+    if (leaf) {
+      // The next leg starts at the collision itself: a step along it could carry the
+      // photon over a bounding surface (or the ground) unseen.
+      p.origin = event.position;
+    } else {
+      p.origin = offset_origin(event.position, event.geometric_normal, p.direction);
+      media_after_surface(event.position, p.origin, p.direction, ph_media);
+    }
+    start = START_POINT;
+  }
+  rec_lost(p);
+}
+#else
 // The walk of an emitted photon (embree::walk_photon, without media).
 void walk_photon(inout Rng rng, inout Photon p) {
   int depth = 0, crossings = 0;
@@ -292,6 +433,8 @@ void walk_photon(inout Rng rng, inout Photon p) {
   }
   rec_lost(p);
 }
+
+#endif
 
 // This invocation's photon: false past the end of the dispatch. Sets up the scratch
 // slices and the generator of the global index.

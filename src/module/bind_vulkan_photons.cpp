@@ -28,7 +28,7 @@ void bind_vulkan_photons(py::module_& m) {
       "photon. Sums are exact fixed-point counts, so they do not depend on how photons fall\n"
       "on dispatches; they agree with the CPU's to float rounding. progress(done, total,\n"
       "elapsed_ms) runs between dispatches. '_execution' names the trace path, as\n"
-      "'vulkan.ray_query.optical_flux'. Scenes with optical turbid media are refused.");
+      "'vulkan.ray_query.optical_flux'. Optical turbid media are followed as on the CPU.");
   cls.def(
       "simulate_forward_radiation",
       [](VulkanSceneManager& s, int32_t nx, int32_t ny, const py::object& layer_heights,
@@ -50,8 +50,8 @@ void bind_vulkan_photons(py::module_& m) {
       "cell, per leaf and on the terrain, incident, escaped, transmitted, truncated, albedo\n"
       "and the BRF towards brf_directions, through the repeated tiles. Same photons,\n"
       "arguments and dict as the CPU entry; exact fixed-point sums, equal to the CPU's to\n"
-      "float rounding. '_execution' as 'vulkan.ray_query.optical_forward'. Scenes with\n"
-      "optical turbid media are refused.");
+      "float rounding. '_execution' as 'vulkan.ray_query.optical_forward'. Optical turbid\n"
+      "media are followed as on the CPU, with the hot spot in the BRF estimates.");
   cls.def(
       "simulate_brf",
       [](VulkanSceneManager& s, const FloatArray& directions, int64_t num_photons,
@@ -65,7 +65,7 @@ void bind_vulkan_photons(py::module_& m) {
       "The BRF of simulate_brf_cpu on the device: forward photons under the sun and sky with\n"
       "the local estimate towards each direction (flat float3, upward). Returns 'brf'\n"
       "(n_directions, bands), 'albedo', 'incident', 'escaped' and '_execution' (as\n"
-      "'vulkan.ray_query.optical_brf'). Scenes with optical turbid media are refused.");
+      "'vulkan.ray_query.optical_brf'). Optical turbid media are followed as on the CPU.");
 }
 
 }  // namespace vesk::module

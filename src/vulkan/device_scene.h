@@ -117,7 +117,8 @@ struct VulkanSceneManager::Device {
   std::unique_ptr<Program> backward;   // loaded on first use
   std::unique_ptr<Program> backward_media;
   std::unique_ptr<Program> microwave;  // loaded on first use
-  std::unique_ptr<Program> photons[3];  // flux, forward, BRF; loaded on first use
+  // flux, forward, BRF, and flux and forward with media; loaded on first use
+  std::unique_ptr<Program> photons[5];
 };
 
 }  // namespace vesk::vulkan

@@ -104,10 +104,6 @@ void VulkanSceneManager::check_photon_scene(const char* entry) const {
   if (running_ > 0)
     throw std::runtime_error(std::string(entry) +
                              ": a simulation is already running on this scene");
-  if (has_optical_media())
-    throw std::invalid_argument(std::string(entry) +
-                                ": the Vulkan tracer does not follow optical turbid media; "
-                                "trace scenes with media with " + entry + "_cpu");
   for (const InstanceInfo& info : instance_info_) {
     const MaterialType t = materials_[size_t(info.material_id)].type;
     if (t != MaterialType::Diffuse && t != MaterialType::Rpv &&
@@ -129,7 +125,12 @@ PhotonSums VulkanSceneManager::run_photons(int program, const void* params_block
                                            int32_t max_depth, const std::vector<float>& layers,
                                            const std::vector<float3>& dirs,
                                            const ProgressFn& progress) {
-  static const char* const names[3] = {"flux.spv", "forward.spv", "brf.spv"};
+  // Scenes with media take the programs with the media walk; the BRF entry runs the
+  // forward one without grids there.
+  static const char* const names[5] = {"flux.spv", "forward.spv", "brf.spv", "flux_media.spv",
+                                       "forward_media.spv"};
+  const bool with_media = has_optical_media();
+  if (with_media) program = program == 0 ? 3 : 4;
   const int32_t bands = e.n_bands;
   const uint32_t batch = photons_per_dispatch(max_depth, bands);
   ++running_;
@@ -171,11 +172,16 @@ PhotonSums VulkanSceneManager::run_photons(int program, const void* params_block
   if (!slot)
     slot = std::make_unique<Program>(
         context_, resolve_program(names[program], program_dir_),
-        std::vector<VkDescriptorType>{VK_DESCRIPTOR_TYPE_ACCELERATION_STRUCTURE_KHR, SB, SB, SB,
-                                      SB, SB, SB, SB, SB, SB, SB, SB, SB, SB, SB},
+        [&] {
+          std::vector<VkDescriptorType> types(with_media ? 17 : 15, SB);
+          types[0] = VK_DESCRIPTOR_TYPE_ACCELERATION_STRUCTURE_KHR;
+          return types;
+        }(),
         uint32_t(sizeof(Push)));
   Program& prog = *slot;
+  if (with_media) dev_->prepare_media(*this);
   dev_->bind_scene(prog);
+  if (with_media) dev_->bind_media(prog, 15);
   prog.bind(6, mat_buf);
   prog.bind(7, spectral_buf);
   prog.bind(8, param_buf);

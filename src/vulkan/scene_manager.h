@@ -102,7 +102,7 @@ class VulkanSceneManager : public scene::SceneModel {
 
   // The photon processes of simulate_flux_cpu, simulate_forward_cpu and (with
   // request.brf_entry) simulate_brf_cpu: the same checks, photons and sums, one device
-  // invocation per photon. Scenes with optical turbid media are refused.
+  // invocation per photon, through optical turbid media where the scene has them.
   scene::FluxResult simulate_flux(const scene::FluxRequest& request, const ProgressFn& progress);
   scene::ForwardResult simulate_forward_radiation(const scene::ForwardRequest& request,
                                                   const ProgressFn& progress);
@@ -116,8 +116,8 @@ class VulkanSceneManager : public scene::SceneModel {
   bool populate_soa_ = false;
 
   void check_photon_scene(const char* entry) const;
-  // Runs photons first_photon .. + num_photons of program (0 flux, 1 forward, 2 BRF)
-  // in dispatches and returns their exact sums in the CPU's units.
+  // Runs photons first_photon .. + num_photons of program (0 flux, 1 forward, 2 BRF;
+  // the media forms where the scene has media) in dispatches and returns their exact sums in the CPU's units.
   PhotonSums run_photons(int program, const void* params, size_t fields,
                          const std::vector<int32_t>& units, const scene::EmissionContext& e,
                          int64_t first_photon, int64_t num_photons, int32_t max_depth,
