@@ -1,9 +1,11 @@
 """Vulkan backend benchmark on the benchmark canopy (bench_util.build_canopy: 240k
 instanced leaf triangles over a ground, repeated tiles, sun and sky): closest-hit rays/s
-of trace_closest and samples/s of simulate_backward on the first ranked Vulkan device
-(and samples/s of simulate_backward through a turbid leaf layer, build_turbid_layer),
+of trace_closest, samples/s of simulate_backward (also through a turbid leaf layer,
+build_turbid_layer) and photons/s of simulate_flux, simulate_forward_radiation and
+simulate_brf on the first ranked Vulkan device,
 on each trace path it offers (ray queries, ray-tracing pipelines), against the CPU
-scene's trace_closest (one thread) and simulate_cpu (every thread) on the same scene in
+scene's trace_closest (one thread), simulate_cpu and the photon entries (every thread:
+simulate_flux_cpu, simulate_forward_cpu, simulate_brf_cpu) on the same scene in
 the same run. Runs are interleaved (CPU, then each path, repeated), and each figure is the
 median of the repeats with its spread (min and max) beside it; the ratios are medians of
 the per-round ratios.
@@ -29,6 +31,30 @@ def seconds(fn):
     t = time.perf_counter()
     fn()
     return time.perf_counter() - t
+
+
+# The photon processes: (CPU entry, Vulkan method, arguments after the scene).
+BRF_DIRS = np.array([0, 0, 1, 0.5, 0, 0.85], np.float32)
+PHOTON_RUNS = {
+    "flux": ("simulate_flux_cpu", "simulate_flux",
+             lambda n: dict(nx=16, ny=16, num_photons=n, num_bands=1, prob_sun=0.7)),
+    "forward": ("simulate_forward_cpu", "simulate_forward_radiation",
+                lambda n: dict(nx=16, ny=16, num_photons=n, prob_sun=0.7)),
+    "brf": ("simulate_brf_cpu", "simulate_brf",
+            lambda n: dict(directions=BRF_DIRS, num_photons=n)),
+}
+
+
+def photon_runs(vk, cpu, scenes, photons):
+    """Runs of every photon process on the CPU and on each path, and their work units."""
+    runs, work = {}, {}
+    for kind, (cpu_entry, method, kwargs) in PHOTON_RUNS.items():
+        runs[kind] = {"cpu": lambda e=getattr(vk, cpu_entry), k=kwargs(photons): e(cpu, **k)}
+        for p, (_, scene, _) in scenes.items():
+            getattr(scene, method)(**kwargs(64))  # the program compiled outside the timing
+            runs[kind][p] = lambda m=getattr(scene, method), k=kwargs(photons): m(**k)
+        work[kind] = (photons, "photons/s", f"{kind}_photons_per_s")
+    return runs, work
 
 
 def build_turbid_layer(vk, scene):
@@ -69,6 +95,7 @@ def main():
     ap.add_argument("--sampler-budget", type=int, default=16384)
     ap.add_argument("--only-elements", action="store_true",
                     help="only the element processes and the sampler")
+    ap.add_argument("--photons", type=int, default=20_000)
     args = ap.parse_args()
     sys.path.insert(0, f"{args.build}/python")
     vk = importlib.import_module("vesk_gpu")
@@ -112,6 +139,8 @@ def main():
         runs["trace"][p] = lambda s=scene: s.trace_closest(origins, dirs)
         runs["backward"][p] = lambda s=scene: s.simulate_backward(args.spp, args.max_depth)
         runs["backward_media"][p] = lambda s=layer: s.simulate_backward(args.spp, args.max_depth)
+    more_runs, photon_work = photon_runs(vk, cpu, scenes, args.photons)
+    runs.update(more_runs)
     times = {k: {n: [] for n in v} for k, v in runs.items()}
     for _ in range(args.repeat):
         for kind, fns in runs.items():
@@ -120,7 +149,8 @@ def main():
 
     work = {"trace": (args.rays, "rays/s", "trace_closest_rays_per_s"),
             "backward": (samples, "samples/s", "backward_samples_per_s"),
-            "backward_media": (layer_samples, "samples/s", "backward_media_samples_per_s")}
+            "backward_media": (layer_samples, "samples/s", "backward_media_samples_per_s"),
+            **photon_work}
     for kind, per in times.items():
         n, unit, figure = work[kind]
         for name, ts in per.items():
@@ -130,7 +160,8 @@ def main():
                  device=device if name != "cpu" else
                  ("calling thread" if kind == "trace" else "every CPU thread"),
                  repeats=args.repeat, **({"spp": args.spp, "max_depth": args.max_depth}
-                                         if kind.startswith("backward") else {"rays": args.rays}))
+                                         if kind.startswith("backward") else {"rays": args.rays}
+                                         if kind == "trace" else {"photons": n}))
         for name in per:
             if name == "cpu":
                 continue

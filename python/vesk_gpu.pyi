@@ -552,6 +552,28 @@ class VulkanSceneManager:
         dict as simulate_cpu's; '_execution' names the trace path, as
         'vulkan.ray_query.optical_backward' or 'vulkan.ray_pipeline.optical_backward'.
         """
+    def simulate_brf(self: VulkanSceneManager, directions: numpy.typing.NDArray[numpy.float32], num_photons: int, max_depth: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., first_photon: int = ...) -> dict:
+        """The BRF of simulate_brf_cpu on the device: forward photons under the sun and sky with
+        the local estimate towards each direction (flat float3, upward). Returns 'brf'
+        (n_directions, bands), 'albedo', 'incident', 'escaped' and '_execution' (as
+        'vulkan.ray_query.optical_brf'). Optical turbid media are followed as on the CPU.
+        """
+    def simulate_flux(self: VulkanSceneManager, nx: int, ny: int, num_photons: int, num_bands: int, prob_sun: float = ..., max_bounces: int = ..., max_depth: int = ..., rr_depth: int = ..., decompose: bool = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., first_photon: int = ...) -> dict:
+        """Hemispheric flux grids of simulate_flux_cpu on the device: the same photons (the
+        generator of each global photon index), grid, arguments and dict, one invocation per
+        photon. Sums are exact fixed-point counts, so they do not depend on how photons fall
+        on dispatches; they agree with the CPU's to float rounding. progress(done, total,
+        elapsed_ms) runs between dispatches. '_execution' names the trace path, as
+        'vulkan.ray_query.optical_flux'. Optical turbid media are followed as on the CPU.
+        """
+    def simulate_forward_radiation(self: VulkanSceneManager, nx: int = ..., ny: int = ..., layer_heights: object = ..., num_photons: int = ..., num_bands: int = ..., per_leaf: bool = ..., brf_directions: object = ..., num_brf_dirs: int = ..., prob_sun: float = ..., max_depth: int = ..., terrain_instance_id: int = ..., progress: Optional[Callable[[int, int, float], Any]] = ..., first_photon: int = ...) -> dict:
+        """Forward photons of simulate_forward_cpu on the device: absorption by layered grid
+        cell, per leaf and on the terrain, incident, escaped, transmitted, truncated, albedo
+        and the BRF towards brf_directions, through the repeated tiles. Same photons,
+        arguments and dict as the CPU entry; exact fixed-point sums, equal to the CPU's to
+        float rounding. '_execution' as 'vulkan.ray_query.optical_forward'. Optical turbid
+        media are followed as on the CPU, with the hot spot in the BRF estimates.
+        """
     def simulate_microwave(self: VulkanSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., include_atmosphere: bool = ..., atm_tau: float = ..., air_temperature: float = ..., max_depth: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:
         """Passive microwave image: brightness temperature (K), float32 [height, width,
         n_channels], one ray through each pixel centre. n_channels 1: (T_H + T_V) / 2;

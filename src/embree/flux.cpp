@@ -18,25 +18,11 @@
 
 namespace vesk::embree {
 
-void validate_photon_range(int64_t first, int64_t n, const char* what) {
-  if (first < 0 || first % PHOTON_CHUNK != 0)
-    throw std::invalid_argument(std::string(what) + ": first_photon must be a non-negative "
-                                "multiple of " + std::to_string(PHOTON_CHUNK));
-  if (n > std::numeric_limits<int64_t>::max() - first)
-    throw std::invalid_argument(std::string(what) +
-                                ": first_photon + num_photons must not exceed 2^63 - 1");
-}
+using scene::FluxFields;
+using scene::FluxSetup;
+using scene::setup_flux;
 
 namespace {
-
-// Where each grid lies in the flat sums.
-struct FluxFields {
-  size_t cells, down, up, direct, diffuse, total;
-  explicit FluxFields(const FluxRequest& q)
-      : cells(size_t(q.nx) * size_t(q.ny) * size_t(q.num_bands)),
-        down(0), up(cells), direct(2 * cells), diffuse(3 * cells),
-        total((q.decompose ? 4 : 2) * cells) {}
-};
 
 // Charges surface events to the cell under them, per the photon's path state.
 struct FluxRecorder {
@@ -81,46 +67,11 @@ struct FluxRecorder {
   void lost(const Photon&) {}
 };
 
-// What trace and finish share: the checked request, the tile and the emission.
-struct FluxSetup {
-  float W, H;
-  EmissionContext emission;
-  std::vector<int32_t> unit_exponents;
-};
-
-FluxSetup setup_flux(const EmbreeSceneManager& scene, const FluxRequest& q) {
-  const int32_t nx = q.nx, ny = q.ny, num_bands = q.num_bands;
-  if (nx < 1 || ny < 1 || num_bands < 1)
-    throw std::invalid_argument("flux grid dimensions and band count must be positive");
-  if (int64_t(nx) * ny > 2147483647 || int64_t(nx) * ny * num_bands > 2147483647)
-    throw std::overflow_error("flux grid element count exceeds signed device index range");
-  if (q.num_photons < 1) throw std::invalid_argument("Embree flux photon count must be positive");
-  validate_photon_range(q.first_photon, q.num_photons, "simulate_flux_cpu");
-  if (!(q.prob_sun >= 0.0f && q.prob_sun <= 1.0f))
-    throw std::invalid_argument("prob_sun must lie in [0, 1]");
-  validate_optical_scene(scene, num_bands);
-
-  const Repetition& rep = scene.repetition();
-  const bool tile = rep.scene_x_size > 0.0f && rep.scene_y_size > 0.0f;
-  FluxSetup s;
-  s.W = tile ? rep.scene_x_size : scene.sensor().ortho_width;
-  s.H = tile ? rep.scene_y_size : scene.sensor().ortho_height;
-  if (!(s.W >= 1.1754944e-38f) || !(s.H >= 1.1754944e-38f) || !std::isfinite(s.W) ||
-      !std::isfinite(s.H))
-    throw std::invalid_argument("flux scene extent must be at least the minimum normalized float");
-  s.emission = EmissionContext::from_scene(scene, num_bands, q.prob_sun,
-                                           double(s.W) * double(s.H));
-  std::vector<double> bounds(static_cast<size_t>(num_bands));
-  for (int32_t b = 0; b < num_bands; ++b) bounds[size_t(b)] = emitted_energy_bound(s.emission, b);
-  s.unit_exponents = unit_exponents_for(bounds);
-  return s;
-}
-
 }  // namespace
 
 PhotonSums trace_flux(const EmbreeSceneManager& scene, const FluxRequest& q,
                       const ProgressFn& progress) {
-  const FluxSetup setup = setup_flux(scene, q);
+  const FluxSetup setup = setup_flux(scene, q, "simulate_flux_cpu");
   const EmbreeSceneManager::RunGuard read_only(scene);
   const int32_t max_depth = max_depth_from_env(q.max_depth, "[CPU flux]");
   const int32_t nx = q.nx, ny = q.ny, num_bands = q.num_bands;
@@ -182,26 +133,7 @@ PhotonSums trace_flux(const EmbreeSceneManager& scene, const FluxRequest& q,
 
 FluxResult finish_flux(const EmbreeSceneManager& scene, const FluxRequest& q,
                        const PhotonSums& sums) {
-  const FluxSetup setup = setup_flux(scene, q);
-  const FluxFields fields(q);
-  if (sums.values.size() != fields.total || sums.unit_exponents != setup.unit_exponents)
-    throw std::invalid_argument("photon sums of another request or scene cannot finish this one");
-  if (sums.first_photon != q.first_photon || sums.photons != q.num_photons)
-    throw std::invalid_argument("photon sums must cover the photons of the request");
-  FluxResult r;
-  r.nx = q.nx, r.ny = q.ny, r.num_bands = q.num_bands, r.decompose = q.decompose;
-  const double n = double(q.num_photons);
-  auto grid = [&](size_t field) {
-    std::vector<float> out(fields.cells);
-    for (size_t i = 0; i < fields.cells; ++i) out[i] = float(sums.energy(field + i) / n);
-    return out;
-  };
-  r.downwelling = grid(fields.down);
-  r.upwelling = grid(fields.up);
-  if (q.decompose) {
-    r.downwelling_direct = grid(fields.direct);
-    r.downwelling_diffuse = grid(fields.diffuse);
-  }
+  FluxResult r = scene::finish_flux_sums(scene, q, sums, "simulate_flux_cpu");
   r.execution = {BACKEND_EMBREE, WORKFLOW_OPTICAL_FLUX, "embree.cpu.optical_flux", true};
   return r;
 }

@@ -17,35 +17,13 @@
 #include "embree/photon.h"
 
 namespace vesk::embree {
+
+using scene::ForwardFields;
+using scene::ForwardSetup;
+using scene::forward_fields;
+using scene::setup_forward;
+
 namespace {
-
-// Where each field lies in the flat sums; all are band fastest.
-struct ForwardFields {
-  size_t grid, direct, diffuse, leaf, terrain, brf, incident_cells, incident, escaped,
-      transmitted, outside, truncated, total;
-  size_t n_grid, n_cells, n_leaf, n_brf, n_columns;
-};
-
-ForwardFields forward_fields(const EmbreeSceneManager& scene, const ForwardRequest& r) {
-  const bool grids = !r.brf_entry;
-  const size_t bands = size_t(r.num_bands);
-  const size_t nz = r.layer_heights.empty() ? 1 : r.layer_heights.size() - 1;
-  ForwardFields f{};
-  f.n_grid = grids ? size_t(r.nx) * size_t(r.ny) * nz * bands : 0;
-  f.n_cells = grids && r.terrain_instance_id >= 0 ? size_t(r.nx) * size_t(r.ny) * bands : 0;
-  f.n_leaf = r.per_leaf ? scene.n_primitives() * bands : 0;
-  f.n_brf = r.brf_directions.size() * bands;
-  f.n_columns = grids ? size_t(r.nx) * size_t(r.ny) * bands : 0;
-  size_t at = 0;
-  auto take = [&](size_t n) { const size_t here = at; at += n; return here; };
-  f.grid = take(f.n_grid), f.direct = take(f.n_grid), f.diffuse = take(f.n_grid);
-  f.leaf = take(f.n_leaf), f.terrain = take(f.n_cells), f.brf = take(f.n_brf);
-  f.incident_cells = take(f.n_columns);
-  f.incident = take(bands), f.escaped = take(bands), f.transmitted = take(bands);
-  f.outside = take(bands), f.truncated = take(bands);
-  f.total = at;
-  return f;
-}
 
 struct ForwardLayout {
   int32_t nx, ny, nz, bands;
@@ -178,78 +156,12 @@ struct ForwardRecorder {
   }
 };
 
-void validate(const EmbreeSceneManager& scene, const ForwardRequest& r) {
-  if (r.brf_entry) {
-    if (r.num_photons < 1 || r.max_depth < 1)
-      throw std::invalid_argument("BRF photon count and maximum depth must be positive");
-  } else {
-    if (r.nx < 1 || r.ny < 1 || r.num_bands < 1)
-      throw std::invalid_argument("forward grid dimensions and band count must be positive");
-    if (r.num_photons < 1) throw std::invalid_argument("forward photon count must be positive");
-  }
-  const std::vector<float>& h = r.layer_heights;
-  bool layers_ok = h.size() != 1;
-  for (size_t i = 0; i < h.size(); ++i)
-    layers_ok &= std::isfinite(h[i]) && (i == 0 || h[i] > h[i - 1]);
-  if (!layers_ok)
-    throw std::invalid_argument(
-        "layer_heights must hold at least two finite, strictly increasing boundaries");
-  const int64_t nz = h.empty() ? 1 : int64_t(h.size()) - 1;
-  if (int64_t(r.nx) * r.ny * nz * r.num_bands > 2147483647)
-    throw std::overflow_error("forward grid element count exceeds signed device index range");
-  if (!(r.prob_sun >= 0.0f && r.prob_sun <= 1.0f))
-    throw std::invalid_argument("prob_sun must lie in [0, 1]");
-  if (r.terrain_instance_id < -1 || r.terrain_instance_id >= scene.num_instances())
-    throw std::out_of_range("terrain_instance_id " + std::to_string(r.terrain_instance_id) +
-                            " is outside [-1, " + std::to_string(scene.num_instances()) + ")");
-  for (const float3& d : r.brf_directions) {
-    if (!(dot(d, d) > 0.0f) || !std::isfinite(dot(d, d)))
-      throw std::invalid_argument("BRF observation directions must be nonzero");
-    if (!(d.z > 0.0f)) throw std::invalid_argument("BRF observation directions must point upward");
-  }
-  validate_optical_scene(scene, r.num_bands);
-}
-
-// What trace and finish share: the grid's placement, the emission and the units.
-struct ForwardSetup {
-  float gx0, gy0, gw, gh;
-  bool periodic = false;
-  float entry_z = 0.0f;
-  EmissionContext emission;
-  std::vector<int32_t> unit_exponents;
-  std::vector<float3> dirs;  // normalised
-};
-
-ForwardSetup setup_forward(const EmbreeSceneManager& scene, const ForwardRequest& req) {
-  validate(scene, req);
-  validate_photon_range(req.first_photon, req.num_photons,
-                        req.brf_entry ? "simulate_brf_cpu" : "simulate_forward_cpu");
-  ForwardSetup s;
-  // The grid covers the tile of a repeated scene, else the scene box.
-  const Repetition& rep = scene.repetition();
-  const bool tile = rep.scene_x_size > 0.0f && rep.scene_y_size > 0.0f;
-  const auto [lo, hi] = scene.aabb();
-  s.gx0 = tile ? 0.0f : lo.x, s.gy0 = tile ? 0.0f : lo.y;
-  s.gw = tile ? rep.scene_x_size : hi.x - lo.x, s.gh = tile ? rep.scene_y_size : hi.y - lo.y;
-  // Photons start over the tile, or through the faces of the box (scaled to its top).
-  const bool repetitive = rep.num_repetitions > 0 && tile;
-  s.periodic = repetitive;
-  s.entry_z = repetitive ? scene.measurement_plane_height() : hi.z;
-  const double area = repetitive ? double(rep.scene_x_size) * double(rep.scene_y_size)
-                                 : double(hi.x - lo.x) * double(hi.y - lo.y);
-  s.emission = EmissionContext::from_scene(scene, req.num_bands, req.prob_sun, area);
-  std::vector<double> bounds(static_cast<size_t>(req.num_bands));
-  for (int32_t b = 0; b < req.num_bands; ++b) bounds[size_t(b)] = emitted_energy_bound(s.emission, b);
-  s.unit_exponents = unit_exponents_for(bounds);
-  for (const float3& d : req.brf_directions) s.dirs.push_back(normalize(d));
-  return s;
-}
-
 }  // namespace
 
 PhotonSums trace_forward(const EmbreeSceneManager& scene, const ForwardRequest& req,
                          const ProgressFn& progress) {
-  const ForwardSetup setup = setup_forward(scene, req);
+  const ForwardSetup setup =
+      setup_forward(scene, req, req.brf_entry ? "simulate_brf_cpu" : "simulate_forward_cpu");
   const EmbreeSceneManager::RunGuard read_only(scene);
   const int32_t max_depth = max_depth_from_env(req.max_depth, "[CPU fwd]");
   const int32_t threads = resolve_thread_count(req.threads);
@@ -315,59 +227,8 @@ PhotonSums trace_forward(const EmbreeSceneManager& scene, const ForwardRequest& 
 
 ForwardResult finish_forward(const EmbreeSceneManager& scene, const ForwardRequest& req,
                              const PhotonSums& sums) {
-  const ForwardSetup setup = setup_forward(scene, req);
-  const ForwardFields F = forward_fields(scene, req);
-  if (sums.values.size() != F.total || sums.unit_exponents != setup.unit_exponents)
-    throw std::invalid_argument("photon sums of another request or scene cannot finish this one");
-  if (sums.first_photon != req.first_photon || sums.photons != req.num_photons)
-    throw std::invalid_argument("photon sums must cover the photons of the request");
-  const int32_t bands = req.num_bands;
-  const double n = double(req.num_photons);
-  // Totals per photon, in double; outputs are narrowed once from these.
-  auto field = [&](size_t at, size_t count) {
-    std::vector<double> out(count);
-    for (size_t i = 0; i < count; ++i) out[i] = sums.energy(at + i) / n;
-    return out;
-  };
-  auto narrow = [](const std::vector<double>& v) { return std::vector<float>(v.begin(), v.end()); };
-
-  ForwardResult r;
-  r.nx = req.nx, r.ny = req.ny, r.bands = bands;
-  r.nz = req.layer_heights.empty() ? 1 : int32_t(req.layer_heights.size()) - 1;
-  r.n_directions = int32_t(setup.dirs.size());
-  r.has_grid = !req.brf_entry;
-  r.has_leaf = req.per_leaf;
-  r.has_terrain = r.has_grid && req.terrain_instance_id >= 0;
-  r.has_brf = !setup.dirs.empty();
-  const std::vector<double> incident = field(F.incident, size_t(bands));
-  const std::vector<double> escaped = field(F.escaped, size_t(bands));
-  if (r.has_grid) {
-    r.grid = narrow(field(F.grid, F.n_grid));
-    r.grid_direct = narrow(field(F.direct, F.n_grid));
-    r.grid_diffuse = narrow(field(F.diffuse, F.n_grid));
-    r.incident_grid = narrow(field(F.incident_cells, F.n_columns));
-  }
-  if (r.has_leaf) r.leaf = narrow(field(F.leaf, F.n_leaf));
-  if (r.has_terrain) r.terrain = narrow(field(F.terrain, F.n_cells));
-  r.incident = narrow(incident);
-  r.escaped = narrow(escaped);
-  r.transmitted = narrow(field(F.transmitted, size_t(bands)));
-  r.absorbed_outside = narrow(field(F.outside, size_t(bands)));
-  r.truncated = narrow(field(F.truncated, size_t(bands)));
-  r.albedo.assign(size_t(bands), 0.0f);
-  for (int32_t b = 0; b < bands; ++b)
-    if (incident[size_t(b)] > 0.0) r.albedo[size_t(b)] = float(escaped[size_t(b)] / incident[size_t(b)]);
-  if (r.has_brf) {
-    // BRF = pi * (radiant intensity towards v) / (cos(theta_v) * incident power).
-    const std::vector<double> acc = field(F.brf, F.n_brf);
-    r.brf.assign(acc.size(), 0.0f);
-    for (size_t d = 0; d < setup.dirs.size(); ++d)
-      for (int32_t b = 0; b < bands; ++b)
-        if (incident[size_t(b)] > 0.0)
-          r.brf[d * size_t(bands) + size_t(b)] =
-              float(3.141592653589793 * acc[d * size_t(bands) + size_t(b)] /
-                    (double(setup.dirs[d].z) * incident[size_t(b)]));
-  }
+  ForwardResult r = scene::finish_forward_sums(
+      scene, req, sums, req.brf_entry ? "simulate_brf_cpu" : "simulate_forward_cpu");
   r.execution = req.brf_entry
                     ? ExecutionRecord{BACKEND_EMBREE, WORKFLOW_OPTICAL_BRF, "embree.cpu.optical_brf", true}
                     : ExecutionRecord{BACKEND_EMBREE, WORKFLOW_OPTICAL_FORWARD,

@@ -6,25 +6,6 @@
 
 namespace vesk::embree {
 
-EmissionContext EmissionContext::from_scene(const EmbreeSceneManager& scene, int32_t n_bands,
-                                            float prob_sun, double scale) {
-  EmissionContext e;
-  e.spectral = scene.spectral_params().data();
-  e.n_bands = n_bands;
-  e.sun = scene.emitter();
-  e.sky = scene.sky();
-  e.num_repetitions = scene.repetition().num_repetitions;
-  e.tile_w = scene.repetition().scene_x_size;
-  e.tile_h = scene.repetition().scene_y_size;
-  const auto [lo, hi] = scene.aabb();
-  e.x_min = lo.x, e.y_min = lo.y, e.z_min = lo.z;
-  e.x_max = hi.x, e.y_max = hi.y, e.z_max = hi.z;
-  e.plane = scene.measurement_plane_height();
-  e.prob_sun = prob_sun;
-  e.scale = scale;
-  return e;
-}
-
 namespace {
 
 // Cosine-weighted local direction: the first draw sets the radius, the second the angle.
@@ -34,69 +15,7 @@ float3 cosine_direction(float u_radius, float u_angle) {
   return {x, y, std::sqrt(std::max(1.0f - x * x - y * y, 0.0f))};
 }
 
-// Areas of the faces photons enter by, over the top face, as emit_photon weighs them.
-double sun_face_ratio(const EmissionContext& e, float X, float Y, float Z) {
-  const float3 s = e.sun.direction;
-  const float total = std::fabs(s.z) * X * Y + std::fabs(s.x) * Y * Z + std::fabs(s.y) * X * Z;
-  return X * Y > 0.0f ? double(total / (X * Y)) : 0.0;
-}
-double sky_face_ratio(float X, float Y, float Z) {
-  const float top = X * Y, total = top + 2.0f * (Y * Z) + 2.0f * (X * Z);
-  return top > 0.0f ? double(total / top) : 0.0;
-}
-
-// The largest sky radiance of a band, for the bound: the table's largest entry (its
-// interpolation cannot exceed it), or the Hosek-Wilkie model sampled over the sky and
-// at its sun, with a margin for the peaks between samples.
-double sky_radiance_bound(const EmissionContext& e, int32_t band) {
-  const SkySelection& sky = e.sky;
-  double m = 0.0;
-  if (sky.directional_offset >= 0) {
-    const float* t = e.spectral + sky.directional_offset + size_t(band) * 512;
-    for (int32_t i = 0; i < 512; ++i) m = std::max(m, double(std::fabs(t[i])));
-    return m;
-  }
-  if (sky.hw_offset >= 0) {
-    constexpr int32_t ROWS = 32, COLS = 64;
-    auto at = [&](const float3& d) {
-      m = std::max(m, double(hosek_wilkie_radiance(sky.hw_offset, e.spectral, d,
-                                                   sky.hw_sun_direction, band)));
-    };
-    at(sky.hw_sun_direction);
-    for (int32_t r = 0; r <= ROWS; ++r)
-      for (int32_t c = 0; c < COLS; ++c) {
-        const float theta = 0.5f * PI * float(r) / float(ROWS), phi = TWO_PI * float(c) / COLS;
-        at({std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi), std::cos(theta)});
-      }
-    return 4.0 * m;
-  }
-  if (sky.uniform_offset >= 0) return std::fabs(double(e.spectral[sky.uniform_offset + band]));
-  return 0.0;
-}
-
 }  // namespace
-
-double emitted_energy_bound(const EmissionContext& e, int32_t band) {
-  // The cases of emit_photon: what it cannot emit needs no room.
-  const float3 s = e.sun.direction;
-  if (std::fabs(s.z) < 0.01f || e.n_bands < 1) return 0.0;
-  const bool repetitive = e.num_repetitions > 0 && e.tile_w > 0.0f && e.tile_h > 0.0f;
-  const float X = e.x_max - e.x_min, Y = e.y_max - e.y_min, Z = e.z_max - e.z_min;
-  double bound = 0.0;
-  if (s.z > 0.0f && e.prob_sun > 0.0f && e.sun.spectral_offset >= 0) {
-    const double ratio = repetitive ? double(std::fabs(s.z)) : sun_face_ratio(e, X, Y, Z);
-    bound = std::fabs(double(e.spectral[e.sun.spectral_offset + band])) * ratio * e.scale /
-            double(e.prob_sun);
-  }
-  const bool any_sky = e.sky.uniform_offset >= 0 || e.sky.directional_offset >= 0 ||
-                       e.sky.hw_offset >= 0;
-  if (any_sky && e.prob_sun < 1.0f) {
-    const double ratio = repetitive ? 1.0 : sky_face_ratio(X, Y, Z);
-    bound = std::max(bound, sky_radiance_bound(e, band) * double(PI) * ratio * e.scale /
-                                (1.0 - double(e.prob_sun)));
-  }
-  return bound;
-}
 
 bool emit_photon(const EmissionContext& e, RNG& rng, Photon& p) {
   const float3 s = e.sun.direction;

@@ -14,6 +14,7 @@
 #include "core/tile.h"
 #include "embree/media_walk.h"
 #include "embree/scene_manager.h"
+#include "scene/photon_requests.h"
 
 namespace vesk::embree {
 
@@ -31,30 +32,8 @@ struct Photon {
   bool scattered = false;
 };
 
-// Everything emission reads, gathered once per run.
-struct EmissionContext {
-  const float* spectral = nullptr;
-  int32_t n_bands = 0;
-  Emitter sun;
-  SkySelection sky;
-  int32_t num_repetitions = 0;
-  float tile_w = 0.0f, tile_h = 0.0f;  // W, H
-  float x_min = 0, x_max = 0, y_min = 0, y_max = 0, z_min = 0, z_max = 0;  // scene box
-  float plane = 0.0f;  // measurement plane height
-  float prob_sun = 1.0f;
-  // Energy scale: the emitting area. Photon weights are not divided by the photon
-  // count: totals are, once, when a run is finished, so that any range of photons
-  // adds to the same exact sums.
-  double scale = 0.0;
-
-  static EmissionContext from_scene(const EmbreeSceneManager& scene, int32_t n_bands,
-                                    float prob_sun, double scale);
-};
-
-// A bound (up to a small factor) on the energy throughput * weight one photon carries
-// in a band when emitted, from the sun or the sky: what the exact sums size their unit
-// by. It depends on the scene and the request only, never on which photons run.
-double emitted_energy_bound(const EmissionContext& e, int32_t band);
+using scene::EmissionContext;
+using scene::emitted_energy_bound;
 
 // The generator of global photon i, independent of the thread that runs it.
 inline RNG photon_rng(uint64_t i) {

@@ -74,6 +74,8 @@ py::dict mesh_dict(const backend::MeshGeometry& mesh);
 
 void bind_microwave(py::module_& m);
 void bind_vulkan(py::module_& m);
+// The photon methods of VulkanSceneManager; after bind_vulkan, which makes the class.
+void bind_vulkan_photons(py::module_& m);
 void bind_generators(py::module_& m);
 void bind_scene(py::module_& m);
 void bind_optical(py::module_& m);

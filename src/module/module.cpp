@@ -31,6 +31,7 @@ PYBIND11_MODULE(vesk_gpu, m) {
   // without Vulkan lists no device and refuses a context instead of failing the import.
   m.attr("HAS_VULKAN") = true;
   vesk::module::bind_vulkan(m);
+  vesk::module::bind_vulkan_photons(m);
   // This build has no OptiX backend; its block is absent.
   m.attr("HAS_OPTIX") = false;
   vesk::module::bind_generators(m);

@@ -157,6 +157,8 @@ struct VulkanSceneManager::Device {
   // The ray-free element programs, loaded on first use.
   std::unique_ptr<PhysiologyWorkspace> physiology;
   std::unique_ptr<Program> photosynthesis, sif_process, sif_assembly, turbid_sampling;
+  // flux, forward, BRF, and flux and forward with media; loaded on first use
+  std::unique_ptr<Program> photons[5];
 };
 
 }  // namespace vesk::vulkan

@@ -16,6 +16,7 @@
 #include "physiology/photosynthesis_static.h"
 #include "physiology/sif_assembly.h"
 #include "physiology/sif_finalization.h"
+#include "scene/photon_requests.h"
 #include "scene/scene_model.h"
 #include "turbid/domain.h"
 
@@ -118,6 +119,12 @@ class VulkanSceneManager : public scene::SceneModel {
   // That filler (turbid_sampling.spv), for drivers of their own; it keeps the owner it
   // saw last on the device, so it must not outlive this scene.
   turbid::CandidateFiller turbid_candidate_filler() const;
+  // The photon processes of simulate_flux_cpu, simulate_forward_cpu and (with
+  // request.brf_entry) simulate_brf_cpu: the same checks, photons and sums, one device
+  // invocation per photon, through optical turbid media where the scene has them.
+  scene::FluxResult simulate_flux(const scene::FluxRequest& request, const ProgressFn& progress);
+  scene::ForwardResult simulate_forward_radiation(const scene::ForwardRequest& request,
+                                                  const ProgressFn& progress);
 
   struct Device;  // buffers, structures and programs, kept out of this header
 
@@ -126,6 +133,15 @@ class VulkanSceneManager : public scene::SceneModel {
   std::string trace_shader_, program_dir_;
   std::unique_ptr<Device> dev_;
   bool populate_soa_ = false;
+
+  void check_photon_scene(const char* entry) const;
+  // Runs photons first_photon .. + num_photons of program (0 flux, 1 forward, 2 BRF;
+  // the media forms where the scene has media) in dispatches and returns their exact sums in the CPU's units.
+  PhotonSums run_photons(int program, const void* params, size_t fields,
+                         const std::vector<int32_t>& units, const scene::EmissionContext& e,
+                         int64_t first_photon, int64_t num_photons, int32_t max_depth,
+                         const std::vector<float>& layers, const std::vector<float3>& dirs,
+                         const ProgressFn& progress);
 };
 
 }  // namespace vesk::vulkan

@@ -225,6 +225,9 @@ s.simulate_backward i:1 i:2 p:None o:['radiance'] i:0 | s.update_spectral_params
 vk.simulate_brf_cpu s:s fa:BRF_DIRS l:200 i:4 p:None l:0
 vk.simulate_forward_cpu s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None l:0
 vk.simulate_flux_cpu s:s i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None l:0
+s.simulate_brf fa:BRF_DIRS l:200 i:4 p:None l:0
+s.simulate_forward_radiation i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 p:None l:0
+s.simulate_flux i:2 i:2 l:300 i:2 f:0.7 i:0 i:4 i:3 b:True p:None l:0
 vk._simulate_brf_exact s:s fa:BRF_DIRS l:200 i:4 l:0 u:None
 vk._simulate_forward_exact s:s i:2 i:2 fa:LAYERS l:300 i:2 b:True fa:BRF_DIRS i:2 f:0.7 i:4 i:0 \
 l:0 u:None
