@@ -71,6 +71,7 @@ py::dict mesh_dict(const backend::MeshGeometry& mesh);
 
 void bind_microwave(py::module_& m);
 void bind_vulkan(py::module_& m);
+void bind_vulkan_transport(py::module_& m);
 void bind_generators(py::module_& m);
 void bind_scene(py::module_& m);
 void bind_optical(py::module_& m);

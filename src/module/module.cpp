@@ -41,6 +41,7 @@ PYBIND11_MODULE(vesk_gpu, m) {
   vesk::module::bind_energy_balance_transport(m);
   vesk::module::bind_processes(m);
   vesk::module::bind_lidar(m);
+  vesk::module::bind_vulkan_transport(m);
   vesk::module::bind_microwave_transport(m);
   vesk::module::bind_turbid(m);
 #ifdef VESK_BENCH_COUNTERS

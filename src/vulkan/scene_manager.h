@@ -12,6 +12,8 @@
 #include "core/optical_products.h"
 #include "core/progress.h"
 #include "core/types.h"
+#include "lidar/lidar_request.h"
+#include "scene/energy_balance_request.h"
 #include "scene/scene_model.h"
 
 namespace vesk::microwave {
@@ -99,9 +101,26 @@ class VulkanSceneManager : public scene::SceneModel {
   // [height][width][n_channels].
   std::vector<float> simulate_microwave(const microwave::MicrowaveRequest& q) const;
 
+  // The energy-balance transports of run_energy_balance_cpu and
+  // run_energy_balance_multiband_cpu on the device: the CPU kernels' samples and draws,
+  // one invocation per primitive, validated by the CPU's validators first.
+  void run_energy_balance_gpu(const scene::EnergyBalanceRequest& r, int64_t albedo_size,
+                              scene::EnergyBalanceResult& out) const;
+  void run_energy_balance_multiband_gpu(const scene::MultibandEnergyBalanceRequest& r,
+                                        scene::MultibandEnergyBalanceResult& out) const;
+  // The scanner of simulate_lidar_cpu: direct points or raw waveforms on the device, one
+  // invocation per pulse; the waveform post-processing runs on the host.
+  lidar::LidarResult simulate_lidar(const lidar::LidarRequest& q, const ProgressFn& progress) const;
+
   struct Device;  // buffers, structures and programs, kept out of this header
 
  private:
+  std::vector<double> energy_balance_sums_(const void* params, size_t params_bytes,
+                                           const std::vector<float>& inputs,
+                                           const std::vector<float>& spectral,
+                                           int32_t slots) const;
+  void require_energy_balance_device_(const char* what) const;
+
   const VulkanContext& context_;
   std::string trace_shader_, program_dir_;
   std::unique_ptr<Device> dev_;
