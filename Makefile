@@ -32,7 +32,8 @@ build: configure
 # The Vulkan suite runs twice: on the ray-query path (lavapipe's default), then forced
 # onto the ray-tracing pipeline path that GPUs without ray queries take.
 VK_PIPELINE := VESK_VULKAN_TRACE=pipeline
-VK_SUITE    := tests/python/test_vulkan.py tests/python/test_vulkan_microwave.py
+VK_SUITE    := tests/python/test_vulkan.py tests/python/test_vulkan_microwave.py \
+               tests/python/test_vulkan_transport.py
 
 test: build
 	$(VK_TEST) $(BUILD)/vesk_tests --gtest_brief=1

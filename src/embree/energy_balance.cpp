@@ -13,8 +13,8 @@
 #include "core/rng.h"
 #include "core/tile.h"
 #include "core/workers.h"
-#include "scene/optical_scene.h"
 #include "embree/scene_manager.h"
+#include "scene/optical_scene.h"
 
 namespace vesk::embree {
 namespace {
@@ -160,7 +160,8 @@ void render_energy_balance(const EmbreeSceneManager& scene, const EnergyBalanceR
       const float3& nh = prims.normals[size_t(h)];
       const float c = dot(sun_dir, nh);
       if (std::fabs(c) > 0.0f) {
-        const float3 from = prims.centroids[size_t(h)] + (c >= 0.0f ? SURFACE_OFFSET : -SURFACE_OFFSET) * nh;
+        const float3 from =
+            prims.centroids[size_t(h)] + (c >= 0.0f ? SURFACE_OFFSET : -SURFACE_OFFSET) * nh;
         if (!q.occluded(from, sun_dir)) l += a * INV_PI_F * sun * std::fabs(c);
       }
     }
@@ -259,14 +260,18 @@ void render_energy_balance_multiband(const EmbreeSceneManager& scene,
         }
         rr[b] = rb, tt[b] = tb;
         rmax = std::max(rmax, rb), tmax = std::max(tmax, tb);
-        if (lit) L[b] += (c >= 0.0f ? rb : tb) * W[b] * INV_PI_F * r.sun_irradiance[b] * std::fabs(c);
+        if (lit)
+          L[b] += (c >= 0.0f ? rb : tb) * W[b] * INV_PI_F * r.sun_irradiance[b] * std::fabs(c);
       }
       if (rmax + tmax <= 1e-08f) return;
       const float qr = rmax / (rmax + tmax);
       bool reflect;
-      if (tmax <= 1e-08f) reflect = true;
-      else if (qr <= 1e-08f) reflect = false;
-      else reflect = rng.next_float() < qr;
+      if (tmax <= 1e-08f)
+        reflect = true;
+      else if (qr <= 1e-08f)
+        reflect = false;
+      else
+        reflect = rng.next_float() < qr;
       float wmax = 0.0f;
       for (int32_t b = 0; b < nb; ++b) {
         W[b] *= reflect ? rr[b] / qr : tt[b] / (1.0f - qr);

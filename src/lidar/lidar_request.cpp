@@ -53,8 +53,7 @@ void validate_lidar_request(const scene::SceneModel& scene, const LidarRequest& 
         "range gate needs finite min_range <= max_range and a positive range_resolution");
   for (const float v : {q.beam_half_angle_rad, q.pulse_energy, q.sensor_area, q.peak_threshold})
     if (!std::isfinite(v)) throw std::invalid_argument("LiDAR settings must be finite");
-  if (q.num_wavelengths < 1)
-    throw std::invalid_argument("num_wavelengths must be positive");
+  if (q.num_wavelengths < 1) throw std::invalid_argument("num_wavelengths must be positive");
   // The kernel has 2 trunc(3 sigma / range_resolution) + 3 taps.
   if (!(q.pulse_fwhm_ns >= 0.0f) || !std::isfinite(q.pulse_fwhm_ns) ||
       !(double(q.pulse_fwhm_ns) * lidar::LIGHT_M_PER_NS * 0.5 / 2.35482 * 3.0 / q.range_resolution <
@@ -65,22 +64,24 @@ void validate_lidar_request(const scene::SceneModel& scene, const LidarRequest& 
   if (q.beam_samples_per_dim > 1000)
     throw std::invalid_argument("beam_samples_per_dim must not exceed 1000");
   const double bins = std::floor(double(q.max_range - q.min_range) / q.range_resolution) + 1.0;
-  if (bins > 1073741824.0)
-    throw std::invalid_argument("the range gate holds more than 2^30 bins");
+  if (bins > 1073741824.0) throw std::invalid_argument("the range gate holds more than 2^30 bins");
   if (!q.direct_mode)
-    check_request_memory(std::string(entry) + ": " + std::to_string(q.num_pulses) + " waveforms of " +
-                             std::to_string(int64_t(bins)) + " bins",
+    check_request_memory(std::string(entry) + ": " + std::to_string(q.num_pulses) +
+                             " waveforms of " + std::to_string(int64_t(bins)) + " bins",
                          2.0 * double(q.num_pulses) * bins * q.num_wavelengths * 4.0);
   // Every spectrum a return may read: band 0 in direct mode, num_wavelengths bands (and a
   // leaf's back side) in waveform mode.
   const size_t size = scene.spectral_params().size();
   const auto& mats = scene.materials();
   for (size_t i = 0; i < mats.size(); ++i) {
-    const int64_t reach = q.direct_mode ? 1
-                          : q.num_wavelengths + (mats[i].type == MaterialType::DiffuseTransmitting
-                                                     ? int64_t(scene.num_bands()) : 0);
+    const int64_t reach =
+        q.direct_mode ? 1
+                      : q.num_wavelengths + (mats[i].type == MaterialType::DiffuseTransmitting
+                                                 ? int64_t(scene.num_bands())
+                                                 : 0);
     if (mats[i].spectral_offset < 0 || size_t(mats[i].spectral_offset) + size_t(reach) > size)
-      throw std::invalid_argument("the spectrum of material " + std::to_string(i) + " holds fewer "
+      throw std::invalid_argument("the spectrum of material " + std::to_string(i) +
+                                  " holds fewer "
                                   "than the bands a LiDAR return reads");
   }
   for (const auto& info : scene.instance_info())

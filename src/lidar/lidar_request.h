@@ -20,8 +20,8 @@ struct LidarRequest {
   int32_t num_pulses = 0;
   float beam_half_angle_rad = 0.0005f;
   int32_t beam_samples_per_dim = 10;
-  float pulse_energy = 1.0f;   // J
-  float sensor_area = 0.1f;    // m2
+  float pulse_energy = 1.0f;                                             // J
+  float sensor_area = 0.1f;                                              // m2
   float range_resolution = 0.15f, min_range = 0.0f, max_range = 100.0f;  // m
   int32_t num_wavelengths = 1;
   float pulse_fwhm_ns = 4.0f;

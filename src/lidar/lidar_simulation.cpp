@@ -110,12 +110,11 @@ void direct_pulse(const LidarContext& c, int32_t p, LidarScratch& s) {
     dist = length(hit.position - origin);
   if (dist < c.q.min_range || dist > c.q.max_range) return;
   const float rho = front_reflectance(c, c.materials[hit.material_id], 0);
-  const float intensity = (std::fabs(dot(dir, hit.geometric_normal)) * rho * c.q.pulse_energy *
-                           c.q.sensor_area) /
-                          (dist * PI_F * dist);
-  const float rec[lidar::POINT_FLOATS] = {hit.position.x, hit.position.y, hit.position.z,
-                                          intensity,      1.0f,           1.0f,
-                                          dist,           float(p)};
+  const float intensity =
+      (std::fabs(dot(dir, hit.geometric_normal)) * rho * c.q.pulse_energy * c.q.sensor_area) /
+      (dist * PI_F * dist);
+  const float rec[lidar::POINT_FLOATS] = {hit.position.x, hit.position.y, hit.position.z, intensity,
+                                          1.0f,           1.0f,           dist,           float(p)};
   s.points.insert(s.points.end(), rec, rec + lidar::POINT_FLOATS);
 }
 
@@ -153,8 +152,8 @@ void deposit(const LidarContext& c, LidarScratch& s, const ActiveMediumList& act
   if (active.count == 0) return;
   const LidarRequest& q = c.q;
   const int32_t b0 = std::max(0, int32_t(std::ceil((a - q.min_range) / q.range_resolution - 0.5f)));
-  const int32_t b1 = std::min(c.num_bins - 1,
-                              int32_t(std::ceil((b - q.min_range) / q.range_resolution - 0.5f)) - 1);
+  const int32_t b1 = std::min(
+      c.num_bins - 1, int32_t(std::ceil((b - q.min_range) / q.range_resolution - 0.5f)) - 1);
   const size_t W = size_t(q.num_wavelengths);
   for (int32_t k = 0; k < active.count; ++k) {
     const int32_t m = active.medium_id[k];
@@ -193,11 +192,10 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
     const float q_leaf = factor * md.leaf_area_density * 0.5f;
     const int32_t back = mat.type == MaterialType::DiffuseTransmitting ? c.bands : 0;
     for (size_t w = 0; w < W; ++w)
-      s.medium_backscatter[m * W + w] =
-          ((c.spectral[mat.spectral_offset + int32_t(w)] +
-            c.spectral[mat.spectral_offset + back + int32_t(w)]) *
-           q_leaf) /
-          PI_F;
+      s.medium_backscatter[m * W + w] = ((c.spectral[mat.spectral_offset + int32_t(w)] +
+                                          c.spectral[mat.spectral_offset + back + int32_t(w)]) *
+                                         q_leaf) /
+                                        PI_F;
   }
 
   ActiveMediumList active;
@@ -249,7 +247,8 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
     if (!(e_i > 0.0f)) continue;
     const float r_i = std::max(1e-6f, (float(i) + 0.5f) * q.range_resolution + q.min_range);
     const float T = std::exp(-(0.5f * e_i * q.range_resolution + C_prev));
-    const float g = (weight * q.pulse_energy * q.sensor_area * q.range_resolution * T) / (r_i * r_i);
+    const float g =
+        (weight * q.pulse_energy * q.sensor_area * q.range_resolution * T) / (r_i * r_i);
     if (!(g > 0.0f)) continue;
     for (size_t w = 0; w < W; ++w) {
       const float bs = s.backscatter[size_t(i) * W + w];
@@ -306,10 +305,17 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
   const EmbreeSceneManager::RunGuard read_only(scene);
   const auto start = std::chrono::steady_clock::now();
   std::atomic<bool> cancel{false};
-  LidarContext c{scene, q, scene.materials().data(), scene.spectral_params().data(),
-                 scene.num_bands(), bin_count(q), beam_pattern(q.beam_samples_per_dim),
-                 std::tan(q.beam_half_angle_rad), scene.has_optical_media(),
-                 MediaScene::from(scene), &cancel};
+  LidarContext c{scene,
+                 q,
+                 scene.materials().data(),
+                 scene.spectral_params().data(),
+                 scene.num_bands(),
+                 bin_count(q),
+                 beam_pattern(q.beam_samples_per_dim),
+                 std::tan(q.beam_half_angle_rad),
+                 scene.has_optical_media(),
+                 MediaScene::from(scene),
+                 &cancel};
   const int threads = resolve_thread_count(q.num_threads);
   log_line("LiDAR (CPU): %d pulses, %d beam samples, %s mode, %d threads\n", q.num_pulses,
            q.direct_mode ? 1 : int(c.beam.weights.size()), q.direct_mode ? "direct" : "waveform",
@@ -349,7 +355,8 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
       {}, cancel);
 
   if (q.direct_mode) {
-    for (const LidarScratch& s : scratch) r.points.insert(r.points.end(), s.points.begin(), s.points.end());
+    for (const LidarScratch& s : scratch)
+      r.points.insert(r.points.end(), s.points.begin(), s.points.end());
     r.num_returns = int32_t(r.points.size() / lidar::POINT_FLOATS);
   } else {
     lidar::finish_waveforms(q, ranges, r);

@@ -6,8 +6,8 @@
 
 #include "embree/energy_balance.h"
 #include "embree/scene_manager.h"
-#include "module/bind_transport_args.h"
 #include "module/bind_request.h"
+#include "module/bind_transport_args.h"
 #include "physiology/energy_balance_process.h"
 #include "physiology/photosynthesis_dynamic.h"
 
@@ -48,9 +48,14 @@ std::vector<T> fan_out(const py::dict& request, const char* key, const std::vect
 }
 
 // The energy-balance process's per-element inputs under the view's names.
-constexpr const char* PER_ELEMENT_KEYS[] = {"active", "initial_temperature", "emissivity",
-                                            "sidedness", "sensible_derivative",
-                                            "latent_coefficient", "ground_heat", "sw_albedo"};
+constexpr const char* PER_ELEMENT_KEYS[] = {"active",
+                                            "initial_temperature",
+                                            "emissivity",
+                                            "sidedness",
+                                            "sensible_derivative",
+                                            "latent_coefficient",
+                                            "ground_heat",
+                                            "sw_albedo"};
 
 template <class T>
 backend::Span<T> span_of(const std::vector<T>& v) {
@@ -94,9 +99,9 @@ void bind_energy_balance_transport(py::module_& m) {
          const py::object& sun_irradiance, const py::object& sky_diffuse_radiance,
          float sky_lw_radiance, float sun_dir_x, float sun_dir_y, float sun_dir_z, bool two_sided,
          const py::object& sw_albedos, const py::object&, const py::object&, const py::object&) {
-        EnergyBalanceArgs a(n_samples, max_depth, band_type, sun_irradiance,
-                            sky_diffuse_radiance, sky_lw_radiance, sun_dir_x, sun_dir_y,
-                            sun_dir_z, two_sided, sw_albedos);
+        EnergyBalanceArgs a(n_samples, max_depth, band_type, sun_irradiance, sky_diffuse_radiance,
+                            sky_lw_radiance, sun_dir_x, sun_dir_y, sun_dir_z, two_sided,
+                            sw_albedos);
         embree::validate_energy_balance(scene, a.request, a.albedos.size());
         embree::EnergyBalanceResult out;
         embree::render_energy_balance(scene, a.request, out);
@@ -126,10 +131,9 @@ void bind_energy_balance_transport(py::module_& m) {
       "run_energy_balance_multiband_cpu",
       [](const EmbreeSceneManager& scene, int32_t n_bands, int32_t n_samples, int32_t max_depth,
          const py::object& sun_irradiance, const py::object& sky_diffuse_radiance,
-         const py::object& sky_directional_table, float sun_dir_x, float sun_dir_y,
-         float sun_dir_z, bool two_sided, const py::object& sw_albedos,
-         const py::object& sw_reflectance, const py::object& sw_back_reflectance,
-         const py::object& sw_transmittance) {
+         const py::object& sky_directional_table, float sun_dir_x, float sun_dir_y, float sun_dir_z,
+         bool two_sided, const py::object& sw_albedos, const py::object& sw_reflectance,
+         const py::object& sw_back_reflectance, const py::object& sw_transmittance) {
         MultibandEnergyBalanceArgs a(n_bands, n_samples, max_depth, sun_irradiance,
                                      sky_diffuse_radiance, sky_directional_table, sun_dir_x,
                                      sun_dir_y, sun_dir_z, two_sided, sw_albedos, sw_reflectance,
@@ -166,18 +170,43 @@ void bind_energy_balance_processes(py::module_& m) {
   m.def(
       "execute_photosynthesis_process_dynamic_cpu",
       [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(
-            request,
-            {"n_elements", "active", "fluorescent", "apar", "absorbed_shortwave",
-             "initial_temperature", "emissivity", "sidedness", "leaf_width", "stomata_sides",
-             "vcmax25", "jmax25", "rd25", "ball_berry_slope", "ball_berry_intercept",
-             "quantum_yield", "conditional",
-             "sunlit_fraction", "apar_sunlit", "apar_shaded", "shortwave_sunlit",
-             "shortwave_shaded", "co2", "relative_humidity", "air_temperature", "vapor_pressure",
-             "pressure", "wind", "sky_lw_radiance", "n_samples", "max_iterations",
-             "convergence_tolerance", "damping", "physiology_max_iterations",
-             "physiology_tolerance"},
-            "execute_photosynthesis_process_dynamic_cpu");
+        warn_unread_keys(request,
+                         {"n_elements",
+                          "active",
+                          "fluorescent",
+                          "apar",
+                          "absorbed_shortwave",
+                          "initial_temperature",
+                          "emissivity",
+                          "sidedness",
+                          "leaf_width",
+                          "stomata_sides",
+                          "vcmax25",
+                          "jmax25",
+                          "rd25",
+                          "ball_berry_slope",
+                          "ball_berry_intercept",
+                          "quantum_yield",
+                          "conditional",
+                          "sunlit_fraction",
+                          "apar_sunlit",
+                          "apar_shaded",
+                          "shortwave_sunlit",
+                          "shortwave_shaded",
+                          "co2",
+                          "relative_humidity",
+                          "air_temperature",
+                          "vapor_pressure",
+                          "pressure",
+                          "wind",
+                          "sky_lw_radiance",
+                          "n_samples",
+                          "max_iterations",
+                          "convergence_tolerance",
+                          "damping",
+                          "physiology_max_iterations",
+                          "physiology_tolerance"},
+                         "execute_photosynthesis_process_dynamic_cpu");
         RequestArrays a;
         backend::DynamicPhotosynthesisProcessRequestView v;
         v.active = a.take_bytes(request, "active");
@@ -272,19 +301,43 @@ void bind_energy_balance_processes(py::module_& m) {
   m.def(
       "execute_energy_balance_process_cpu",
       [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(
-            request,
-            {"n_elements", "active", "initial_temperature", "emissivity", "sidedness",
-             "sensible_derivative", "latent_coefficient", "ground_heat", "sw_albedo",
-             "primitive_material_ids", "material_active", "material_initial_temperature",
-             "material_emissivity", "material_sidedness", "material_sensible_derivative",
-             "material_latent_coefficient", "material_ground_heat", "material_sw_albedo",
-             "precomputed_shortwave", "absorbed_shortwave_top", "absorbed_shortwave_bottom",
-             "air_temperature", "vapor_pressure", "sky_lw_radiance", "sw_direct",
-             "sw_diffuse_radiance", "sun_dir_x", "sun_dir_y", "sun_dir_z", "n_samples",
-             "max_iterations", "convergence_tolerance", "damping", "newton_max_iterations",
-             "newton_tolerance"},
-            "execute_energy_balance_process_cpu");
+        warn_unread_keys(request,
+                         {"n_elements",
+                          "active",
+                          "initial_temperature",
+                          "emissivity",
+                          "sidedness",
+                          "sensible_derivative",
+                          "latent_coefficient",
+                          "ground_heat",
+                          "sw_albedo",
+                          "primitive_material_ids",
+                          "material_active",
+                          "material_initial_temperature",
+                          "material_emissivity",
+                          "material_sidedness",
+                          "material_sensible_derivative",
+                          "material_latent_coefficient",
+                          "material_ground_heat",
+                          "material_sw_albedo",
+                          "precomputed_shortwave",
+                          "absorbed_shortwave_top",
+                          "absorbed_shortwave_bottom",
+                          "air_temperature",
+                          "vapor_pressure",
+                          "sky_lw_radiance",
+                          "sw_direct",
+                          "sw_diffuse_radiance",
+                          "sun_dir_x",
+                          "sun_dir_y",
+                          "sun_dir_z",
+                          "n_samples",
+                          "max_iterations",
+                          "convergence_tolerance",
+                          "damping",
+                          "newton_max_iterations",
+                          "newton_tolerance"},
+                         "execute_energy_balance_process_cpu");
         RequestArrays a;
         backend::EnergyBalanceProcessRequestView v;
         // Per material (primitive_material_ids and material_*), or per element under the

@@ -15,10 +15,9 @@ void bind_lidar(py::module_& m) {
          float pulse_fwhm_ns, float peak_threshold, int32_t max_returns_per_pulse,
          bool direct_mode) {
         const lidar::LidarRequest q = lidar_request(
-            pulse_origins, pulse_directions, num_pulses, beam_half_angle_rad,
-            beam_samples_per_dim, pulse_energy, sensor_area, range_resolution, min_range,
-            max_range, num_wavelengths, pulse_fwhm_ns, peak_threshold, max_returns_per_pulse,
-            direct_mode);
+            pulse_origins, pulse_directions, num_pulses, beam_half_angle_rad, beam_samples_per_dim,
+            pulse_energy, sensor_area, range_resolution, min_range, max_range, num_wavelengths,
+            pulse_fwhm_ns, peak_threshold, max_returns_per_pulse, direct_mode);
         return lidar_dict(embree::simulate_lidar(scene, q, {}), q);
       },
       py::arg("scene"), py::arg("pulse_origins"), py::arg("pulse_directions"),

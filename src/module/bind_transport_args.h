@@ -72,8 +72,8 @@ struct MultibandEnergyBalanceArgs {
         table(sky_directional_table) {
     if (albedos.ndim() != 1)
       throw py::value_error("sw_albedos must be 1D (flattened [n_bands * n_prims])");
-    const int split = int(front.data() != nullptr) + int(back.data() != nullptr) +
-                      int(trans.data() != nullptr);
+    const int split =
+        int(front.data() != nullptr) + int(back.data() != nullptr) + int(trans.data() != nullptr);
     if (split != 0 && split != 3)
       throw py::value_error(
           "split Mesh optics require sw_reflectance, sw_back_reflectance, and "
@@ -115,17 +115,14 @@ inline py::tuple multiband_energy_balance_tuple(scene::MultibandEnergyBalanceRes
 }
 
 // The request of a scanner call; the arrays stay the caller's.
-inline lidar::LidarRequest lidar_request(const FloatArray& pulse_origins,
-                                         const FloatArray& pulse_directions, int32_t num_pulses,
-                                         float beam_half_angle_rad, int32_t beam_samples_per_dim,
-                                         float pulse_energy, float sensor_area,
-                                         float range_resolution, float min_range, float max_range,
-                                         int32_t num_wavelengths, float pulse_fwhm_ns,
-                                         float peak_threshold, int32_t max_returns_per_pulse,
-                                         bool direct_mode) {
+inline lidar::LidarRequest lidar_request(
+    const FloatArray& pulse_origins, const FloatArray& pulse_directions, int32_t num_pulses,
+    float beam_half_angle_rad, int32_t beam_samples_per_dim, float pulse_energy, float sensor_area,
+    float range_resolution, float min_range, float max_range, int32_t num_wavelengths,
+    float pulse_fwhm_ns, float peak_threshold, int32_t max_returns_per_pulse, bool direct_mode) {
   const py::ssize_t values = py::ssize_t(std::max(num_pulses, 0)) * 3;
-  if (pulse_origins.ndim() != 1 || pulse_directions.ndim() != 1 ||
-      pulse_origins.size() != values || pulse_directions.size() != values)
+  if (pulse_origins.ndim() != 1 || pulse_directions.ndim() != 1 || pulse_origins.size() != values ||
+      pulse_directions.size() != values)
     throw py::value_error(
         "pulse_origins and pulse_directions must be flat arrays with num_pulses * 3 values");
   lidar::LidarRequest q;
@@ -155,8 +152,8 @@ inline py::dict lidar_dict(lidar::LidarResult&& r, const lidar::LidarRequest& q)
     d["waveform"] =
         py::array_t<float>({pulses, py::ssize_t(r.num_bins), py::ssize_t(q.num_wavelengths)});
   } else {
-    d["waveform"] = move_to_numpy(std::move(r.waveform),
-                                  {pulses, r.num_bins, py::ssize_t(q.num_wavelengths)});
+    d["waveform"] =
+        move_to_numpy(std::move(r.waveform), {pulses, r.num_bins, py::ssize_t(q.num_wavelengths)});
   }
   d["points"] = move_to_numpy(std::move(r.points), {py::ssize_t(r.num_returns), 8});
   d["num_bins"] = r.num_bins;

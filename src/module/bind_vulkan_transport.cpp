@@ -39,10 +39,9 @@ void bind_vulkan_transport(py::module_& m) {
       "run_energy_balance_multiband_gpu",
       [](const VulkanSceneManager& s, int32_t n_bands, int32_t n_samples, int32_t max_depth,
          const py::object& sun_irradiance, const py::object& sky_diffuse_radiance,
-         const py::object& sky_directional_table, float sun_dir_x, float sun_dir_y,
-         float sun_dir_z, bool two_sided, const py::object& sw_albedos,
-         const py::object& sw_reflectance, const py::object& sw_back_reflectance,
-         const py::object& sw_transmittance) {
+         const py::object& sky_directional_table, float sun_dir_x, float sun_dir_y, float sun_dir_z,
+         bool two_sided, const py::object& sw_albedos, const py::object& sw_reflectance,
+         const py::object& sw_back_reflectance, const py::object& sw_transmittance) {
         MultibandEnergyBalanceArgs a(n_bands, n_samples, max_depth, sun_irradiance,
                                      sky_diffuse_radiance, sky_directional_table, sun_dir_x,
                                      sun_dir_y, sun_dir_z, two_sided, sw_albedos, sw_reflectance,
@@ -75,10 +74,9 @@ void bind_vulkan_transport(py::module_& m) {
          float pulse_fwhm_ns, float peak_threshold, int32_t max_returns_per_pulse,
          bool direct_mode) {
         const lidar::LidarRequest q = lidar_request(
-            pulse_origins, pulse_directions, num_pulses, beam_half_angle_rad,
-            beam_samples_per_dim, pulse_energy, sensor_area, range_resolution, min_range,
-            max_range, num_wavelengths, pulse_fwhm_ns, peak_threshold, max_returns_per_pulse,
-            direct_mode);
+            pulse_origins, pulse_directions, num_pulses, beam_half_angle_rad, beam_samples_per_dim,
+            pulse_energy, sensor_area, range_resolution, min_range, max_range, num_wavelengths,
+            pulse_fwhm_ns, peak_threshold, max_returns_per_pulse, direct_mode);
         return lidar_dict(s.simulate_lidar(q, {}), q);
       },
       py::arg("pulse_origins"), py::arg("pulse_directions"), py::arg("num_pulses"),

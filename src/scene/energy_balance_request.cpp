@@ -39,11 +39,9 @@ EnergyBalancePrimitives gather_energy_balance_primitives(const SceneModel& scene
     const float3& a = p.vertices[3 * i];
     const float3& b = p.vertices[3 * i + 1];
     const float3& c = p.vertices[3 * i + 2];
-    p.centroids[i] = {(a.x + b.x + c.x) / 3.0f, (a.y + b.y + c.y) / 3.0f,
-                      (a.z + b.z + c.z) / 3.0f};
+    p.centroids[i] = {(a.x + b.x + c.x) / 3.0f, (a.y + b.y + c.y) / 3.0f, (a.z + b.z + c.z) / 3.0f};
     const float3& n = p.normals[i];
-    if (!(std::isfinite(n.x) && std::isfinite(n.y) && std::isfinite(n.z)) ||
-        !(g.areas[i] > 0.0f))
+    if (!(std::isfinite(n.x) && std::isfinite(n.y) && std::isfinite(n.z)) || !(g.areas[i] > 0.0f))
       p.normals[i] = {};
   }
   if (longwave) {
@@ -66,8 +64,7 @@ EnergyBalancePrimitives gather_energy_balance_primitives(const SceneModel& scene
 
 void validate_energy_balance(const SceneModel& scene, const EnergyBalanceRequest& r,
                              int64_t albedo_size) {
-  if (r.n_samples <= 0)
-    throw std::invalid_argument("run_energy_balance: n_samples must be > 0");
+  if (r.n_samples <= 0) throw std::invalid_argument("run_energy_balance: n_samples must be > 0");
   if (r.band_type != 0 && r.band_type != 1)
     throw std::invalid_argument(
         "run_energy_balance: band_type must be 0 (shortwave) or 1 (longwave)");
@@ -104,8 +101,9 @@ void validate_energy_balance_multiband(const SceneModel& scene,
   if (wrong(r.sw_reflectance, r.reflectance_size, spectral) ||
       wrong(r.sw_back_reflectance, r.back_reflectance_size, spectral) ||
       wrong(r.sw_transmittance, r.transmittance_size, spectral))
-    fail("sw_reflectance, sw_back_reflectance and sw_transmittance must have n_bands * "
-         "n_primitives values");
+    fail(
+        "sw_reflectance, sw_back_reflectance and sw_transmittance must have n_bands * "
+        "n_primitives values");
   if (wrong(r.sw_albedos, r.albedo_size, spectral))
     fail("sw_albedos must have n_bands * n_primitives values");
   if (wrong(r.sky_directional_table, r.sky_table_size, size_t(r.n_bands) * 512))
@@ -127,8 +125,7 @@ void validate_energy_balance_multiband(const SceneModel& scene,
   if (!scene.is_built())
     throw std::runtime_error("EB multiband RRT: scene has no geometry. Call scene.build() first.");
   // Without a sky of its own, a walk that escapes reads the scene's sky.
-  if (!r.sky_directional_table && !r.sky_diffuse_radiance)
-    validate_scene_sky(scene, r.n_bands);
+  if (!r.sky_directional_table && !r.sky_diffuse_radiance) validate_scene_sky(scene, r.n_bands);
 }
 
 }  // namespace vesk::scene

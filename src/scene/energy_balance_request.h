@@ -18,9 +18,9 @@ struct EnergyBalanceRequest {
   int32_t n_samples = 64;  // rays per primitive and side
   int32_t depth = 8;       // accepted for symmetry with the multi-band kernel, never read
   int32_t band_type = 0;   // 0 shortwave, 1 longwave
-  const float* sun_irradiance = nullptr;        // W m-2 at normal incidence
-  const float* sky_diffuse_radiance = nullptr;  // W m-2 sr-1
-  float sky_lw_radiance = 0.0f;                 // W m-2 sr-1
+  const float* sun_irradiance = nullptr;                       // W m-2 at normal incidence
+  const float* sky_diffuse_radiance = nullptr;                 // W m-2 sr-1
+  float sky_lw_radiance = 0.0f;                                // W m-2 sr-1
   float sun_dir_x = 0.0f, sun_dir_y = 0.0f, sun_dir_z = 1.0f;  // toward the sun
   bool two_sided = true;
   const float* sw_albedos = nullptr;
@@ -37,8 +37,8 @@ struct MultibandEnergyBalanceRequest {
   int32_t n_bands = 1;
   int32_t n_samples = 64;
   int32_t max_depth = 8;
-  const float* sun_irradiance = nullptr;        // per band
-  const float* sky_diffuse_radiance = nullptr;  // per band
+  const float* sun_irradiance = nullptr;         // per band
+  const float* sky_diffuse_radiance = nullptr;   // per band
   const float* sky_directional_table = nullptr;  // n_bands * 16 * 32
   float sun_dir_x = 0.0f, sun_dir_y = 0.0f, sun_dir_z = 1.0f;
   bool two_sided = true;

@@ -86,8 +86,7 @@ struct VulkanSceneManager::Device {
   Device(const VulkanContext& context, const std::string& trace_program);
   ~Device();
 
-  void build(const std::vector<scene::Mesh>& meshes,
-             const std::vector<scene::Instance>& instances,
+  void build(const std::vector<scene::Mesh>& meshes, const std::vector<scene::Instance>& instances,
              const std::vector<InstanceInfo>& info);
   void rebuild_top_level(const std::vector<scene::Instance>& instances,
                          const std::vector<InstanceInfo>& info);
@@ -101,8 +100,8 @@ struct VulkanSceneManager::Device {
   std::vector<AccelerationStructure> bottom;
   AccelerationStructure top;
   std::vector<uint32_t> mesh_vertex_counts;
-  std::unique_ptr<Program> backward;   // loaded on first use
-  std::unique_ptr<Program> microwave;  // loaded on first use
+  std::unique_ptr<Program> backward;               // loaded on first use
+  std::unique_ptr<Program> microwave;              // loaded on first use
   std::unique_ptr<Program> energy_balance, lidar;  // loaded on first use
 };
 

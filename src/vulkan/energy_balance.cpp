@@ -57,7 +57,8 @@ std::vector<double> VulkanSceneManager::energy_balance_sums_(const void* params_
                                                              const std::vector<float>& inputs,
                                                              const std::vector<float>& spectral,
                                                              int32_t slots) const {
-  const scene::EnergyBalancePrimitives prims = scene::gather_energy_balance_primitives(*this, false);
+  const scene::EnergyBalancePrimitives prims =
+      scene::gather_energy_balance_primitives(*this, false);
   const size_t n = prims.count;
   std::vector<float> table(n * 15);
   for (size_t p = 0; p < n; ++p) {
@@ -110,7 +111,8 @@ void VulkanSceneManager::require_energy_balance_device_(const char* what) const 
                              " needs 64-bit integers and floats in shaders (shaderInt64 and "
                              "shaderFloat64), which this device lacks");
   if (double(n_primitives()) * 15.0 >= double(INT32_MAX))
-    throw std::invalid_argument(std::string(what) + ": more primitives than the device tables hold");
+    throw std::invalid_argument(std::string(what) +
+                                ": more primitives than the device tables hold");
 }
 
 void VulkanSceneManager::run_energy_balance_gpu(const scene::EnergyBalanceRequest& r,

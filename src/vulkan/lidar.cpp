@@ -83,7 +83,7 @@ lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest&
     std::vector<float> beam_table(size_t(n_beam) * 3);
     for (size_t k = 0; k < size_t(n_beam); ++k)
       beam_table[3 * k] = beam.xy[2 * k], beam_table[3 * k + 1] = beam.xy[2 * k + 1],
-      beam_table[3 * k + 2] = beam.weights[k];
+                     beam_table[3 * k + 2] = beam.weights[k];
     auto filled = [&](const void* data, size_t bytes) {
       Buffer b = storage_buffer(context_, bytes);
       if (bytes) b.upload(data, bytes);
@@ -94,8 +94,8 @@ lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest&
     Buffer pulse_buf = filled(pulse_table.data(), pulse_table.size() * 4);
     Buffer beam_buf = filled(beam_table.data(), beam_table.size() * 4);
     Buffer param_buf = filled(&p, sizeof(p));
-    const size_t chunk = std::min<size_t>(
-        {pulses, size_t(MAX_DISPATCH), std::max<size_t>(1, CHUNK_VALUES / slab)});
+    const size_t chunk =
+        std::min<size_t>({pulses, size_t(MAX_DISPATCH), std::max<size_t>(1, CHUNK_VALUES / slab)});
     Buffer out_buf = storage_buffer(context_, chunk * slab * 4);
 
     if (!dev_->lidar)
@@ -124,8 +124,8 @@ lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest&
         mb.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
         mb.dstAccessMask = VK_ACCESS_SHADER_READ_BIT | VK_ACCESS_SHADER_WRITE_BIT;
         context_.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_TRANSFER_BIT,
-                                           context_.program_pipeline_stage(), 0, 1, &mb, 0,
-                                           nullptr, 0, nullptr);
+                                           context_.program_pipeline_stage(), 0, 1, &mb, 0, nullptr,
+                                           0, nullptr);
         prog.dispatch(cb, uint32_t(count), &push);
       });
       if (q.direct_mode) {
@@ -145,9 +145,8 @@ lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest&
   if (q.direct_mode) {
     r.num_returns = int32_t(r.points.size() / lidar::POINT_FLOATS);
   } else {
-    const std::vector<int32_t> ranges =
-        lidar::active_ranges(r.waveform, q.num_pulses < 0 ? 0 : q.num_pulses, num_bins,
-                             q.num_wavelengths);
+    const std::vector<int32_t> ranges = lidar::active_ranges(
+        r.waveform, q.num_pulses < 0 ? 0 : q.num_pulses, num_bins, q.num_wavelengths);
     lidar::finish_waveforms(q, ranges, r);
   }
   if (progress) progress(long(q.num_pulses), long(q.num_pulses), elapsed_ms(start));

@@ -117,8 +117,7 @@ class VulkanSceneManager : public scene::SceneModel {
  private:
   std::vector<double> energy_balance_sums_(const void* params, size_t params_bytes,
                                            const std::vector<float>& inputs,
-                                           const std::vector<float>& spectral,
-                                           int32_t slots) const;
+                                           const std::vector<float>& spectral, int32_t slots) const;
   void require_energy_balance_device_(const char* what) const;
 
   const VulkanContext& context_;
