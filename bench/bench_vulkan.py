@@ -3,7 +3,8 @@ instanced leaf triangles over a ground, repeated tiles, sun and sky): closest-hi
 of trace_closest and samples/s of simulate_backward on the first ranked Vulkan device,
 on each trace path it offers (ray queries, ray-tracing pipelines), against the CPU
 scene's trace_closest (one thread) and simulate_cpu (every thread) on the same scene in
-the same run. Runs are interleaved (CPU, then each path, repeated), and each figure is the
+the same run. On a smaller canopy of the same make (8k leaves), primitives/s of the
+energy-balance transports and pulses/s of the LiDAR scanner, device against CPU. Runs are interleaved (CPU, then each path, repeated), and each figure is the
 median of the repeats with its spread (min and max) beside it; the ratios are medians of
 the per-round ratios.
 
@@ -97,6 +98,68 @@ def main():
             emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",
                  spread=[round(min(ratios), 4), round(max(ratios), 4)],
                  baseline="the CPU scene on the same scene, in the same rounds")
+    transport_figures(vk, {p: c for p, (c, _) in scenes.items()}, device, args.repeat)
+
+
+def transport_figures(vk, contexts, device, repeat):
+    """Energy balance (longwave single band, 3-band walk with sun and leaf optics) in
+    primitives/s and LiDAR (waveform, direct) in pulses/s, each form on every path against
+    its CPU form on every thread, interleaved as above."""
+    small = dict(n_meshes=4, tris=500, n_instances=16)
+    cpu, _, _ = build_canopy(vk, np.random.default_rng(4), **small)
+    scenes = {p: build_canopy(vk, np.random.default_rng(4), scene=vk.VulkanSceneManager(c),
+                              **small)[0] for p, c in contexts.items()}
+    n = cpu.n_primitives()
+    rng = np.random.default_rng(5)
+    refl = rng.uniform(0.05, 0.45, (3, n)).astype(np.float32).ravel()
+    eb = dict(n_samples=4, band_type=1, sky_lw_radiance=90.0)
+    mb = dict(n_bands=3, n_samples=4, max_depth=4,
+              sun_irradiance=np.array([1200, 1500, 900], np.float32),
+              sky_diffuse_radiance=np.array([30, 40, 25], np.float32),
+              sun_dir_x=0.35, sun_dir_y=0.25, sun_dir_z=0.9, sw_reflectance=refl,
+              sw_back_reflectance=refl, sw_transmittance=refl)
+    n_pulses = 2000
+    o = np.column_stack([rng.uniform(0, 40, n_pulses), rng.uniform(0, 40, n_pulses),
+                         np.full(n_pulses, 30.0)]).astype(np.float32).ravel()
+    d = np.column_stack([rng.uniform(-0.2, 0.2, (n_pulses, 2)), -np.ones(n_pulses)])
+    d = (d / np.linalg.norm(d, axis=1)[:, None]).astype(np.float32).ravel()
+    lid = dict(beam_samples_per_dim=4, max_range=40.0)
+    forms = {
+        "energy_balance": (n, "primitives/s", eb, lambda: vk.run_energy_balance_cpu(cpu, **eb),
+                           lambda s: s.run_energy_balance_gpu(**eb)),
+        "energy_balance_multiband": (n, "primitives/s", mb,
+                                     lambda: vk.run_energy_balance_multiband_cpu(cpu, **mb),
+                                     lambda s: s.run_energy_balance_multiband_gpu(**mb)),
+        "lidar_waveform": (n_pulses, "pulses/s", lid,
+                           lambda: vk.simulate_lidar_cpu(cpu, o, d, n_pulses, **lid),
+                           lambda s: s.simulate_lidar(o, d, n_pulses, **lid)),
+        "lidar_direct": (n_pulses, "pulses/s", {},
+                         lambda: vk.simulate_lidar_cpu(cpu, o, d, n_pulses, direct_mode=True),
+                         lambda s: s.simulate_lidar(o, d, n_pulses, direct_mode=True)),
+    }
+    for _, _, _, _, gpu in forms.values():  # programs compiled once, outside the timing
+        for scene in scenes.values():
+            gpu(scene)
+    times = {k: {name: [] for name in ["cpu", *scenes]} for k in forms}
+    for _ in range(repeat):
+        for kind, (_, _, _, run_cpu, gpu) in forms.items():
+            times[kind]["cpu"].append(seconds(run_cpu))
+            for p, scene in scenes.items():
+                times[kind][p].append(seconds(lambda: gpu(scene)))
+    for kind, (work, unit, options, _, _) in forms.items():
+        settings = {k: v for k, v in options.items() if np.isscalar(v)}
+        for name, ts in times[kind].items():
+            rates = [work / t for t in ts]
+            emit("vulkan", f"{kind}_{unit.split('/')[0]}_per_s_{name}",
+                 round(statistics.median(rates), 1), unit,
+                 spread=[round(min(rates), 1), round(max(rates), 1)],
+                 device=device if name != "cpu" else "every CPU thread", repeats=repeat,
+                 primitives=n, **settings)
+        for name in scenes:
+            ratios = [c / g for c, g in zip(times[kind]["cpu"], times[kind][name])]
+            emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",
+                 spread=[round(min(ratios), 4), round(max(ratios), 4)],
+                 baseline="the CPU form on the same scene, in the same rounds")
 
 
 if __name__ == "__main__":
