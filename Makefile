@@ -33,7 +33,8 @@ build: configure
 # onto the ray-tracing pipeline path that GPUs without ray queries take.
 VK_PIPELINE := VESK_VULKAN_TRACE=pipeline
 VK_SUITE    := tests/python/test_vulkan.py tests/python/test_vulkan_microwave.py \
-               tests/python/test_vulkan_transport.py
+               tests/python/test_vulkan_transport.py \
+               tests/python/test_vulkan_media.py
 
 test: build
 	$(VK_TEST) $(BUILD)/vesk_tests --gtest_brief=1

@@ -1,6 +1,7 @@
 """Vulkan backend benchmark on the benchmark canopy (bench_util.build_canopy: 240k
 instanced leaf triangles over a ground, repeated tiles, sun and sky): closest-hit rays/s
-of trace_closest and samples/s of simulate_backward on the first ranked Vulkan device,
+of trace_closest and samples/s of simulate_backward on the first ranked Vulkan device
+(and samples/s of simulate_backward through a turbid leaf layer, build_turbid_layer),
 on each trace path it offers (ray queries, ray-tracing pipelines), against the CPU
 scene's trace_closest (one thread) and simulate_cpu (every thread) on the same scene in
 the same run. On a smaller canopy of the same make (8k leaves), primitives/s of the
@@ -31,6 +32,33 @@ def seconds(fn):
     return time.perf_counter() - t
 
 
+def build_turbid_layer(vk, scene):
+    """A turbid leaf layer (LAI 3, spherical leaves, a hot spot) 0-2 m up filling a
+    repeated 10 m tile over a soil, under sun and sky, seen obliquely at 64 x 48."""
+    f = np.float32
+    scene.set_num_bands(2)
+    scene.upload_spectral_params(np.array([0.15, 0.3, 0.08, 0.45, 0.05, 0.4, 1000.0, 800.0,
+                                           30.0, 20.0], f))
+    scene.add_material(0, 0, [0.15])
+    scene.add_material(13, 2, [0.3, 0.25])
+    scene.add_instance(scene.add_mesh(**vk.make_ground_plane(5, 5, 0, 10.0)), 5.0, 5.0, 0.0)
+    cube = {"vertices": np.array([[x, y, z] for z in (-.5, .5) for y in (-.5, .5) for x in (-.5, .5)], f),
+            "normals": np.zeros((0, 3), f),
+            "indices": np.array([[0, 2, 3], [0, 3, 1], [4, 5, 7], [4, 7, 6], [0, 1, 5], [0, 5, 4],
+                                 [2, 6, 7], [2, 7, 3], [0, 4, 6], [0, 6, 2], [1, 3, 7], [1, 7, 5]],
+                                np.int32), "material_id": 1}  # outward winding
+    scene.add_instance_xform(scene.add_mesh(**cube),
+                             np.array([10, 0, 0, 5, 0, 10, 0, 5, 0, 0, 2, 1], f))
+    scene.set_optical_turbid_media([1.5], [0], [1], [0.2], [-1, 0])
+    scene.set_emitter(0, np.array([0.3, 0.1, 0.95], f) / np.linalg.norm([0.3, 0.1, 0.95]), 6)
+    scene.set_sky(8)
+    scene.set_repetitive(100, 10.0, 10.0)
+    cam = np.array([[1, 0, 0, 5], [0, 0.8, -0.6, -5], [0, 0.6, 0.8, 15], [0, 0, 0, 1]], f).ravel()
+    scene.set_sensor(0, 64, 48, 10.0, 7.5, cam)
+    scene.build()
+    return scene
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build", default=str(ROOT / "build"))
@@ -50,12 +78,14 @@ def main():
                                ("ray_pipeline", first["has_ray_tracing_pipeline"])) if have]
     forced = os.environ.get("VESK_VULKAN_TRACE")
     cpu, _, _ = build_canopy(vk, np.random.default_rng(2))
+    cpu_layer = build_turbid_layer(vk, vk.EmbreeSceneManager())
+    layer_samples = 64 * 48 * args.spp
     scenes = {}
     for p in paths:
         os.environ["VESK_VULKAN_TRACE"] = PATHS[p]
         context = vk.VulkanContext(0)
         scene, _, _ = build_canopy(vk, np.random.default_rng(2), scene=vk.VulkanSceneManager(context))
-        scenes[p] = (context, scene)
+        scenes[p] = (context, scene, build_turbid_layer(vk, vk.VulkanSceneManager(context)))
     if forced is None:
         os.environ.pop("VESK_VULKAN_TRACE")
     else:
@@ -64,15 +94,18 @@ def main():
     origins, dirs = random_rays(np.random.default_rng(3), cpu, args.rays)
     w, h = cpu.sensor_config()["width"], cpu.sensor_config()["height"]
     samples = w * h * args.spp
-    for _, scene in scenes.values():  # programs compiled once, outside the timing
+    for _, scene, layer in scenes.values():  # programs compiled once, outside the timing
         scene.trace_closest(origins[:64], dirs[:64])
         scene.simulate_backward(1, 1)
+        layer.simulate_backward(1, 1)
 
     runs = {"trace": {"cpu": lambda: cpu.trace_closest(origins, dirs)},
-            "backward": {"cpu": lambda: vk.simulate_cpu(cpu, args.spp, args.max_depth)}}
-    for p, (_, scene) in scenes.items():
+            "backward": {"cpu": lambda: vk.simulate_cpu(cpu, args.spp, args.max_depth)},
+            "backward_media": {"cpu": lambda: vk.simulate_cpu(cpu_layer, args.spp, args.max_depth)}}
+    for p, (_, scene, layer) in scenes.items():
         runs["trace"][p] = lambda s=scene: s.trace_closest(origins, dirs)
         runs["backward"][p] = lambda s=scene: s.simulate_backward(args.spp, args.max_depth)
+        runs["backward_media"][p] = lambda s=layer: s.simulate_backward(args.spp, args.max_depth)
     times = {k: {n: [] for n in v} for k, v in runs.items()}
     for _ in range(args.repeat):
         for kind, fns in runs.items():
@@ -80,7 +113,8 @@ def main():
                 times[kind][name].append(seconds(fn))
 
     work = {"trace": (args.rays, "rays/s", "trace_closest_rays_per_s"),
-            "backward": (samples, "samples/s", "backward_samples_per_s")}
+            "backward": (samples, "samples/s", "backward_samples_per_s"),
+            "backward_media": (layer_samples, "samples/s", "backward_media_samples_per_s")}
     for kind, per in times.items():
         n, unit, figure = work[kind]
         for name, ts in per.items():
@@ -90,7 +124,7 @@ def main():
                  device=device if name != "cpu" else
                  ("calling thread" if kind == "trace" else "every CPU thread"),
                  repeats=args.repeat, **({"spp": args.spp, "max_depth": args.max_depth}
-                                         if kind == "backward" else {"rays": args.rays}))
+                                         if kind.startswith("backward") else {"rays": args.rays}))
         for name in per:
             if name == "cpu":
                 continue

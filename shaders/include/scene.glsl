@@ -64,9 +64,9 @@ vec3 linear_part(InstanceRecord r, vec3 v) {
 #ifdef VESK_RAY_PIPELINE
 layout(location = 0) rayPayloadEXT TracePayload trace_payload;
 
-TracePayload closest_triangle(vec3 o, vec3 d, float t_min, float t_max) {
+TracePayload closest_triangle_masked(vec3 o, vec3 d, float t_min, float t_max, uint mask) {
   trace_payload.instance = -1;
-  traceRayEXT(scene_top, gl_RayFlagsOpaqueEXT, 0xFF, 0, 0, 0, o, t_min, d, t_max, 0);
+  traceRayEXT(scene_top, gl_RayFlagsOpaqueEXT, mask, 0, 0, 0, o, t_min, d, t_max, 0);
   return trace_payload;
 }
 
@@ -80,11 +80,11 @@ bool any_triangle(vec3 o, vec3 d, float t_min, float t_max) {
   return trace_payload.instance >= 0;
 }
 #else
-TracePayload closest_triangle(vec3 o, vec3 d, float t_min, float t_max) {
+TracePayload closest_triangle_masked(vec3 o, vec3 d, float t_min, float t_max, uint mask) {
   TracePayload p;
   p.instance = -1;
   rayQueryEXT q;
-  rayQueryInitializeEXT(q, scene_top, gl_RayFlagsOpaqueEXT, 0xFF, o, t_min, d, t_max);
+  rayQueryInitializeEXT(q, scene_top, gl_RayFlagsOpaqueEXT, mask, o, t_min, d, t_max);
   while (rayQueryProceedEXT(q)) {
   }
   if (rayQueryGetIntersectionTypeEXT(q, true) != gl_RayQueryCommittedIntersectionTriangleEXT) return p;
@@ -105,7 +105,12 @@ bool any_triangle(vec3 o, vec3 d, float t_min, float t_max) {
 }
 #endif
 
-Hit trace_ray(vec3 o, vec3 d, float t_min, float t_max) {
+// Instance masks of the top-level structure: ordinary surfaces, and the bounding surfaces
+// of optical turbid media, which the media walks query apart (media.glsl).
+const uint MASK_SURFACE = 0x01u, MASK_MEDIUM_BOUNDARY = 0x02u, MASK_ALL = 0xFFu;
+
+// The closest hit among the instances whose mask shares a bit with `mask`.
+Hit trace_ray_masked(vec3 o, vec3 d, float t_min, float t_max, uint mask) {
   Hit h;
   h.t = t_max;
   h.position = vec3(0.0);
@@ -113,7 +118,7 @@ Hit trace_ray(vec3 o, vec3 d, float t_min, float t_max) {
   h.material_id = h.local_primitive = h.primitive_id = h.instance_id = -1;
   h.hit = h.back_face = false;
   if (!(t_max >= t_min) || dot(d, d) == 0.0) return h;
-  TracePayload raw = closest_triangle(o, d, t_min, t_max);
+  TracePayload raw = closest_triangle_masked(o, d, t_min, t_max, mask);
   if (raw.instance < 0) return h;
   h.hit = true;
   h.t = raw.t;
@@ -144,6 +149,10 @@ Hit trace_ray(vec3 o, vec3 d, float t_min, float t_max) {
   h.geometric_normal = ng;
   h.shading_normal = ns;
   return h;
+}
+
+Hit trace_ray(vec3 o, vec3 d, float t_min, float t_max) {
+  return trace_ray_masked(o, d, t_min, t_max, MASK_ALL);
 }
 
 // Whether anything lies along the ray between 1e-4 and t_max.

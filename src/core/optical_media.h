@@ -22,6 +22,18 @@ constexpr int32_t MAX_ACTIVE_MEDIA = 8;
 constexpr int32_t G_TABLE_SIZE = 91;  // view zenith 0, 1, ... 90 degrees
 constexpr int32_t LEAF_ANGLE_TYPES = 6;
 
+// The walk through media, the same on every backend.
+// Step off a bounding surface or a collision point, along the ray.
+constexpr float MEDIUM_STEP = 0.0002f;
+// Bounding-surface crossings (and scan intersections) allowed to one ray.
+constexpr int32_t MAX_MEDIUM_CROSSINGS = 128;
+// A tile border and a surface hit this close count as one event.
+constexpr float BORDER_TIE = 0.0005f;
+// After a tile wall the media are scanned MEDIUM_STEP past it, by a scan that starts
+// SURFACE_T_MIN (1e-4) further on: bounding surfaces within this distance of the wall are
+// already counted in the scan's list, and are passed without being crossed again.
+constexpr float WALL_REACH = MEDIUM_STEP + 1e-4f;
+
 // 0 spherical, 1 planophile, 2 erectophile, 3 plagiophile, 4 extremophile, 5 uniform.
 enum LeafAngleType : int32_t {
   LAD_SPHERICAL = 0,

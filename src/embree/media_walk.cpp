@@ -15,41 +15,13 @@ MediaScene MediaScene::from(const EmbreeSceneManager& scene) {
   ms.rep = scene.repetition();
   ms.z_lo = scene.min_height();
   ms.z_hi = scene.max_height();
-  if (!scene.has_optical_media()) return ms;
-  const auto& info = scene.instance_info();
-  const auto box = scene.instances_box([&](size_t i) {
-    return i < info.size() && scene.medium_of_material(info[i].material_id) >= 0;
-  });
-  ms.media_lo = box.lo, ms.media_hi = box.hi;
-  // Neighbours whose copies reach into the tile by more than the tie of a wall: media
-  // that end on the walls (within BORDER_TIE) meet their copies there and overlap none.
-  const float W = ms.rep.scene_x_size, H = ms.rep.scene_y_size;
-  if (ms.rep.active() && scene.num_instances() <= int32_t(INSTANCE_MASK))
-    for (int32_t i = -1; i <= 1; ++i)
-      for (int32_t j = -1; j <= 1; ++j) {
-        if (i == 0 && j == 0) continue;
-        const float3 off{float(i) * W, float(j) * H, 0.0f};
-        const float3 lo = box.lo + off, hi = box.hi + off;
-        if (!(lo.x < W - BORDER_TIE && hi.x > BORDER_TIE && lo.y < H - BORDER_TIE &&
-              hi.y > BORDER_TIE))
-          continue;
-        const int32_t g = ms.n_ghosts++;
-        ms.ghost_offset[g] = off;
-        ms.ghost_lo[g] = {std::max(lo.x, 0.0f), std::max(lo.y, 0.0f), lo.z};
-        ms.ghost_hi[g] = {std::min(hi.x, W), std::min(hi.y, H), hi.z};
-      }
-  // A margin for the steps off surfaces and rounding in the transforms.
-  const float3 pad{1e-3f, 1e-3f, 1e-3f};
-  for (int32_t g = 0; g < ms.n_ghosts; ++g) {
-    ms.ghost_lo[g] = ms.ghost_lo[g] - pad, ms.ghost_hi[g] = ms.ghost_hi[g] + pad;
-    const float3 &glo = ms.ghost_lo[g], &ghi = ms.ghost_hi[g];
-    ms.media_lo = {std::min(ms.media_lo.x, glo.x), std::min(ms.media_lo.y, glo.y),
-                   std::min(ms.media_lo.z, glo.z)};
-    ms.media_hi = {std::max(ms.media_hi.x, ghi.x), std::max(ms.media_hi.y, ghi.y),
-                   std::max(ms.media_hi.z, ghi.z)};
+  const scene::MediaBounds mb = scene::media_bounds(scene);
+  ms.media_lo = mb.media_lo, ms.media_hi = mb.media_hi;
+  ms.n_ghosts = mb.n_ghosts;
+  for (int32_t g = 0; g < mb.n_ghosts; ++g) {
+    ms.ghost_offset[g] = mb.ghost_offset[g];
+    ms.ghost_lo[g] = mb.ghost_lo[g], ms.ghost_hi[g] = mb.ghost_hi[g];
   }
-  ms.media_lo = ms.media_lo - pad;
-  ms.media_hi = ms.media_hi + pad;
   return ms;
 }
 

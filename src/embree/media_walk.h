@@ -8,19 +8,9 @@
 #include "core/optical_media.h"
 #include "core/tile.h"
 #include "embree/scene_manager.h"
+#include "scene/media_bounds.h"
 
 namespace vesk::embree {
-
-// Step off a bounding surface or a collision point, along the ray.
-constexpr float MEDIUM_STEP = 0.0002f;
-// Bounding-surface crossings (and scan intersections) allowed to one ray.
-constexpr int32_t MAX_MEDIUM_CROSSINGS = 128;
-// A tile border and a surface hit this close count as one event.
-constexpr float BORDER_TIE = 0.0005f;
-// After a tile wall the media are scanned MEDIUM_STEP past it, by a scan that starts
-// SURFACE_T_MIN further on: bounding surfaces within this distance of the wall are
-// already counted in the scan's list, and are passed without being crossed again.
-constexpr float WALL_REACH = MEDIUM_STEP + 1e-4f;
 
 // Everything a media-aware walk reads, gathered once per run.
 struct MediaScene {
@@ -39,8 +29,8 @@ struct MediaScene {
   // Pairs of a neighbour's copies carry its number (1..8) in the instance key's top bits.
   int32_t n_ghosts = 0;
   float3 ghost_offset[8], ghost_lo[8], ghost_hi[8];
-  static constexpr int GHOST_SHIFT = 27;
-  static constexpr uint32_t INSTANCE_MASK = (1u << GHOST_SHIFT) - 1u;
+  static constexpr int GHOST_SHIFT = scene::MediaBounds::GHOST_SHIFT;
+  static constexpr uint32_t INSTANCE_MASK = scene::MediaBounds::INSTANCE_MASK;
 
   static MediaScene from(const EmbreeSceneManager& scene);
   // The bounding instance of an active-list key.

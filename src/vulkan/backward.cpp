@@ -31,6 +31,7 @@ struct BackwardParams {
   int32_t has_temperatures, has_sif, n_primitives;
   int32_t want_sq, want_aov, want_orders, last_order;
   uint32_t plane, sq_offset, aov_offset, orders_offset;
+  int32_t n_materials;
 };
 
 struct Push {
@@ -53,18 +54,24 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   if (sensor_.width < 1 || sensor_.height < 1)
     throw std::invalid_argument(
         "the sensor has no pixels: call set_sensor() with a positive width and height first");
-  if (has_optical_media())
-    throw std::invalid_argument(
-        "simulate_backward: the Vulkan tracer does not follow optical turbid media; render "
-        "scenes with media with simulate_cpu");
-  for (const InstanceInfo& info : instance_info_) {
-    const MaterialType t = materials_[size_t(info.material_id)].type;
+  // Leaves in media scatter with their medium's material, which no instance may show.
+  std::vector<int32_t> used;
+  for (const InstanceInfo& info : instance_info_) used.push_back(info.material_id);
+  for (const OpticalTurbidMediumData& m : optical_media())
+    if (m.material_id >= 0 && size_t(m.material_id) < materials_.size()) used.push_back(m.material_id);
+  for (const int32_t id : used) {
+    const MaterialType t = materials_[size_t(id)].type;
     if (t != MaterialType::Diffuse && t != MaterialType::Rpv &&
         t != MaterialType::DiffuseTransmitting)
-      throw std::invalid_argument("Vulkan: material " + std::to_string(info.material_id) +
-                                  " has type " + std::to_string(int(t)) +
+      throw std::invalid_argument("Vulkan: material " + std::to_string(id) + " has type " +
+                                  std::to_string(int(t)) +
                                   ", which the Vulkan tracers do not know (0, 1 or 13)");
   }
+  if (has_optical_media() && !instance_sif_source_fields_.empty() &&
+      emission_mode_ != scene::EMISSION_THERMAL)
+    throw std::invalid_argument(
+        "simulate_backward: the Vulkan tracer does not read instance SIF source fields of "
+        "leaves in optical turbid media; render such scenes with simulate_cpu");
   if (!context_.has_shader_int64_float64())
     throw std::runtime_error(
         "Vulkan: the backward tracer needs 64-bit integers and floats in shaders (shaderInt64 "
@@ -118,6 +125,7 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   p.want_orders = request.scattering_order;
   p.last_order = request.scattering_order ? request.max_output_order + 1 : 0;
   p.plane = uint32_t(plane);
+  p.n_materials = int32_t(materials_.size());
   uint32_t next = uint32_t(plane);
   if (request.standard_error) p.sq_offset = next, next += uint32_t(plane);
   if (request.event_aov) p.aov_offset = next, next += uint32_t(backend::EVENT_SLOTS * plane);
@@ -148,14 +156,19 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
   Buffer film_buf = storage_buffer(context_, film_values * sizeof(double));
   Buffer scratch_buf = storage_buffer(context_, size_t(plane) * 2 * sizeof(double));
 
-  if (!dev_->backward)
-    dev_->backward = std::make_unique<Program>(
-        context_, resolve_program("backward.spv", program_dir_),
+  // Scenes with media take the program with the media walk (backward_media.spv).
+  const bool with_media = has_optical_media();
+  std::unique_ptr<Program>& slot = with_media ? dev_->backward_media : dev_->backward;
+  if (!slot)
+    slot = std::make_unique<Program>(
+        context_, resolve_program(with_media ? "backward_media.spv" : "backward.spv", program_dir_),
         std::vector<VkDescriptorType>{VK_DESCRIPTOR_TYPE_ACCELERATION_STRUCTURE_KHR, SB, SB, SB, SB,
-                                      SB, SB, SB, SB, SB, SB, SB, SB, SB},
+                                      SB, SB, SB, SB, SB, SB, SB, SB, SB, SB, SB},
         uint32_t(sizeof(Push)));
-  Program& prog = *dev_->backward;
+  Program& prog = *slot;
+  dev_->prepare_media(*this);
   dev_->bind_scene(prog);
+  dev_->bind_media(prog, 14);
   prog.bind(6, mat_buf);
   prog.bind(7, spectral_buf);
   prog.bind(8, wl_buf);

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "core/array_check.h"
+#include "vulkan/device_media.h"
 
 namespace vesk::vulkan {
 
@@ -442,24 +443,30 @@ void VulkanSceneManager::Device::build(const std::vector<scene::Mesh>& meshes,
 
 void VulkanSceneManager::Device::rebuild_top_level(const std::vector<scene::Instance>& instances,
                                                    const std::vector<InstanceInfo>& info) {
-  destroy(context, top);
   const std::vector<InstanceRecord> records = make_instance_records(instances, info);
   instance_records = storage_buffer(context, records.size() * sizeof(InstanceRecord));
   instance_records.upload(records.data(), records.size() * sizeof(InstanceRecord));
 
-  std::vector<VkAccelerationStructureInstanceKHR> tl(instances.size());
+  top_instances.assign(instances.size(), VkAccelerationStructureInstanceKHR{});
   for (size_t i = 0; i < instances.size(); ++i) {
+    VkAccelerationStructureInstanceKHR& tl = top_instances[i];
     // Both are row-major 3x4.
-    std::memcpy(&tl[i].transform, instances[i].transform, 12 * sizeof(float));
-    tl[i].instanceCustomIndex = 0;
-    tl[i].mask = 0xFF;
-    tl[i].instanceShaderBindingTableRecordOffset = 0;
+    std::memcpy(&tl.transform, instances[i].transform, 12 * sizeof(float));
+    tl.instanceCustomIndex = 0;
+    tl.mask = i < instance_masks.size() ? instance_masks[i] : MASK_SURFACE;
+    tl.instanceShaderBindingTableRecordOffset = 0;
     // Hits on both faces, as on the CPU; back faces are told apart in the program.
-    tl[i].flags = VK_GEOMETRY_INSTANCE_TRIANGLE_FACING_CULL_DISABLE_BIT_KHR;
-    tl[i].accelerationStructureReference = bottom.at(size_t(instances[i].mesh_id)).address;
+    tl.flags = VK_GEOMETRY_INSTANCE_TRIANGLE_FACING_CULL_DISABLE_BIT_KHR;
+    tl.accelerationStructureReference = bottom.at(size_t(instances[i].mesh_id)).address;
   }
-  instance_table = storage_buffer(context, tl.size() * sizeof(tl[0]), AS_INPUT);
-  instance_table.upload(tl.data(), tl.size() * sizeof(tl[0]));
+  build_top_level();
+}
+
+void VulkanSceneManager::Device::build_top_level() {
+  destroy(context, top);
+  const size_t bytes = top_instances.size() * sizeof(top_instances[0]);
+  instance_table = storage_buffer(context, bytes, AS_INPUT);
+  instance_table.upload(top_instances.data(), bytes);
 
   std::vector<PendingBuild> builds(1);
   PendingBuild& pb = builds[0];
@@ -472,7 +479,7 @@ void VulkanSceneManager::Device::rebuild_top_level(const std::vector<scene::Inst
   pb.geometry.geometry.instances.data.deviceAddress = instance_table.device_address();
   VkDeviceSize scratch = 0;
   top = create_structure(context, pb, VK_ACCELERATION_STRUCTURE_TYPE_TOP_LEVEL_KHR,
-                         uint32_t(instances.size()), scratch);
+                         uint32_t(top_instances.size()), scratch);
   run_builds(context, builds, scratch);
 }
 

@@ -88,10 +88,20 @@ struct VulkanSceneManager::Device {
 
   void build(const std::vector<scene::Mesh>& meshes, const std::vector<scene::Instance>& instances,
              const std::vector<InstanceInfo>& info);
+  // Set instance_masks first (media_instance_masks): they are built into the structure.
   void rebuild_top_level(const std::vector<scene::Instance>& instances,
                          const std::vector<InstanceInfo>& info);
+  // The top-level structure over top_instances as they are.
+  void build_top_level();
   // Binds the scene tables at bindings 0 (structure) to 5 of a program.
   void bind_scene(Program& p) const;
+  // The scene's optical media for a run (device_media.cpp): the tables of media.glsl
+  // uploaded, and the structure's instance masks brought up to date where the media
+  // changed since the build. Call before bind_scene and bind_media.
+  void prepare_media(const scene::SceneModel& scene);
+  // Binds the two tables of media.glsl at `first` (MEDIA_TABLE_BINDING) and first + 1
+  // (MEDIA_MATERIAL_BINDING).
+  void bind_media(Program& p, uint32_t first) const;
   void release_structures();
 
   const VulkanContext& context;
@@ -99,8 +109,12 @@ struct VulkanSceneManager::Device {
   Buffer vertices, normals, indices, mesh_table, instance_table, instance_records;
   std::vector<AccelerationStructure> bottom;
   AccelerationStructure top;
+  std::vector<VkAccelerationStructureInstanceKHR> top_instances;  // as built into `top`
+  std::vector<uint8_t> instance_masks;  // MASK_SURFACE or MASK_MEDIUM_BOUNDARY per instance
+  Buffer media_table, material_media;   // media.glsl's MediaTable and MaterialMedia
   std::vector<uint32_t> mesh_vertex_counts;
-  std::unique_ptr<Program> backward;               // loaded on first use
+  std::unique_ptr<Program> backward;  // loaded on first use
+  std::unique_ptr<Program> backward_media;
   std::unique_ptr<Program> microwave;              // loaded on first use
   std::unique_ptr<Program> energy_balance, lidar;  // loaded on first use
 };

@@ -7,6 +7,7 @@
 
 #include "core/array_check.h"
 #include "vulkan/context.h"
+#include "vulkan/device_media.h"
 #include "vulkan/device_scene.h"
 
 namespace vesk::vulkan {
@@ -31,6 +32,7 @@ void VulkanSceneManager::build() {
     instance_info_.push_back({inst.mesh_id, mesh.material_id, offset});
     offset += int32_t(mesh.indices.size());
   }
+  dev_->instance_masks = media_instance_masks(*this);
   dev_->build(meshes_, instances_, instance_info_);
   store_aabb_(b);
   built_ = structure_current_ = true;
@@ -41,6 +43,7 @@ void VulkanSceneManager::refit_ias() {
   if (!built_) throw std::runtime_error("refit_ias: scene not built. Call build() first.");
   require_idle_();
   const SceneBox b = checked_scene_box_();
+  dev_->instance_masks = media_instance_masks(*this);
   dev_->rebuild_top_level(instances_, instance_info_);
   store_aabb_(b);
   ++geometry_build_revision_;

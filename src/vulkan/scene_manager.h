@@ -70,8 +70,8 @@ class VulkanSceneManager : public scene::SceneModel {
   }
   void set_populate_primitive_soa(bool on) { populate_soa_ = on; }
 
-  // Read only by leaves inside optical media, which the device tracers refuse: the
-  // tables are kept for the host and checked for shape alone.
+  // Read only by leaves inside optical media, whose fields the device tracers do not read
+  // yet (they refuse such runs): the tables are kept for the host and checked for shape.
   void set_instance_sif_source_fields(InstanceSifSourceFields fields);
 
   // ---- device work ----
