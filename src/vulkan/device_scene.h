@@ -115,8 +115,8 @@ struct VulkanSceneManager::Device {
   std::vector<uint32_t> mesh_vertex_counts;
   std::unique_ptr<Program> backward;  // loaded on first use
   std::unique_ptr<Program> backward_media;
-  std::unique_ptr<Program> microwave;              // loaded on first use
-  std::unique_ptr<Program> energy_balance, lidar;  // loaded on first use
+  std::unique_ptr<Program> microwave;                           // loaded on first use
+  std::unique_ptr<Program> energy_balance, lidar, lidar_media;  // loaded on first use
 };
 
 }  // namespace vesk::vulkan

@@ -1,6 +1,7 @@
 // simulate_lidar on the device: one invocation per pulse traces the direct-mode point or
-// the raw waveform; the convolution with the pulse and the peak picking run on the host
-// with the CPU's own code, so both backends give the same points from the same waveforms.
+// the raw waveform (through optical turbid media with lidar_media.spv); the convolution with the
+// pulse and the peak picking run on the host with the CPU's own code, so both backends give the
+// same points from the same waveforms.
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -24,6 +25,7 @@ struct LidarParams {
   float range_resolution, min_range, max_range;
   int32_t num_repetitions;
   float tile_w, tile_h, z_lo, z_hi;
+  int32_t n_materials;
 };
 
 constexpr VkDescriptorType SB = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER;
@@ -38,10 +40,12 @@ constexpr size_t CHUNK_VALUES = size_t(1) << 24;
 lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest& q,
                                                       const ProgressFn& progress) const {
   lidar::validate_lidar_request(*this, q, "simulate_lidar");
-  if (!q.direct_mode && has_optical_media())
-    throw std::invalid_argument(
-        "simulate_lidar: the Vulkan scanner does not follow optical turbid media in waveform "
-        "mode; scan scenes with media with simulate_lidar_cpu, or in direct mode");
+  // Direct mode meets a medium's boundary like any surface, as on the CPU.
+  const bool media = !q.direct_mode && has_optical_media();
+  if (media && !context_.has_shader_int64_float64())
+    throw std::runtime_error(
+        "Vulkan: the LiDAR waveforms through optical turbid media need 64-bit integers and "
+        "floats in shaders (shaderInt64 and shaderFloat64), which this device lacks");
   const lidar::Beam beam = lidar::beam_pattern(q.beam_samples_per_dim);
   const int32_t num_bins = lidar::bin_count(q);
   const size_t W = size_t(q.num_wavelengths);
@@ -71,6 +75,7 @@ lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest&
     p.num_repetitions = repetition_.num_repetitions;
     p.tile_w = repetition_.scene_x_size, p.tile_h = repetition_.scene_y_size;
     p.z_lo = min_height_, p.z_hi = max_height_;
+    p.n_materials = int32_t(materials_.size());
 
     std::vector<int32_t> mats(materials_.size() * 2);
     for (size_t i = 0; i < materials_.size(); ++i)
@@ -97,14 +102,24 @@ lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest&
     const size_t chunk =
         std::min<size_t>({pulses, size_t(MAX_DISPATCH), std::max<size_t>(1, CHUNK_VALUES / slab)});
     Buffer out_buf = storage_buffer(context_, chunk * slab * 4);
+    // Through media, each pulse's extinction and backscatter per bin (lidar_media.spv).
+    Buffer scratch_buf =
+        storage_buffer(context_, media ? chunk * size_t(num_bins) * (W + 1) * 4 : 0);
 
-    if (!dev_->lidar)
-      dev_->lidar = std::make_unique<Program>(
-          context_, resolve_program("lidar.spv", program_dir_),
-          std::vector<VkDescriptorType>{VK_DESCRIPTOR_TYPE_ACCELERATION_STRUCTURE_KHR, SB, SB, SB,
-                                        SB, SB, SB, SB, SB, SB, SB, SB},
+    std::unique_ptr<Program>& slot = media ? dev_->lidar_media : dev_->lidar;
+    if (!slot) {
+      std::vector<VkDescriptorType> types(media ? 15 : 12, SB);
+      types[0] = VK_DESCRIPTOR_TYPE_ACCELERATION_STRUCTURE_KHR;
+      slot = std::make_unique<Program>(
+          context_, resolve_program(media ? "lidar_media.spv" : "lidar.spv", program_dir_), types,
           uint32_t(sizeof(uint32_t)), "lidar");
-    Program& prog = *dev_->lidar;
+    }
+    Program& prog = *slot;
+    if (media) {
+      dev_->prepare_media(*this);
+      dev_->bind_media(prog, 13);
+      prog.bind(12, scratch_buf);
+    }
     dev_->bind_scene(prog);
     prog.bind(6, mat_buf);
     prog.bind(7, spectral_buf);
