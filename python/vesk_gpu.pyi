@@ -542,8 +542,8 @@ class VulkanSceneManager:
         """simulate_lidar_cpu on the device: the same arguments, rays and returned dict. One
         invocation per pulse traces the direct-mode point or the raw waveform; the
         convolution with the pulse and the peak picking run on the host with the CPU's code.
-        Points come in pulse order in both modes. Waveform mode refuses scenes with optical
-        turbid media. '_execution' names the trace path, as
+        Points come in pulse order in both modes. Waveforms follow optical turbid media as
+        on the CPU (64-bit shader arithmetic needed then). '_execution' names the path, as
         'vulkan.ray_query.lidar_waveform' or 'vulkan.ray_pipeline.lidar_point_cloud'.
         """
     def simulate_microwave(self: VulkanSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., include_atmosphere: bool = ..., atm_tau: float = ..., air_temperature: float = ..., max_depth: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:

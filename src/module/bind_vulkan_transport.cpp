@@ -89,8 +89,8 @@ void bind_vulkan_transport(py::module_& m) {
       "simulate_lidar_cpu on the device: the same arguments, rays and returned dict. One\n"
       "invocation per pulse traces the direct-mode point or the raw waveform; the\n"
       "convolution with the pulse and the peak picking run on the host with the CPU's code.\n"
-      "Points come in pulse order in both modes. Waveform mode refuses scenes with optical\n"
-      "turbid media. '_execution' names the trace path, as\n"
+      "Points come in pulse order in both modes. Waveforms follow optical turbid media as\n"
+      "on the CPU (64-bit shader arithmetic needed then). '_execution' names the path, as\n"
       "'vulkan.ray_query.lidar_waveform' or 'vulkan.ray_pipeline.lidar_point_cloud'.");
 }
 
