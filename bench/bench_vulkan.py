@@ -132,13 +132,14 @@ def main():
             emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",
                  spread=[round(min(ratios), 4), round(max(ratios), 4)],
                  baseline="the CPU scene on the same scene, in the same rounds")
-    transport_figures(vk, {p: c for p, (c, _) in scenes.items()}, device, args.repeat)
+    transport_figures(vk, {p: v[0] for p, v in scenes.items()}, device, args.repeat)
 
 
 def transport_figures(vk, contexts, device, repeat):
     """Energy balance (longwave single band, 3-band walk with sun and leaf optics) in
-    primitives/s and LiDAR (waveform, direct) in pulses/s, each form on every path against
-    its CPU form on every thread, interleaved as above."""
+    primitives/s and LiDAR (waveform, direct, waveform through the turbid layer) in
+    pulses/s, each form on every path against its CPU form on every thread, interleaved
+    as above."""
     small = dict(n_meshes=4, tris=500, n_instances=16)
     cpu, _, _ = build_canopy(vk, np.random.default_rng(4), **small)
     scenes = {p: build_canopy(vk, np.random.default_rng(4), scene=vk.VulkanSceneManager(c),
@@ -158,6 +159,12 @@ def transport_figures(vk, contexts, device, repeat):
     d = np.column_stack([rng.uniform(-0.2, 0.2, (n_pulses, 2)), -np.ones(n_pulses)])
     d = (d / np.linalg.norm(d, axis=1)[:, None]).astype(np.float32).ravel()
     lid = dict(beam_samples_per_dim=4, max_range=40.0)
+    cpu_layer = build_turbid_layer(vk, vk.EmbreeSceneManager())
+    layers = {p: build_turbid_layer(vk, vk.VulkanSceneManager(c)) for p, c in contexts.items()}
+    n_turbid = 500
+    ot = np.column_stack([rng.uniform(0, 10, n_turbid), rng.uniform(0, 10, n_turbid),
+                          np.full(n_turbid, 30.0)]).astype(np.float32).ravel()
+    dt = d[:3 * n_turbid]
     forms = {
         "energy_balance": (n, "primitives/s", eb, lambda: vk.run_energy_balance_cpu(cpu, **eb),
                            lambda s: s.run_energy_balance_gpu(**eb)),
@@ -170,16 +177,22 @@ def transport_figures(vk, contexts, device, repeat):
         "lidar_direct": (n_pulses, "pulses/s", {},
                          lambda: vk.simulate_lidar_cpu(cpu, o, d, n_pulses, direct_mode=True),
                          lambda s: s.simulate_lidar(o, d, n_pulses, direct_mode=True)),
+        "lidar_waveform_turbid": (n_turbid, "pulses/s", lid,
+                                  lambda: vk.simulate_lidar_cpu(cpu_layer, ot, dt, n_turbid, **lid),
+                                  lambda s: layers[s].simulate_lidar(ot, dt, n_turbid, **lid)),
     }
-    for _, _, _, _, gpu in forms.values():  # programs compiled once, outside the timing
-        for scene in scenes.values():
-            gpu(scene)
+    def target(kind, p):
+        return p if kind == "lidar_waveform_turbid" else scenes[p]
+
+    for kind, (_, _, _, _, gpu) in forms.items():  # programs compiled once, outside the timing
+        for p in scenes:
+            gpu(target(kind, p))
     times = {k: {name: [] for name in ["cpu", *scenes]} for k in forms}
     for _ in range(repeat):
         for kind, (_, _, _, run_cpu, gpu) in forms.items():
             times[kind]["cpu"].append(seconds(run_cpu))
-            for p, scene in scenes.items():
-                times[kind][p].append(seconds(lambda: gpu(scene)))
+            for p in scenes:
+                times[kind][p].append(seconds(lambda: gpu(target(kind, p))))
     for kind, (work, unit, options, _, _) in forms.items():
         settings = {k: v for k, v in options.items() if np.isscalar(v)}
         for name, ts in times[kind].items():
@@ -188,7 +201,8 @@ def transport_figures(vk, contexts, device, repeat):
                  round(statistics.median(rates), 1), unit,
                  spread=[round(min(rates), 1), round(max(rates), 1)],
                  device=device if name != "cpu" else "every CPU thread", repeats=repeat,
-                 primitives=n, **settings)
+                 primitives=n if kind != "lidar_waveform_turbid" else cpu_layer.n_primitives(),
+                 **settings)
         for name in scenes:
             ratios = [c / g for c, g in zip(times[kind]["cpu"], times[kind][name])]
             emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",

@@ -142,17 +142,17 @@ void VulkanSceneManager::run_energy_balance_gpu(const scene::EnergyBalanceReques
   p.reflectance_offset = p.back_offset = p.transmittance_offset = -1;
   p.sun_offset = p.diffuse_offset = p.table_offset = -1;
   p.exitance_offset = -1;
-  if (longwave) {
-    const scene::EnergyBalancePrimitives lw = scene::gather_energy_balance_primitives(*this, true);
-    p.exitance_offset = append(inputs, lw.exitance.data(), n);
-  }
+  const scene::EnergyBalancePrimitives prims =
+      scene::gather_energy_balance_primitives(*this, longwave);
+  if (longwave) p.exitance_offset = append(inputs, prims.exitance.data(), n);
   p.sky_uniform = p.sky_directional = p.sky_hw = -1;
   p.num_repetitions = repetition_.num_repetitions;
   p.tile_w = repetition_.scene_x_size, p.tile_h = repetition_.scene_y_size;
   p.min_height = min_height_, p.max_height = max_height_;
   p.slots = (r.two_sided ? 2 : 1) + 3;
 
-  const std::vector<double> s = energy_balance_sums_(&p, sizeof(p), inputs, spectral_, p.slots);
+  const std::vector<double> s =
+      energy_balance_sums_(prims, &p, sizeof(p), inputs, spectral_, p.slots);
   out.top.assign(n, 0.0f);
   out.bot.assign(r.two_sided ? n : 0, 0.0f);
   const double w = double(PI_F) / r.n_samples;
@@ -215,7 +215,9 @@ void VulkanSceneManager::run_energy_balance_multiband_gpu(
   p.min_height = min_height_, p.max_height = max_height_;
   p.slots = slots;
 
-  const std::vector<double> s = energy_balance_sums_(&p, sizeof(p), inputs, spectral, slots);
+  const std::vector<double> s =
+      energy_balance_sums_(scene::gather_energy_balance_primitives(*this, false), &p, sizeof(p),
+                           inputs, spectral, slots);
   out.top.assign(spectral_n, 0.0f);
   out.bot.assign(r.two_sided ? spectral_n : 0, 0.0f);
   out.sunlit_fraction.assign(n, 0.0f);

@@ -115,7 +115,8 @@ class VulkanSceneManager : public scene::SceneModel {
   struct Device;  // buffers, structures and programs, kept out of this header
 
  private:
-  std::vector<double> energy_balance_sums_(const void* params, size_t params_bytes,
+  std::vector<double> energy_balance_sums_(const scene::EnergyBalancePrimitives& prims,
+                                           const void* params, size_t params_bytes,
                                            const std::vector<float>& inputs,
                                            const std::vector<float>& spectral, int32_t slots) const;
   void require_energy_balance_device_(const char* what) const;
