@@ -366,6 +366,14 @@ class VulkanSceneManager:
         """Remove the per-primitive SIF spectra."""
     def clear_primitive_temperatures(self: VulkanSceneManager) -> None:
         """Clear the per-primitive temperature override (kernel reverts to mat.params[2..4])."""
+    def conditional_hotspot_transmittance(self: VulkanSceneManager, medium_id: int, optical_depth: float, initial_medium_distance: float, observation_distance: float, source_direction: numpy.typing.NDArray[numpy.float32], observation_direction: numpy.typing.NDArray[numpy.float32]) -> float:
+        """Transmittance of a shadow ray of optical depth tau and length a (initial medium
+        distance) inside a medium whose first-order path already ran b (observation distance)
+        inside it: the paths share leaves over the characteristic length, shrinking with the
+        angle between source and observation directions. exp(-tau) without correlation;
+        never above 1. A non-finite number or a zero direction is refused (ValueError
+        naming it).
+        """
     def geometry_build_revision(self: VulkanSceneManager) -> int:
         """Counter raised by build() and refit_ias(); results made from an older revision are stale."""
     def get_instance_primitive_offsets(self: VulkanSceneManager) -> list[int]:
@@ -391,7 +399,7 @@ class VulkanSceneManager:
     def is_populate_primitive_soa(self: VulkanSceneManager) -> bool:
         """Whether the per-primitive SoA will be (or has been) populated on the next build (true if explicitly enabled or implied by thermal/SIF mode)."""
     def material_medium_ids(self: VulkanSceneManager) -> list[int]:
-        ...
+        """The medium of each material (-1: ordinary), as given to set_optical_turbid_media."""
     def max_height(self: VulkanSceneManager) -> float:
         """Top of the scene bounds after build."""
     def min_height(self: VulkanSceneManager) -> float:
@@ -402,6 +410,10 @@ class VulkanSceneManager:
         ...
     def num_optical_turbid_media(self: VulkanSceneManager) -> int:
         ...
+    def optical_turbid_medium(self: VulkanSceneManager, medium_id: int) -> dict:
+        """One medium: 'leaf_area_density', 'leaf_characteristic_length', 'leaf_angle_type',
+        'orientation', 'material_id' and 'projection_g' (G at view zenith 0..90 degrees).
+        """
     def primitive_geometry(self: VulkanSceneManager) -> dict:
         """World-space primitives in global order: 'vertices' (P, 3, 3) float32, 'normals' (P, 3),
         'areas' (P,), 'material_ids', 'instance_ids', 'primitive_ids' (P,) int32.
@@ -442,6 +454,13 @@ class VulkanSceneManager:
         [soil, trunk, size, 2], lut_info 9 ints per material (type, Mueller offset, n_cti,
         n_cts, n_dphi, cosine CDF offset, azimuth CDF offset, specular offset, n_specular).
         """
+    def sample_combined_free_path(self: VulkanSceneManager, active_medium_ids: numpy.typing.NDArray[numpy.int32], direction: numpy.typing.NDArray[numpy.float32], distance_sample: float, selection_sample: float) -> dict:
+        """The tracers' free path through overlapping media: distance = -ln(1 - u) / sigma_total
+        (sigma = leaf_area_density * G(direction), summed over the media), and the medium
+        hit, chosen by selection_sample in proportion to sigma. Returns 'distance' (the
+        largest float when nothing can collide), 'sigma_total', 'selected_slot', 'medium_id'.
+        A non-finite number or a zero direction is refused (ValueError naming it).
+        """
     def sensor_config(self: VulkanSceneManager) -> dict:
         """The sensor record: 'type', 'width', 'height', 'ortho_width', 'ortho_height', 'fov'
         (radians), 'projection_type' and 'camera_to_world' (16 floats, row-major).
@@ -460,7 +479,8 @@ class VulkanSceneManager:
         """
     def set_instance_sif_source_fields(self: VulkanSceneManager, spatial_spectra: numpy.typing.NDArray[numpy.float32], orientation_spectra: numpy.typing.NDArray[numpy.float32], joint_spectra: numpy.typing.NDArray[numpy.float32], direct_joint_spectra: numpy.typing.NDArray[numpy.float32], bounds_min: numpy.typing.NDArray[numpy.float32], bounds_max: numpy.typing.NDArray[numpy.float32], grid_dims: numpy.typing.NDArray[numpy.int32], n_sif_bands: int, spatial_cell_stride: int, orientation_theta_bins: int, orientation_phi_bins: int) -> None:
         """Per-instance SIF source tables in the CPU scene's layout. Leaves inside media read
-        them, and the Vulkan tracers refuse media: the tables are kept for the host.
+        them on the CPU; simulate_backward on the device refuses a scene with media that
+        has them (optical and SIF modes): the tables are kept for the host.
         """
     def set_instance_sif_spectra(self: VulkanSceneManager, spectra: numpy.typing.NDArray[numpy.float32], n_sif_bands: int) -> None:
         """Upload per-instance TurbidBoundary SIF spectra in band-major layout [n_sif_bands * num_instances]."""
@@ -477,8 +497,18 @@ class VulkanSceneManager:
         spectral entry.
         """
     def set_optical_turbid_media(self: VulkanSceneManager, leaf_area_density: numpy.typing.NDArray[numpy.float32], leaf_angle_types: numpy.typing.NDArray[numpy.int32], orientations: numpy.typing.NDArray[numpy.int32], leaf_characteristic_lengths: numpy.typing.NDArray[numpy.float32], material_medium_ids: numpy.typing.NDArray[numpy.int32]) -> None:
-        """The table of optical turbid media, checked as on the CPU scene. The Vulkan tracers do
-        not follow media: simulate_backward refuses a scene that has any.
+        """Replace the table of optical turbid media: volumes of leaves bounded by closed
+        meshes whose material is listed in material_medium_ids. One entry per medium:
+        leaf_area_density (m2 m-3, >= 0); leaf_angle_types 0 spherical, 1 planophile,
+        2 erectophile, 3 plagiophile, 4 extremophile, 5 uniform; orientations 1 when the
+        medium is inside the bounding mesh (outward-wound), -1 when outside;
+        leaf_characteristic_lengths (m, the hot-spot correlation length, 0 for none).
+        material_medium_ids: one int per material added so far, -1 for an ordinary surface,
+        else the medium it bounds. A bounding surface does not scatter: rays enter or leave
+        the medium there, and inside it collide with leaves that scatter with the material
+        of the LAST material naming the medium. Every tracer follows the media. In a repeated
+        scene, a medium that fills the tile (a leaf layer) should reach slightly past the
+        tile walls (by a centimetre, say): faces lying exactly on a wall are ambiguous.
         """
     def set_populate_primitive_soa(self: VulkanSceneManager, arg0: bool) -> None:
         """Enable per-primitive SoA + per-instance lookup tables for the next build(). Required by EB / SIF / RRT-based paths."""
@@ -534,7 +564,7 @@ class VulkanSceneManager:
         """Render the sensor image by backward path tracing on the device: the path of
         simulate_cpu (same seeds and draws, sun next-event estimation through repeated
         tiles, sky, thermal and SIF emission), one invocation per pixel and sample, summed in
-        64 bits. Scenes with optical turbid media are refused. Arguments and the returned
+        64 bits, through optical turbid media as on the CPU. Arguments and the returned
         dict as simulate_cpu's; '_execution' names the trace path, as
         'vulkan.ray_query.optical_backward' or 'vulkan.ray_pipeline.optical_backward'.
         """

@@ -31,6 +31,13 @@
 //   Sun or source visibility: shadow_transmittance(from, dir, list, with_first,
 //   first_order, observation, start), 0 behind ordinary surfaces.
 //   Outside the media box (in_media_box, meets_media_box) a program may take its plain way.
+// - Build cost: every call site of next_segment, media_at_point, media_after_surface and
+//   shadow_transmittance expands ray traversals inline, and lavapipe needs minutes for a
+//   program with many. Keep one site of each in the loop: rescan at the top of the loop
+//   (media_at_point, then merge_first_order) instead of calling rescan_after_border or
+//   cross_boundary in several branches (toggle_boundary is the crossing without copies
+//   over the walls), and share one shadow_transmittance between surfaces and leaves, as
+//   trace_medium_path in backward.glsl does.
 
 #ifndef MEDIA_TABLE_BINDING
 #define MEDIA_TABLE_BINDING 14
@@ -272,9 +279,11 @@ bool meets_media_box(vec3 o, vec3 d, float t_max) {
 float next_float_up(float x) { return x >= 0.0 ? uintBitsToFloat(floatBitsToUint(x) + 1u) : x; }
 
 // The closest hit among ordinary surfaces from t_surface on and medium boundaries from
-// t_boundary on (a query whose start lies past t_max is skipped). Every query of the walk
-// goes through the one site here: lavapipe and drivers like it expand each call site of a
-// ray query into a traversal of its own.
+// t_boundary on (a query whose start lies past t_max is skipped). Where a boundary and an
+// ordinary surface coincide (a layer's floor on the ground) the surface is taken: the
+// ray meets it inside the medium, and the list the event sees says so. Every query of the
+// walk goes through the one site here: lavapipe and drivers like it expand each call site
+// of a ray query into a traversal of its own.
 Hit closest_split(vec3 o, vec3 d, float t_surface, float t_boundary, float t_max) {
   Hit best;
   best.t = t_max;
@@ -283,12 +292,20 @@ Hit closest_split(vec3 o, vec3 d, float t_surface, float t_boundary, float t_max
   best.material_id = best.local_primitive = best.primitive_id = best.instance_id = -1;
   best.hit = best.back_face = false;
   bool same = t_surface == t_boundary;
-  for (int q = 0; q < (same ? 1 : 2); ++q) {
+  for (int q = 0; q < 2; ++q) {
     float t_min = q == 0 ? t_surface : t_boundary;
-    if (!(t_min <= t_max)) continue;
+    float t_end = t_max;
     uint mask = same ? MASK_ALL : (q == 0 ? MASK_SURFACE : MASK_MEDIUM_BOUNDARY);
-    Hit h = trace_ray_masked(o, d, t_min, t_max, mask);
-    if (h.hit && (!best.hit || h.t < best.t)) best = h;
+    if (same && q == 1) {
+      // Only after a boundary: an ordinary surface at the same distance, within rounding.
+      if (!best.hit || medium_of(best) < 0) break;
+      t_end = min(best.t * (1.0 + 1e-6) + 1e-7, t_max);
+      mask = MASK_SURFACE;
+    }
+    if (!(t_min <= t_end)) continue;
+    Hit h = trace_ray_masked(o, d, t_min, t_end, mask);
+    if (h.hit && (!best.hit || h.t < best.t || (h.t <= t_end && medium_of(best) >= 0 && medium_of(h) < 0)))
+      best = h;
   }
   return best;
 }

@@ -16,6 +16,9 @@
 
 namespace py = pybind11;
 
+namespace vesk::vulkan {
+class VulkanSceneManager;
+}
 namespace vesk::embree {
 class EmbreeSceneManager;
 }
@@ -96,6 +99,8 @@ vesk::scene::InstanceSifSourceFields sif_source_fields(
     int32_t orientation_phi_bins, size_t num_instances);
 void bind_scene_overrides(SceneClass& cls);
 void bind_scene_media(SceneClass& cls);
+// The same media methods on the Vulkan scene.
+void bind_vulkan_scene_media(py::class_<vesk::vulkan::VulkanSceneManager>& cls);
 void bind_scene_state(SceneClass& cls);
 
 }  // namespace vesk::module

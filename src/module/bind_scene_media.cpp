@@ -1,19 +1,21 @@
-// EmbreeSceneManager: the optical turbid media table and the two samplers the tracers
-// use, exposed for checking.
+// The optical turbid media table and the two samplers the tracers use, exposed for
+// checking, on the CPU and the Vulkan scene alike.
 #include <stdexcept>
 #include <string>
 
 #include "core/array_check.h"
 #include "embree/scene_manager.h"
 #include "module/bind_common.h"
+#include "vulkan/scene_manager.h"
 
 namespace vesk::module {
 
 using vesk::embree::EmbreeSceneManager;
+using vesk::vulkan::VulkanSceneManager;
 
 namespace {
 
-const OpticalTurbidMediumData& medium_at(const EmbreeSceneManager& s, int64_t id) {
+const OpticalTurbidMediumData& medium_at(const scene::SceneModel& s, int64_t id) {
   if (id < 0 || size_t(id) >= s.optical_media().size())
     throw std::out_of_range("optical turbid medium " + std::to_string(id) + " is outside [0, " +
                             std::to_string(s.optical_media().size()) + ")");
@@ -30,12 +32,11 @@ float3 direction_of(const FloatArray& a, const char* name) {
   return {d[0], d[1], d[2]};
 }
 
-}  // namespace
-
-void bind_scene_media(SceneClass& cls) {
+template <class Scene>
+void bind_media_of(py::class_<Scene>& cls) {
   cls.def(
       "set_optical_turbid_media",
-      [](EmbreeSceneManager& s, const FloatArray& leaf_area_density,
+      [](Scene& s, const FloatArray& leaf_area_density,
          const IntArray& leaf_angle_types, const IntArray& orientations,
          const FloatArray& leaf_characteristic_lengths, const IntArray& material_medium_ids) {
         s.set_optical_turbid_media(to_vector(leaf_area_density), to_vector(leaf_angle_types),
@@ -57,12 +58,12 @@ void bind_scene_media(SceneClass& cls) {
       "scene, a medium that fills the tile (a leaf layer) should reach slightly past the\n"
       "tile walls (by a centimetre, say): faces lying exactly on a wall are ambiguous.");
   cls.def("num_optical_turbid_media",
-          [](const EmbreeSceneManager& s) { return s.optical_media().size(); });
-  cls.def("material_medium_ids", &EmbreeSceneManager::material_medium_ids,
+          [](const Scene& s) { return s.optical_media().size(); });
+  cls.def("material_medium_ids", &Scene::material_medium_ids,
           "The medium of each material (-1: ordinary), as given to set_optical_turbid_media.");
   cls.def(
       "optical_turbid_medium",
-      [](const EmbreeSceneManager& s, int64_t medium_id) {
+      [](const Scene& s, int64_t medium_id) {
         const OpticalTurbidMediumData& m = medium_at(s, medium_id);
         py::dict d;
         d["leaf_area_density"] = m.leaf_area_density;
@@ -78,7 +79,7 @@ void bind_scene_media(SceneClass& cls) {
       "'orientation', 'material_id' and 'projection_g' (G at view zenith 0..90 degrees).");
   cls.def(
       "sample_combined_free_path",
-      [](const EmbreeSceneManager& s, const IntArray& active_medium_ids,
+      [](const Scene& s, const IntArray& active_medium_ids,
          const FloatArray& direction, float distance_sample, float selection_sample) {
         if (active_medium_ids.ndim() != 1)
           throw std::runtime_error("active medium ids must be one-dimensional");
@@ -112,7 +113,7 @@ void bind_scene_media(SceneClass& cls) {
       "A non-finite number or a zero direction is refused (ValueError naming it).");
   cls.def(
       "conditional_hotspot_transmittance",
-      [](const EmbreeSceneManager& s, int64_t medium_id, float optical_depth,
+      [](const Scene& s, int64_t medium_id, float optical_depth,
          float initial_medium_distance, float observation_distance,
          const FloatArray& source_direction, const FloatArray& observation_direction) {
         if (source_direction.size() != 3 || observation_direction.size() != 3)
@@ -136,5 +137,11 @@ void bind_scene_media(SceneClass& cls) {
       "never above 1. A non-finite number or a zero direction is refused (ValueError\n"
       "naming it).");
 }
+
+}  // namespace
+
+void bind_scene_media(SceneClass& cls) { bind_media_of(cls); }
+
+void bind_vulkan_scene_media(py::class_<VulkanSceneManager>& cls) { bind_media_of(cls); }
 
 }  // namespace vesk::module

