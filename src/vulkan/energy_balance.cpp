@@ -52,13 +52,9 @@ int32_t append(std::vector<float>& table, const float* data, size_t n) {
 }  // namespace
 
 // Runs the program over every primitive and returns `slots` sums per primitive.
-std::vector<double> VulkanSceneManager::energy_balance_sums_(const void* params_data,
-                                                             size_t params_bytes,
-                                                             const std::vector<float>& inputs,
-                                                             const std::vector<float>& spectral,
-                                                             int32_t slots) const {
-  const scene::EnergyBalancePrimitives prims =
-      scene::gather_energy_balance_primitives(*this, false);
+std::vector<double> VulkanSceneManager::energy_balance_sums_(
+    const scene::EnergyBalancePrimitives& prims, const void* params_data, size_t params_bytes,
+    const std::vector<float>& inputs, const std::vector<float>& spectral, int32_t slots) const {
   const size_t n = prims.count;
   std::vector<float> table(n * 15);
   for (size_t p = 0; p < n; ++p) {
