@@ -34,6 +34,7 @@ build: configure
 VK_PIPELINE := VESK_VULKAN_TRACE=pipeline
 VK_SUITE    := tests/python/test_vulkan.py tests/python/test_vulkan_microwave.py \
                tests/python/test_vulkan_photons.py \
+               tests/python/test_vulkan_transport.py \
                tests/python/test_vulkan_media.py
 
 test: build

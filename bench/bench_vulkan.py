@@ -6,7 +6,10 @@ simulate_brf on the first ranked Vulkan device,
 on each trace path it offers (ray queries, ray-tracing pipelines), against the CPU
 scene's trace_closest (one thread), simulate_cpu and the photon entries (every thread:
 simulate_flux_cpu, simulate_forward_cpu, simulate_brf_cpu) on the same scene in
-the same run. Runs are interleaved (CPU, then each path, repeated), and each figure is the
+the same run. On a smaller canopy of the same make (8k leaves), primitives/s of the
+energy-balance transports and pulses/s of the LiDAR scanner, device against CPU; then
+elements/s of the ray-free element programs. Runs are interleaved (CPU, then each path,
+repeated), and each figure is the
 median of the repeats with its spread (min and max) beside it; the ratios are medians of
 the per-round ratios.
 
@@ -169,6 +172,7 @@ def main():
             emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",
                  spread=[round(min(ratios), 4), round(max(ratios), 4)],
                  baseline="the CPU scene on the same scene, in the same rounds")
+    transport_figures(vk, {p: v[0] for p, v in scenes.items()}, device, args.repeat)
     bench_elements(vk, args, device)
 
 
@@ -262,6 +266,81 @@ def bench_elements(vk, args, device):
             emit("vulkan", f"{kind}_vulkan_over_cpu", round(statistics.median(ratios), 4), "ratio",
                  spread=[round(min(ratios), 4), round(max(ratios), 4)],
                  baseline="the CPU form on the same request, in the same rounds")
+
+
+def transport_figures(vk, contexts, device, repeat):
+    """Energy balance (longwave single band, 3-band walk with sun and leaf optics) in
+    primitives/s and LiDAR (waveform, direct, waveform through the turbid layer) in
+    pulses/s, each form on every path against its CPU form on every thread, interleaved
+    as above."""
+    small = dict(n_meshes=4, tris=500, n_instances=16)
+    cpu, _, _ = build_canopy(vk, np.random.default_rng(4), **small)
+    scenes = {p: build_canopy(vk, np.random.default_rng(4), scene=vk.VulkanSceneManager(c),
+                              **small)[0] for p, c in contexts.items()}
+    n = cpu.n_primitives()
+    rng = np.random.default_rng(5)
+    refl = rng.uniform(0.05, 0.45, (3, n)).astype(np.float32).ravel()
+    eb = dict(n_samples=4, band_type=1, sky_lw_radiance=90.0)
+    mb = dict(n_bands=3, n_samples=4, max_depth=4,
+              sun_irradiance=np.array([1200, 1500, 900], np.float32),
+              sky_diffuse_radiance=np.array([30, 40, 25], np.float32),
+              sun_dir_x=0.35, sun_dir_y=0.25, sun_dir_z=0.9, sw_reflectance=refl,
+              sw_back_reflectance=refl, sw_transmittance=refl)
+    n_pulses = 2000
+    o = np.column_stack([rng.uniform(0, 40, n_pulses), rng.uniform(0, 40, n_pulses),
+                         np.full(n_pulses, 30.0)]).astype(np.float32).ravel()
+    d = np.column_stack([rng.uniform(-0.2, 0.2, (n_pulses, 2)), -np.ones(n_pulses)])
+    d = (d / np.linalg.norm(d, axis=1)[:, None]).astype(np.float32).ravel()
+    lid = dict(beam_samples_per_dim=4, max_range=40.0)
+    cpu_layer = build_turbid_layer(vk, vk.EmbreeSceneManager())
+    layers = {p: build_turbid_layer(vk, vk.VulkanSceneManager(c)) for p, c in contexts.items()}
+    n_turbid = 500
+    ot = np.column_stack([rng.uniform(0, 10, n_turbid), rng.uniform(0, 10, n_turbid),
+                          np.full(n_turbid, 30.0)]).astype(np.float32).ravel()
+    dt = d[:3 * n_turbid]
+    forms = {
+        "energy_balance": (n, "primitives/s", eb, lambda: vk.run_energy_balance_cpu(cpu, **eb),
+                           lambda s: s.run_energy_balance_gpu(**eb)),
+        "energy_balance_multiband": (n, "primitives/s", mb,
+                                     lambda: vk.run_energy_balance_multiband_cpu(cpu, **mb),
+                                     lambda s: s.run_energy_balance_multiband_gpu(**mb)),
+        "lidar_waveform": (n_pulses, "pulses/s", lid,
+                           lambda: vk.simulate_lidar_cpu(cpu, o, d, n_pulses, **lid),
+                           lambda s: s.simulate_lidar(o, d, n_pulses, **lid)),
+        "lidar_direct": (n_pulses, "pulses/s", {},
+                         lambda: vk.simulate_lidar_cpu(cpu, o, d, n_pulses, direct_mode=True),
+                         lambda s: s.simulate_lidar(o, d, n_pulses, direct_mode=True)),
+        "lidar_waveform_turbid": (n_turbid, "pulses/s", lid,
+                                  lambda: vk.simulate_lidar_cpu(cpu_layer, ot, dt, n_turbid, **lid),
+                                  lambda s: layers[s].simulate_lidar(ot, dt, n_turbid, **lid)),
+    }
+    def target(kind, p):
+        return p if kind == "lidar_waveform_turbid" else scenes[p]
+
+    for kind, (_, _, _, _, gpu) in forms.items():  # programs compiled once, outside the timing
+        for p in scenes:
+            gpu(target(kind, p))
+    times = {k: {name: [] for name in ["cpu", *scenes]} for k in forms}
+    for _ in range(repeat):
+        for kind, (_, _, _, run_cpu, gpu) in forms.items():
+            times[kind]["cpu"].append(seconds(run_cpu))
+            for p in scenes:
+                times[kind][p].append(seconds(lambda: gpu(target(kind, p))))
+    for kind, (work, unit, options, _, _) in forms.items():
+        settings = {k: v for k, v in options.items() if np.isscalar(v)}
+        for name, ts in times[kind].items():
+            rates = [work / t for t in ts]
+            emit("vulkan", f"{kind}_{unit.split('/')[0]}_per_s_{name}",
+                 round(statistics.median(rates), 1), unit,
+                 spread=[round(min(rates), 1), round(max(rates), 1)],
+                 device=device if name != "cpu" else "every CPU thread", repeats=repeat,
+                 primitives=n if kind != "lidar_waveform_turbid" else cpu_layer.n_primitives(),
+                 **settings)
+        for name in scenes:
+            ratios = [c / g for c, g in zip(times[kind]["cpu"], times[kind][name])]
+            emit("vulkan", f"{kind}_{name}_over_cpu", round(statistics.median(ratios), 4), "ratio",
+                 spread=[round(min(ratios), 4), round(max(ratios), 4)],
+                 baseline="the CPU form on the same scene, in the same rounds")
 
 
 if __name__ == "__main__":

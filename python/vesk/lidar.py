@@ -87,7 +87,8 @@ def _scan_angle(directions):
 
 def lidar_returns(scene, result, pulse_origins, pulse_directions, *, direct_mode=False,
                   min_range=0.0, range_resolution=0.15):
-    """The points of a simulate_lidar_cpu result as a structured array (dtype RETURN):
+    """The points of a simulate_lidar_cpu result (or a VulkanSceneManager's
+    simulate_lidar, with that scene) as a structured array (dtype RETURN):
     x, y, z (m), energy (J, see the module's definition), return_number, num_returns,
     range (m, interpolated in waveform mode), pulse, instance, material, scan_angle
     (degrees off nadir, + east). Give the run's direct_mode, min_range and
@@ -155,14 +156,18 @@ def _trace(scene, origins, dirs, t_min, t_max):
 
 
 def simulate_lidar(scene, pulse_origins, pulse_directions, **options):
-    """simulate_lidar_cpu, then lidar_returns on its points. options: the keywords of
-    simulate_lidar_cpu. Returns (returns, result): the structured array and the
-    module's dict (waveform and raw point records)."""
+    """simulate_lidar_cpu on a CPU scene (its simulate_lidar on a VulkanSceneManager,
+    which traces on the device and post-processes alike), then lidar_returns on its
+    points. options: the keywords of simulate_lidar_cpu. Returns (returns, result): the
+    structured array and the module's dict (waveform and raw point records)."""
     import vesk_gpu as vk
 
     o = np.ascontiguousarray(pulse_origins, np.float32).ravel()
     d = np.ascontiguousarray(pulse_directions, np.float32).ravel()
-    result = vk.simulate_lidar_cpu(scene, o, d, len(o) // 3, **options)
+    if isinstance(scene, vk.VulkanSceneManager):
+        result = scene.simulate_lidar(o, d, len(o) // 3, **options)
+    else:
+        result = vk.simulate_lidar_cpu(scene, o, d, len(o) // 3, **options)
     returns = lidar_returns(scene, result, o, d, direct_mode=options.get("direct_mode", False),
                             min_range=options.get("min_range", 0.0),
                             range_resolution=options.get("range_resolution", 0.15))

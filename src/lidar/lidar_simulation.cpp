@@ -23,36 +23,9 @@ namespace {
 constexpr float PI_F = 3.1415927f;
 constexpr int32_t MAX_MARCH_STEPS = 128;
 
-struct Beam {
-  std::vector<float> xy;       // sample positions in the unit disc, interleaved
-  std::vector<float> weights;  // summing to 1
-};
-
-// A square grid of n + 1 points a side over [-1, 1]^2, kept inside the unit disc, with
-// Gaussian weights; one central ray when the grid keeps nothing.
-Beam beam_pattern(int32_t n) {
-  Beam b;
-  if (n >= 0) {
-    for (int32_t iy = 0; iy <= n; ++iy)
-      for (int32_t ix = 0; ix <= n; ++ix) {
-        const float x = float(ix + ix) / float(n) - 1.0f, y = float(iy + iy) / float(n) - 1.0f;
-        const float r2 = x * x + y * y;
-        if (!(r2 <= 1.0001f)) continue;
-        b.xy.push_back(x);
-        b.xy.push_back(y);
-        b.weights.push_back(std::exp((r2 * -0.5f) / 0.50016385f));
-      }
-  }
-  if (b.weights.empty()) b.xy = {0.0f, 0.0f}, b.weights = {1.0f};
-  float sum = 0.0f;
-  for (const float w : b.weights) sum += w;
-  for (float& w : b.weights) w /= sum;
-  return b;
-}
-
-int32_t bin_count(const LidarRequest& q) {
-  return int32_t((q.max_range - q.min_range) / q.range_resolution) + 1;
-}
+using lidar::Beam;
+using lidar::beam_pattern;
+using lidar::bin_count;
 
 // What one worker reuses from pulse to pulse.
 struct LidarScratch {
@@ -137,12 +110,11 @@ void direct_pulse(const LidarContext& c, int32_t p, LidarScratch& s) {
     dist = length(hit.position - origin);
   if (dist < c.q.min_range || dist > c.q.max_range) return;
   const float rho = front_reflectance(c, c.materials[hit.material_id], 0);
-  const float intensity = (std::fabs(dot(dir, hit.geometric_normal)) * rho * c.q.pulse_energy *
-                           c.q.sensor_area) /
-                          (dist * PI_F * dist);
-  const float rec[lidar::POINT_FLOATS] = {hit.position.x, hit.position.y, hit.position.z,
-                                          intensity,      1.0f,           1.0f,
-                                          dist,           float(p)};
+  const float intensity =
+      (std::fabs(dot(dir, hit.geometric_normal)) * rho * c.q.pulse_energy * c.q.sensor_area) /
+      (dist * PI_F * dist);
+  const float rec[lidar::POINT_FLOATS] = {hit.position.x, hit.position.y, hit.position.z, intensity,
+                                          1.0f,           1.0f,           dist,           float(p)};
   s.points.insert(s.points.end(), rec, rec + lidar::POINT_FLOATS);
 }
 
@@ -180,8 +152,8 @@ void deposit(const LidarContext& c, LidarScratch& s, const ActiveMediumList& act
   if (active.count == 0) return;
   const LidarRequest& q = c.q;
   const int32_t b0 = std::max(0, int32_t(std::ceil((a - q.min_range) / q.range_resolution - 0.5f)));
-  const int32_t b1 = std::min(c.num_bins - 1,
-                              int32_t(std::ceil((b - q.min_range) / q.range_resolution - 0.5f)) - 1);
+  const int32_t b1 = std::min(
+      c.num_bins - 1, int32_t(std::ceil((b - q.min_range) / q.range_resolution - 0.5f)) - 1);
   const size_t W = size_t(q.num_wavelengths);
   for (int32_t k = 0; k < active.count; ++k) {
     const int32_t m = active.medium_id[k];
@@ -220,11 +192,10 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
     const float q_leaf = factor * md.leaf_area_density * 0.5f;
     const int32_t back = mat.type == MaterialType::DiffuseTransmitting ? c.bands : 0;
     for (size_t w = 0; w < W; ++w)
-      s.medium_backscatter[m * W + w] =
-          ((c.spectral[mat.spectral_offset + int32_t(w)] +
-            c.spectral[mat.spectral_offset + back + int32_t(w)]) *
-           q_leaf) /
-          PI_F;
+      s.medium_backscatter[m * W + w] = ((c.spectral[mat.spectral_offset + int32_t(w)] +
+                                          c.spectral[mat.spectral_offset + back + int32_t(w)]) *
+                                         q_leaf) /
+                                        PI_F;
   }
 
   ActiveMediumList active;
@@ -276,7 +247,8 @@ void media_sample(const LidarContext& c, LidarScratch& s, float weight, const fl
     if (!(e_i > 0.0f)) continue;
     const float r_i = std::max(1e-6f, (float(i) + 0.5f) * q.range_resolution + q.min_range);
     const float T = std::exp(-(0.5f * e_i * q.range_resolution + C_prev));
-    const float g = (weight * q.pulse_energy * q.sensor_area * q.range_resolution * T) / (r_i * r_i);
+    const float g =
+        (weight * q.pulse_energy * q.sensor_area * q.range_resolution * T) / (r_i * r_i);
     if (!(g > 0.0f)) continue;
     for (size_t w = 0; w < W; ++w) {
       const float bs = s.backscatter[size_t(i) * W + w];
@@ -327,70 +299,23 @@ void waveform_pulse(const LidarContext& c, int32_t p, LidarScratch& s, float* sl
 
 }  // namespace
 
-void validate_lidar_request(const EmbreeSceneManager& scene, const LidarRequest& q) {
-  if (!scene.is_built()) throw std::runtime_error("scene not built. Call build() first.");
-  if (q.num_pulses < 0) throw std::invalid_argument("num_pulses must not be negative");
-  check_coordinates("pulse_origins", q.pulse_origins, 3 * size_t(q.num_pulses));
-  check_coordinates("pulse_directions", q.pulse_directions, 3 * size_t(q.num_pulses));
-  for (int32_t p = 0; p < q.num_pulses; ++p) {
-    const float* d = q.pulse_directions + 3 * size_t(p);
-    if (!(d[0] * d[0] + d[1] * d[1] + d[2] * d[2] > 1e-12f))
-      throw std::invalid_argument("pulse_directions contains a zero direction");
-  }
-  if (!(q.range_resolution > 0.0f) || !std::isfinite(q.range_resolution) ||
-      !std::isfinite(q.min_range) || !std::isfinite(q.max_range) || !(q.max_range >= q.min_range))
-    throw std::invalid_argument(
-        "range gate needs finite min_range <= max_range and a positive range_resolution");
-  for (const float v : {q.beam_half_angle_rad, q.pulse_energy, q.sensor_area, q.peak_threshold})
-    if (!std::isfinite(v)) throw std::invalid_argument("LiDAR settings must be finite");
-  if (q.num_wavelengths < 1)
-    throw std::invalid_argument("num_wavelengths must be positive");
-  // The kernel has 2 trunc(3 sigma / range_resolution) + 3 taps.
-  if (!(q.pulse_fwhm_ns >= 0.0f) || !std::isfinite(q.pulse_fwhm_ns) ||
-      !(double(q.pulse_fwhm_ns) * lidar::LIGHT_M_PER_NS * 0.5 / 2.35482 * 3.0 / q.range_resolution <
-        1e6))
-    throw std::invalid_argument(
-        "pulse_fwhm_ns must be finite, not negative, and span under a million range bins");
-  // (n + 1)^2 rays a pulse: a million is already far beyond any footprint's detail.
-  if (q.beam_samples_per_dim > 1000)
-    throw std::invalid_argument("beam_samples_per_dim must not exceed 1000");
-  const double bins = std::floor(double(q.max_range - q.min_range) / q.range_resolution) + 1.0;
-  if (bins > 1073741824.0)
-    throw std::invalid_argument("the range gate holds more than 2^30 bins");
-  if (!q.direct_mode)
-    check_request_memory("simulate_lidar_cpu: " + std::to_string(q.num_pulses) + " waveforms of " +
-                             std::to_string(int64_t(bins)) + " bins",
-                         2.0 * double(q.num_pulses) * bins * q.num_wavelengths * 4.0);
-  // Every spectrum a return may read: band 0 in direct mode, num_wavelengths bands (and a
-  // leaf's back side) in waveform mode.
-  const size_t size = scene.spectral_params().size();
-  const auto& mats = scene.materials();
-  for (size_t i = 0; i < mats.size(); ++i) {
-    const int64_t reach = q.direct_mode ? 1
-                          : q.num_wavelengths + (mats[i].type == MaterialType::DiffuseTransmitting
-                                                     ? int64_t(scene.num_bands()) : 0);
-    if (mats[i].spectral_offset < 0 || size_t(mats[i].spectral_offset) + size_t(reach) > size)
-      throw std::invalid_argument("the spectrum of material " + std::to_string(i) + " holds fewer "
-                                  "than the bands a LiDAR return reads");
-  }
-  for (const auto& info : scene.instance_info())
-    if (info.material_id < 0 || size_t(info.material_id) >= mats.size())
-      throw std::invalid_argument("mesh " + std::to_string(info.mesh_id) + " uses material " +
-                                  std::to_string(info.material_id) + ", but the scene has " +
-                                  std::to_string(mats.size()) + " materials");
-}
-
 LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& q,
                            const ProgressFn& progress) {
   validate_lidar_request(scene, q);
   const EmbreeSceneManager::RunGuard read_only(scene);
   const auto start = std::chrono::steady_clock::now();
   std::atomic<bool> cancel{false};
-  LidarContext c{scene, q, scene.materials().data(), scene.spectral_params().data(),
-                 scene.num_bands(), bin_count(q), beam_pattern(q.beam_samples_per_dim),
-                 std::tan(q.beam_half_angle_rad), scene.has_optical_media(),
-                 MediaScene::from(scene), &cancel};
-  const std::vector<float> kernel = lidar::pulse_kernel(q.pulse_fwhm_ns, q.range_resolution);
+  LidarContext c{scene,
+                 q,
+                 scene.materials().data(),
+                 scene.spectral_params().data(),
+                 scene.num_bands(),
+                 bin_count(q),
+                 beam_pattern(q.beam_samples_per_dim),
+                 std::tan(q.beam_half_angle_rad),
+                 scene.has_optical_media(),
+                 MediaScene::from(scene),
+                 &cancel};
   const int threads = resolve_thread_count(q.num_threads);
   log_line("LiDAR (CPU): %d pulses, %d beam samples, %s mode, %d threads\n", q.num_pulses,
            q.direct_mode ? 1 : int(c.beam.weights.size()), q.direct_mode ? "direct" : "waveform",
@@ -430,16 +355,12 @@ LidarResult simulate_lidar(const EmbreeSceneManager& scene, const LidarRequest& 
       {}, cancel);
 
   if (q.direct_mode) {
-    for (const LidarScratch& s : scratch) r.points.insert(r.points.end(), s.points.begin(), s.points.end());
-  } else if (q.num_pulses > 0) {
-    lidar::convolve_waveform(r.waveform, q.num_pulses, c.num_bins, q.num_wavelengths, kernel,
-                             ranges);
-    lidar::extract_peaks(r.waveform, ranges, int32_t(kernel.size() / 2), q.num_pulses, c.num_bins,
-                         q.num_wavelengths,
-                         q.pulse_origins, q.pulse_directions, q.min_range, q.range_resolution,
-                         q.peak_threshold, q.max_returns_per_pulse, r.points);
+    for (const LidarScratch& s : scratch)
+      r.points.insert(r.points.end(), s.points.begin(), s.points.end());
+    r.num_returns = int32_t(r.points.size() / lidar::POINT_FLOATS);
+  } else {
+    lidar::finish_waveforms(q, ranges, r);
   }
-  r.num_returns = int32_t(r.points.size() / lidar::POINT_FLOATS);
   if (progress) progress(long(q.num_pulses), long(q.num_pulses), elapsed_ms(start));
   r.execution = q.direct_mode ? ExecutionRecord{BACKEND_EMBREE, WORKFLOW_LIDAR_POINT_CLOUD,
                                                 "embree.cpu.lidar_point_cloud", true}

@@ -76,6 +76,7 @@ void bind_microwave(py::module_& m);
 void bind_vulkan(py::module_& m);
 // The photon methods of VulkanSceneManager; after bind_vulkan, which makes the class.
 void bind_vulkan_photons(py::module_& m);
+void bind_vulkan_transport(py::module_& m);
 void bind_generators(py::module_& m);
 void bind_scene(py::module_& m);
 void bind_optical(py::module_& m);

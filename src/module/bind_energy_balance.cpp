@@ -6,8 +6,8 @@
 
 #include "embree/energy_balance.h"
 #include "embree/scene_manager.h"
-#include "module/bind_common.h"
 #include "module/bind_request.h"
+#include "module/bind_transport_args.h"
 #include "physiology/energy_balance_process.h"
 #include "physiology/photosynthesis_dynamic.h"
 
@@ -16,27 +16,6 @@ namespace vesk::module {
 using vesk::embree::EmbreeSceneManager;
 
 namespace {
-
-// An optional float array argument: None is absent.
-struct OptionalArray {
-  std::optional<FloatArray> array;
-  explicit OptionalArray(const py::object& o) {
-    if (!o.is_none()) array = py::cast<FloatArray>(o);
-  }
-  const float* data() const { return array ? array->data() : nullptr; }
-  int64_t size() const { return array ? int64_t(array->size()) : -1; }
-  int ndim() const { return array ? int(array->ndim()) : 1; }
-};
-
-std::optional<float> optional_float(const py::object& o) {
-  if (o.is_none()) return std::nullopt;
-  return py::cast<float>(o);
-}
-
-py::array_t<float> spectral_array(std::vector<float>&& v, int32_t bands, size_t n) {
-  if (v.empty()) return move_to_numpy(std::move(v), {0});
-  return move_to_numpy(std::move(v), {py::ssize_t(bands), py::ssize_t(n)});
-}
 
 py::list history_list(const std::vector<float>& history) {
   py::list out;
@@ -69,9 +48,14 @@ std::vector<T> fan_out(const py::dict& request, const char* key, const std::vect
 }
 
 // The energy-balance process's per-element inputs under the view's names.
-constexpr const char* PER_ELEMENT_KEYS[] = {"active", "initial_temperature", "emissivity",
-                                            "sidedness", "sensible_derivative",
-                                            "latent_coefficient", "ground_heat", "sw_albedo"};
+constexpr const char* PER_ELEMENT_KEYS[] = {"active",
+                                            "initial_temperature",
+                                            "emissivity",
+                                            "sidedness",
+                                            "sensible_derivative",
+                                            "latent_coefficient",
+                                            "ground_heat",
+                                            "sw_albedo"};
 
 template <class T>
 backend::Span<T> span_of(const std::vector<T>& v) {
@@ -115,25 +99,13 @@ void bind_energy_balance_transport(py::module_& m) {
          const py::object& sun_irradiance, const py::object& sky_diffuse_radiance,
          float sky_lw_radiance, float sun_dir_x, float sun_dir_y, float sun_dir_z, bool two_sided,
          const py::object& sw_albedos, const py::object&, const py::object&, const py::object&) {
-        const OptionalArray albedos(sw_albedos);
-        if (albedos.ndim() != 1)
-          throw py::value_error("sw_albedos must be 1D (flattened [n_bands * n_prims])");
-        const std::optional<float> sun = optional_float(sun_irradiance);
-        const std::optional<float> sky = optional_float(sky_diffuse_radiance);
-        embree::EnergyBalanceRequest r;
-        r.n_samples = n_samples;
-        r.depth = max_depth;
-        r.band_type = band_type;
-        r.sun_irradiance = sun ? &*sun : nullptr;
-        r.sky_diffuse_radiance = sky ? &*sky : nullptr;
-        r.sky_lw_radiance = sky_lw_radiance;
-        r.sun_dir_x = sun_dir_x, r.sun_dir_y = sun_dir_y, r.sun_dir_z = sun_dir_z;
-        r.two_sided = two_sided;
-        r.sw_albedos = albedos.data();
-        embree::validate_energy_balance(scene, r, albedos.size());
+        EnergyBalanceArgs a(n_samples, max_depth, band_type, sun_irradiance, sky_diffuse_radiance,
+                            sky_lw_radiance, sun_dir_x, sun_dir_y, sun_dir_z, two_sided,
+                            sw_albedos);
+        embree::validate_energy_balance(scene, a.request, a.albedos.size());
         embree::EnergyBalanceResult out;
-        embree::render_energy_balance(scene, r, out);
-        return py::make_tuple(per_element(std::move(out.top)), per_element(std::move(out.bot)));
+        embree::render_energy_balance(scene, a.request, out);
+        return energy_balance_tuple(std::move(out));
       },
       py::arg("scene"), py::arg("n_samples") = 64, py::arg("max_depth") = 8,
       py::arg("band_type") = 0, py::arg("sun_irradiance") = py::none(),
@@ -159,39 +131,17 @@ void bind_energy_balance_transport(py::module_& m) {
       "run_energy_balance_multiband_cpu",
       [](const EmbreeSceneManager& scene, int32_t n_bands, int32_t n_samples, int32_t max_depth,
          const py::object& sun_irradiance, const py::object& sky_diffuse_radiance,
-         const py::object& sky_directional_table, float sun_dir_x, float sun_dir_y,
-         float sun_dir_z, bool two_sided, const py::object& sw_albedos,
-         const py::object& sw_reflectance, const py::object& sw_back_reflectance,
-         const py::object& sw_transmittance) {
-        const OptionalArray albedos(sw_albedos), front(sw_reflectance),
-            back(sw_back_reflectance), trans(sw_transmittance), sun(sun_irradiance),
-            sky(sky_diffuse_radiance), table(sky_directional_table);
-        if (albedos.ndim() != 1)
-          throw py::value_error("sw_albedos must be 1D (flattened [n_bands * n_prims])");
-        const int split = int(front.data() != nullptr) + int(back.data() != nullptr) +
-                          int(trans.data() != nullptr);
-        if (split != 0 && split != 3)
-          throw py::value_error(
-              "split Mesh optics require sw_reflectance, sw_back_reflectance, and "
-              "sw_transmittance");
-        embree::MultibandEnergyBalanceRequest r;
-        r.n_bands = n_bands, r.n_samples = n_samples, r.max_depth = max_depth;
-        r.sun_irradiance = sun.data(), r.sun_irradiance_size = sun.size();
-        r.sky_diffuse_radiance = sky.data(), r.sky_diffuse_size = sky.size();
-        r.sky_directional_table = table.data(), r.sky_table_size = table.size();
-        r.sun_dir_x = sun_dir_x, r.sun_dir_y = sun_dir_y, r.sun_dir_z = sun_dir_z;
-        r.two_sided = two_sided;
-        r.sw_albedos = albedos.data(), r.albedo_size = albedos.size();
-        r.sw_reflectance = front.data(), r.reflectance_size = front.size();
-        r.sw_back_reflectance = back.data(), r.back_reflectance_size = back.size();
-        r.sw_transmittance = trans.data(), r.transmittance_size = trans.size();
-        embree::validate_energy_balance_multiband(scene, r);
+         const py::object& sky_directional_table, float sun_dir_x, float sun_dir_y, float sun_dir_z,
+         bool two_sided, const py::object& sw_albedos, const py::object& sw_reflectance,
+         const py::object& sw_back_reflectance, const py::object& sw_transmittance) {
+        MultibandEnergyBalanceArgs a(n_bands, n_samples, max_depth, sun_irradiance,
+                                     sky_diffuse_radiance, sky_directional_table, sun_dir_x,
+                                     sun_dir_y, sun_dir_z, two_sided, sw_albedos, sw_reflectance,
+                                     sw_back_reflectance, sw_transmittance);
+        embree::validate_energy_balance_multiband(scene, a.request);
         embree::MultibandEnergyBalanceResult out;
-        embree::render_energy_balance_multiband(scene, r, out);
-        const size_t n = scene.n_primitives();
-        return py::make_tuple(spectral_array(std::move(out.top), n_bands, n),
-                              spectral_array(std::move(out.bot), n_bands, n),
-                              per_element(std::move(out.sunlit_fraction)));
+        embree::render_energy_balance_multiband(scene, a.request, out);
+        return multiband_energy_balance_tuple(std::move(out), n_bands, scene.n_primitives());
       },
       py::arg("scene"), py::arg("n_bands"), py::arg("n_samples") = 64, py::arg("max_depth") = 8,
       py::arg("sun_irradiance") = py::none(), py::arg("sky_diffuse_radiance") = py::none(),
@@ -220,18 +170,43 @@ void bind_energy_balance_processes(py::module_& m) {
   m.def(
       "execute_photosynthesis_process_dynamic_cpu",
       [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(
-            request,
-            {"n_elements", "active", "fluorescent", "apar", "absorbed_shortwave",
-             "initial_temperature", "emissivity", "sidedness", "leaf_width", "stomata_sides",
-             "vcmax25", "jmax25", "rd25", "ball_berry_slope", "ball_berry_intercept",
-             "quantum_yield", "conditional",
-             "sunlit_fraction", "apar_sunlit", "apar_shaded", "shortwave_sunlit",
-             "shortwave_shaded", "co2", "relative_humidity", "air_temperature", "vapor_pressure",
-             "pressure", "wind", "sky_lw_radiance", "n_samples", "max_iterations",
-             "convergence_tolerance", "damping", "physiology_max_iterations",
-             "physiology_tolerance"},
-            "execute_photosynthesis_process_dynamic_cpu");
+        warn_unread_keys(request,
+                         {"n_elements",
+                          "active",
+                          "fluorescent",
+                          "apar",
+                          "absorbed_shortwave",
+                          "initial_temperature",
+                          "emissivity",
+                          "sidedness",
+                          "leaf_width",
+                          "stomata_sides",
+                          "vcmax25",
+                          "jmax25",
+                          "rd25",
+                          "ball_berry_slope",
+                          "ball_berry_intercept",
+                          "quantum_yield",
+                          "conditional",
+                          "sunlit_fraction",
+                          "apar_sunlit",
+                          "apar_shaded",
+                          "shortwave_sunlit",
+                          "shortwave_shaded",
+                          "co2",
+                          "relative_humidity",
+                          "air_temperature",
+                          "vapor_pressure",
+                          "pressure",
+                          "wind",
+                          "sky_lw_radiance",
+                          "n_samples",
+                          "max_iterations",
+                          "convergence_tolerance",
+                          "damping",
+                          "physiology_max_iterations",
+                          "physiology_tolerance"},
+                         "execute_photosynthesis_process_dynamic_cpu");
         RequestArrays a;
         backend::DynamicPhotosynthesisProcessRequestView v;
         v.active = a.take_bytes(request, "active");
@@ -326,19 +301,43 @@ void bind_energy_balance_processes(py::module_& m) {
   m.def(
       "execute_energy_balance_process_cpu",
       [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(
-            request,
-            {"n_elements", "active", "initial_temperature", "emissivity", "sidedness",
-             "sensible_derivative", "latent_coefficient", "ground_heat", "sw_albedo",
-             "primitive_material_ids", "material_active", "material_initial_temperature",
-             "material_emissivity", "material_sidedness", "material_sensible_derivative",
-             "material_latent_coefficient", "material_ground_heat", "material_sw_albedo",
-             "precomputed_shortwave", "absorbed_shortwave_top", "absorbed_shortwave_bottom",
-             "air_temperature", "vapor_pressure", "sky_lw_radiance", "sw_direct",
-             "sw_diffuse_radiance", "sun_dir_x", "sun_dir_y", "sun_dir_z", "n_samples",
-             "max_iterations", "convergence_tolerance", "damping", "newton_max_iterations",
-             "newton_tolerance"},
-            "execute_energy_balance_process_cpu");
+        warn_unread_keys(request,
+                         {"n_elements",
+                          "active",
+                          "initial_temperature",
+                          "emissivity",
+                          "sidedness",
+                          "sensible_derivative",
+                          "latent_coefficient",
+                          "ground_heat",
+                          "sw_albedo",
+                          "primitive_material_ids",
+                          "material_active",
+                          "material_initial_temperature",
+                          "material_emissivity",
+                          "material_sidedness",
+                          "material_sensible_derivative",
+                          "material_latent_coefficient",
+                          "material_ground_heat",
+                          "material_sw_albedo",
+                          "precomputed_shortwave",
+                          "absorbed_shortwave_top",
+                          "absorbed_shortwave_bottom",
+                          "air_temperature",
+                          "vapor_pressure",
+                          "sky_lw_radiance",
+                          "sw_direct",
+                          "sw_diffuse_radiance",
+                          "sun_dir_x",
+                          "sun_dir_y",
+                          "sun_dir_z",
+                          "n_samples",
+                          "max_iterations",
+                          "convergence_tolerance",
+                          "damping",
+                          "newton_max_iterations",
+                          "newton_tolerance"},
+                         "execute_energy_balance_process_cpu");
         RequestArrays a;
         backend::EnergyBalanceProcessRequestView v;
         // Per material (primitive_material_ids and material_*), or per element under the

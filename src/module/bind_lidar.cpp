@@ -1,7 +1,7 @@
 // LiDAR on the CPU scene: simulate_lidar_cpu.
 #include "embree/scene_manager.h"
 #include "lidar/lidar_simulation.h"
-#include "module/bind_common.h"
+#include "module/bind_transport_args.h"
 
 namespace vesk::module {
 
@@ -14,42 +14,11 @@ void bind_lidar(py::module_& m) {
          float range_resolution, float min_range, float max_range, int32_t num_wavelengths,
          float pulse_fwhm_ns, float peak_threshold, int32_t max_returns_per_pulse,
          bool direct_mode) {
-        const py::ssize_t values = py::ssize_t(std::max(num_pulses, 0)) * 3;
-        if (pulse_origins.ndim() != 1 || pulse_directions.ndim() != 1 ||
-            pulse_origins.size() != values || pulse_directions.size() != values)
-          throw py::value_error(
-              "pulse_origins and pulse_directions must be flat arrays with num_pulses * 3 values");
-        embree::LidarRequest q;
-        q.pulse_origins = pulse_origins.data();
-        q.pulse_directions = pulse_directions.data();
-        q.num_pulses = num_pulses;
-        q.beam_half_angle_rad = beam_half_angle_rad;
-        q.beam_samples_per_dim = beam_samples_per_dim;
-        q.pulse_energy = pulse_energy;
-        q.sensor_area = sensor_area;
-        q.range_resolution = range_resolution;
-        q.min_range = min_range;
-        q.max_range = max_range;
-        q.num_wavelengths = num_wavelengths;
-        q.pulse_fwhm_ns = pulse_fwhm_ns;
-        q.peak_threshold = peak_threshold;
-        q.max_returns_per_pulse = max_returns_per_pulse;
-        q.direct_mode = direct_mode;
-        embree::LidarResult r = embree::simulate_lidar(scene, q, {});
-        py::dict d;
-        const py::ssize_t pulses = std::max(num_pulses, 0);
-        if (direct_mode) {
-          d["waveform"] = py::array_t<float>({pulses, py::ssize_t(r.num_bins),
-                                              py::ssize_t(num_wavelengths)});
-        } else {
-          d["waveform"] = move_to_numpy(std::move(r.waveform),
-                                        {pulses, r.num_bins, py::ssize_t(num_wavelengths)});
-        }
-        d["points"] = move_to_numpy(std::move(r.points), {py::ssize_t(r.num_returns), 8});
-        d["num_bins"] = r.num_bins;
-        d["num_returns"] = r.num_returns;
-        d["_execution"] = execution_dict(r.execution);
-        return d;
+        const lidar::LidarRequest q = lidar_request(
+            pulse_origins, pulse_directions, num_pulses, beam_half_angle_rad, beam_samples_per_dim,
+            pulse_energy, sensor_area, range_resolution, min_range, max_range, num_wavelengths,
+            pulse_fwhm_ns, peak_threshold, max_returns_per_pulse, direct_mode);
+        return lidar_dict(embree::simulate_lidar(scene, q, {}), q);
       },
       py::arg("scene"), py::arg("pulse_origins"), py::arg("pulse_directions"),
       py::arg("num_pulses"), py::arg("beam_half_angle_rad") = 0.0005f,

@@ -43,6 +43,7 @@ PYBIND11_MODULE(vesk_gpu, m) {
   vesk::module::bind_turbid_leaf_rrt(m);
   vesk::module::bind_processes(m);
   vesk::module::bind_lidar(m);
+  vesk::module::bind_vulkan_transport(m);
   vesk::module::bind_microwave_transport(m);
   vesk::module::bind_turbid(m);
   vesk::module::bind_turbid_workflow(m);

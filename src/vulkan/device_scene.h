@@ -123,8 +123,7 @@ struct VulkanSceneManager::Device {
   Device(const VulkanContext& context, const std::string& trace_program);
   ~Device();
 
-  void build(const std::vector<scene::Mesh>& meshes,
-             const std::vector<scene::Instance>& instances,
+  void build(const std::vector<scene::Mesh>& meshes, const std::vector<scene::Instance>& instances,
              const std::vector<InstanceInfo>& info);
   // Set instance_masks first (media_instance_masks): they are built into the structure.
   void rebuild_top_level(const std::vector<scene::Instance>& instances,
@@ -151,7 +150,7 @@ struct VulkanSceneManager::Device {
   std::vector<uint8_t> instance_masks;  // MASK_SURFACE or MASK_MEDIUM_BOUNDARY per instance
   Buffer media_table, material_media;   // media.glsl's MediaTable and MaterialMedia
   std::vector<uint32_t> mesh_vertex_counts;
-  std::unique_ptr<Program> backward;   // loaded on first use
+  std::unique_ptr<Program> backward;  // loaded on first use
   std::unique_ptr<Program> backward_media;
   std::unique_ptr<Program> microwave;  // loaded on first use
   // The ray-free element programs, loaded on first use.
@@ -159,6 +158,7 @@ struct VulkanSceneManager::Device {
   std::unique_ptr<Program> photosynthesis, sif_process, sif_assembly, turbid_sampling;
   // flux, forward, BRF, and flux and forward with media; loaded on first use
   std::unique_ptr<Program> photons[5];
+  std::unique_ptr<Program> energy_balance, lidar, lidar_media;  // loaded on first use
 };
 
 }  // namespace vesk::vulkan

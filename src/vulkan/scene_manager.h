@@ -17,6 +17,8 @@
 #include "physiology/sif_assembly.h"
 #include "physiology/sif_finalization.h"
 #include "scene/photon_requests.h"
+#include "lidar/lidar_request.h"
+#include "scene/energy_balance_request.h"
 #include "scene/scene_model.h"
 #include "turbid/domain.h"
 
@@ -125,10 +127,26 @@ class VulkanSceneManager : public scene::SceneModel {
   scene::FluxResult simulate_flux(const scene::FluxRequest& request, const ProgressFn& progress);
   scene::ForwardResult simulate_forward_radiation(const scene::ForwardRequest& request,
                                                   const ProgressFn& progress);
+  // The energy-balance transports of run_energy_balance_cpu and
+  // run_energy_balance_multiband_cpu on the device: the CPU kernels' samples and draws,
+  // one invocation per primitive, validated by the CPU's validators first.
+  void run_energy_balance_gpu(const scene::EnergyBalanceRequest& r, int64_t albedo_size,
+                              scene::EnergyBalanceResult& out) const;
+  void run_energy_balance_multiband_gpu(const scene::MultibandEnergyBalanceRequest& r,
+                                        scene::MultibandEnergyBalanceResult& out) const;
+  // The scanner of simulate_lidar_cpu: direct points or raw waveforms on the device, one
+  // invocation per pulse; the waveform post-processing runs on the host.
+  lidar::LidarResult simulate_lidar(const lidar::LidarRequest& q, const ProgressFn& progress) const;
 
   struct Device;  // buffers, structures and programs, kept out of this header
 
  private:
+  std::vector<double> energy_balance_sums_(const scene::EnergyBalancePrimitives& prims,
+                                           const void* params, size_t params_bytes,
+                                           const std::vector<float>& inputs,
+                                           const std::vector<float>& spectral, int32_t slots) const;
+  void require_energy_balance_device_(const char* what) const;
+
   const VulkanContext& context_;
   std::string trace_shader_, program_dir_;
   std::unique_ptr<Device> dev_;

@@ -272,6 +272,12 @@ vk.solve_physiology_vulkan s:s r:req() | vk.execute_photosynthesis_process_stati
 vk.finalize_sif_process_vulkan s:s g:sifreq() | vk.assemble_sif_source_vulkan s:s a:asmreq()
 vk._debug_turbid_samples_vulkan s:s t:treq() x:'preview' i:7 !i:64 !i:0
 vk.simulate_lidar_cpu s:s fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
+f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False
+s.run_energy_balance_gpu !i:16 i:8 i:0 f:800.0 f:30.0 f:100.0 f:0.3 f:0.2 f:0.93 b:True fa:prim(0.3)
+s.run_energy_balance_multiband_gpu i:2 !i:16 i:4 fa:np.array([800.0,600.0],F) \
+fa:np.array([30.0,20.0],F) fa:np.full(1024,0.1,F) f:0.3 f:0.2 f:0.93 b:True fa:prim(0.3,2) \
+fa:prim(0.4,2) fa:prim(0.3,2) fa:prim(0.2,2)
+s.simulate_lidar fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
 f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False""")}
 
 # Hostile values of each class, ` | ` apart; V stands for the working value.
