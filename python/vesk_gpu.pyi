@@ -428,6 +428,22 @@ class VulkanSceneManager:
         """
     def repetitive_config(self: VulkanSceneManager) -> tuple:
         """(num_repetitions, scene_x_size, scene_y_size)"""
+    def run_energy_balance_gpu(self: VulkanSceneManager, n_samples: int = ..., max_depth: int = ..., band_type: int = ..., sun_irradiance: object = ..., sky_diffuse_radiance: object = ..., sky_lw_radiance: float = ..., sun_dir_x: float = ..., sun_dir_y: float = ..., sun_dir_z: float = ..., two_sided: bool = ..., sw_albedos: object = ..., sw_reflectance: object = ..., sw_back_reflectance: object = ..., sw_transmittance: object = ...) -> tuple:
+        """Run the energy balance reverse RT kernel. Returns (top, bot) numpy arrays of length n_primitives. bot is empty when two_sided=False. sw_albedos: optional float32[n_primitives] for 2-bounce SW NEE.
+
+        run_energy_balance_cpu on the device: the same arguments, samples and random streams
+        (one per primitive), one invocation per primitive summing its samples in 64 bits, so
+        the results equal the CPU's to float rounding. band_type other than 0 or 1 is a
+        ValueError. Needs 64-bit integers and floats in shaders.
+        """
+    def run_energy_balance_multiband_gpu(self: VulkanSceneManager, n_bands: int, n_samples: int = ..., max_depth: int = ..., sun_irradiance: object = ..., sky_diffuse_radiance: object = ..., sky_directional_table: object = ..., sun_dir_x: float = ..., sun_dir_y: float = ..., sun_dir_z: float = ..., two_sided: bool = ..., sw_albedos: object = ..., sw_reflectance: object = ..., sw_back_reflectance: object = ..., sw_transmittance: object = ...) -> tuple:
+        """Run the multi-band energy-balance reverse-transport kernel. Returns (top, bot, sunlit_fraction). Spectral arrays have shape [n_bands, n_primitives] and sunlit_fraction is per primitive. bot is empty when two_sided=False. Split reflectance/transmittance arrays enable true Mesh multi-scattering; sw_albedos is retained for legacy callers.
+
+        run_energy_balance_multiband_cpu on the device: the same arguments, walks and random
+        streams (one per primitive), one invocation per primitive summing its samples in 64
+        bits, so the results equal the CPU's to float rounding. Needs 64-bit integers and
+        floats in shaders.
+        """
     def run_microwave_wavefront(self: VulkanSceneManager, active_mode: bool, max_depth: int, air_temperature: float, atmosphere_tau: float, soil_count: int, vegetation_count: int, trunk_count: int, response_table_size: int, origins: numpy.typing.NDArray[numpy.float32], directions: numpy.typing.NDArray[numpy.float32], material_map: numpy.typing.NDArray[numpy.int32], passive_soil_table: numpy.typing.NDArray[numpy.float32], active_soil_table: numpy.typing.NDArray[numpy.float32], smooth_soil_table: numpy.typing.NDArray[numpy.float32], vegetation_parameters: numpy.typing.NDArray[numpy.float32], trunk_response_table: numpy.typing.NDArray[numpy.float32], trunk_dihedral_scattering: numpy.typing.NDArray[numpy.float32], dihedral_ground_table: numpy.typing.NDArray[numpy.float32], lut_info: numpy.typing.NDArray[numpy.int32], mueller_lut: numpy.typing.NDArray[numpy.float32], cosine_cdf: numpy.typing.NDArray[numpy.float32], azimuth_cdf: numpy.typing.NDArray[numpy.float32]) -> numpy.typing.NDArray[numpy.float32]:
         """The device program of the microwave images on flat arrays: 4 floats a ray in origins
         and directions (x, y, z, unused); returns 4 floats a ray, (T_H, T_V, 0, 0) in K or,
@@ -573,6 +589,14 @@ class VulkanSceneManager:
         arguments and dict as the CPU entry; exact fixed-point sums, equal to the CPU's to
         float rounding. '_execution' as 'vulkan.ray_query.optical_forward'. Optical turbid
         media are followed as on the CPU, with the hot spot in the BRF estimates.
+        """
+    def simulate_lidar(self: VulkanSceneManager, pulse_origins: numpy.typing.NDArray[numpy.float32], pulse_directions: numpy.typing.NDArray[numpy.float32], num_pulses: int, beam_half_angle_rad: float = ..., beam_samples_per_dim: int = ..., pulse_energy: float = ..., sensor_area: float = ..., range_resolution: float = ..., min_range: float = ..., max_range: float = ..., num_wavelengths: int = ..., pulse_fwhm_ns: float = ..., peak_threshold: float = ..., max_returns_per_pulse: int = ..., direct_mode: bool = ...) -> dict:
+        """simulate_lidar_cpu on the device: the same arguments, rays and returned dict. One
+        invocation per pulse traces the direct-mode point or the raw waveform; the
+        convolution with the pulse and the peak picking run on the host with the CPU's code.
+        Points come in pulse order in both modes. Waveforms follow optical turbid media as
+        on the CPU (64-bit shader arithmetic needed then). '_execution' names the path, as
+        'vulkan.ray_query.lidar_waveform' or 'vulkan.ray_pipeline.lidar_point_cloud'.
         """
     def simulate_microwave(self: VulkanSceneManager, frequency: float, mw_soil_params: object, mw_veg_params: object, mw_trunk_params: object, material_map: numpy.typing.NDArray[numpy.int32], mw_veg_mueller_luts: object = ..., mw_trunk_mueller_luts: object = ..., n_channels: int = ..., include_atmosphere: bool = ..., atm_tau: float = ..., air_temperature: float = ..., max_depth: int = ..., response_table_size: int = ..., threads: int = ...) -> numpy.typing.NDArray[numpy.float32]:
         """Passive microwave image: brightness temperature (K), float32 [height, width,
