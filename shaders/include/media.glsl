@@ -304,7 +304,10 @@ Hit closest_split(vec3 o, vec3 d, float t_surface, float t_boundary, float t_max
     }
     if (!(t_min <= t_end)) continue;
     Hit h = trace_ray_masked(o, d, t_min, t_end, mask);
-    if (h.hit && (!best.hit || h.t < best.t || (h.t <= t_end && medium_of(best) >= 0 && medium_of(h) < 0)))
+    // A boundary found after the surface query comes first only when it lies before the
+    // surface by more than rounding: the margin the host walk uses too.
+    bool before = !best.hit || (same || q == 0 ? h.t < best.t : h.t * (1.0 + 1e-6) + 1e-7 < best.t);
+    if (h.hit && (before || (h.t <= t_end && medium_of(best) >= 0 && medium_of(h) < 0)))
       best = h;
   }
   return best;

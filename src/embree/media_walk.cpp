@@ -74,7 +74,7 @@ Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int
     s.hit = ms.scene->trace_ray_past_media(o - BACK_OFF * d, d, WALL_REACH + BACK_OFF, 1e30f);
     if (s.hit.hit) s.hit.t = std::fmax(s.hit.t - BACK_OFF, 0.0f);
   } else {
-    s.hit = ms.scene->trace_ray(o, d, start == RayStart::Point ? 0.0f : SURFACE_T_MIN, 1e30f);
+    s.hit = ms.scene->trace_ray_surface_first(o, d, start == RayStart::Point ? 0.0f : SURFACE_T_MIN, 1e30f);
   }
   const EmbreeHit& hit = s.hit;
   if (in_media || !hit.hit || ms.n_ghosts > 0) s.axis = ms.border_exit(o, d, crossings, s.border);
@@ -90,7 +90,7 @@ Segment next_segment(const MediaScene& ms, const float3& o, const float3& d, int
                     : start == RayStart::Boundary ? WALL_REACH
                                                   : 0.0f;
       for (int32_t k = 0; k < MAX_MEDIUM_CROSSINGS; ++k) {
-        EmbreeHit h = ms.scene->trace_ray(og, d, t_min, reach);
+        EmbreeHit h = ms.scene->trace_ray_surface_first(og, d, t_min, reach);
         if (!h.hit || !(h.t < reach)) break;
         t_min = std::nextafter(h.t, INFINITY);
         if (ms.medium_of(h) < 0 || (start == RayStart::Wall && h.t <= WALL_REACH)) continue;
@@ -129,7 +129,7 @@ bool scan_media(const MediaScene& ms, const float3& p, const float3& d, uint32_t
   int32_t n_seen = 0;
   float3 o = p;
   for (int32_t step = 0; step < MAX_MEDIUM_CROSSINGS; ++step) {
-    const EmbreeHit hit = ms.scene->trace_ray(o, d, SURFACE_T_MIN, 1e30f);
+    const EmbreeHit hit = ms.scene->trace_ray_surface_first(o, d, SURFACE_T_MIN, 1e30f);
     if (!hit.hit) return true;
     o = hit.position + MEDIUM_STEP * d;
     // Past the media box nothing ahead can bound a medium.

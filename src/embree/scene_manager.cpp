@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
@@ -242,7 +243,28 @@ bool reject_by_medium(const void* user, unsigned instance, float t) {
 
 EmbreeHit EmbreeSceneManager::trace_ray_past_media(const float3& origin, const float3& direction,
                                                    float within, float t_max) const {
-  return trace_ray_(origin, direction, 0.0f, t_max, std::fmax(within, 0.0f), false);
+  return surface_first_(origin, direction, 0.0f,
+                        trace_ray_(origin, direction, 0.0f, t_max, std::fmax(within, 0.0f), false));
+}
+
+EmbreeHit EmbreeSceneManager::trace_ray_surface_first(const float3& origin,
+                                                      const float3& direction, float t_min,
+                                                      float t_max) const {
+  return surface_first_(origin, direction, t_min,
+                        trace_ray_(origin, direction, t_min, t_max, -1.0f, false));
+}
+
+EmbreeHit EmbreeSceneManager::surface_first_(const float3& origin, const float3& direction,
+                                             float t_min, const EmbreeHit& hit) const {
+  if (!hit.hit || size_t(hit.instance_id) >= instance_info_.size() ||
+      medium_of_material(instance_info_[size_t(hit.instance_id)].material_id) < 0)
+    return hit;
+  // Two coplanar triangles give their common distance with different roundings, so
+  // Embree's order between them is arbitrary: the tie is settled here, by the same
+  // relative margin as the device walk. Every boundary is passed (within = inf).
+  const float reach = hit.t * (1.0f + 1e-6f) + 1e-7f;
+  const EmbreeHit surface = trace_ray_(origin, direction, t_min, reach, INFINITY, false);
+  return surface.hit ? surface : hit;
 }
 
 EmbreeHit EmbreeSceneManager::trace_media_boundary(const float3& origin, const float3& direction,

@@ -139,6 +139,11 @@ class EmbreeSceneManager : public scene::SceneModel {
   // with it, such as the ground under a layer that rests on it.
   EmbreeHit trace_ray_past_media(const float3& origin, const float3& direction, float within,
                                  float t_max) const;
+  // trace_ray for the walks through media: where a medium boundary and an ordinary surface
+  // lie at the same distance within rounding (a layer's floor on the ground), the surface
+  // is taken, since the ray meets it inside the medium. trace_ray_past_media does the same.
+  EmbreeHit trace_ray_surface_first(const float3& origin, const float3& direction, float t_min,
+                                    float t_max) const;
   // The closest bounding surface of an optical medium; every other surface is passed.
   EmbreeHit trace_media_boundary(const float3& origin, const float3& direction, float t_min,
                                  float t_max) const;
@@ -151,6 +156,10 @@ class EmbreeSceneManager : public scene::SceneModel {
   void release_embree_scenes_();
   // A plain query from t_min, unless skip_media >= 0 (medium boundaries within it are
   // passed) or media_only (only medium boundaries count).
+  // The closest ordinary surface from t_min up to the boundary `hit` within rounding, in
+  // place of it; `hit` itself when there is none or it bounds no medium.
+  EmbreeHit surface_first_(const float3& origin, const float3& direction, float t_min,
+                           const EmbreeHit& hit) const;
   EmbreeHit trace_ray_(const float3& origin, const float3& direction, float t_min, float t_max,
                        float skip_media, bool media_only) const;
 

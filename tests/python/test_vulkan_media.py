@@ -29,15 +29,15 @@ def sun_and_sky(s, bands=2):
     s.set_sky(12)
 
 
-def layer(s, wide=False):
-    """A leaf layer 0.2-2.2 m up filling a repeated 4 m tile over a soil, with a hot spot;
-    `wide`: the layer reaches 0.5 m over two walls into the neighbouring tiles."""
+def layer(s, wide=False, floor=0.2):
+    """A leaf layer `floor` to `floor` + 2 m up filling a repeated 4 m tile over a soil, with a
+    hot spot; `wide`: the layer reaches 0.5 m over two walls into the neighbouring tiles."""
     sun_and_sky(s)
     s.add_material(13, 2, [0.3, 0.25, 295.0])
     s.add_instance(s.add_mesh(**vk.make_ground_plane(2, 2, 0, 4.0)), 2.0, 2.0, 0.0)
     box = s.add_mesh(**unit_cube(), material_id=1)
     w, shift = (4.5, 0.25) if wide else (4.0, 0.0)
-    s.add_instance_xform(box, np.array([w, 0, 0, 2 + shift, 0, w, 0, 2 + shift, 0, 0, 2, 1.2], F))
+    s.add_instance_xform(box, np.array([w, 0, 0, 2 + shift, 0, w, 0, 2 + shift, 0, 0, 2, floor + 1.0], F))
     s.set_optical_turbid_media([1.0], [0], [1], [0.3], [-1, 0])
     s.set_repetitive(30, 4.0, 4.0)
     cam = np.array([[1, 0, 0, 2], [0, 0.8, -0.6, -2], [0, 0.6, 0.8, 8], [0, 0, 0, 1]], F).ravel()
@@ -60,7 +60,8 @@ def crowns(s, thermal=False):
         s.set_thermal_mode(True, [9000.0, 11000.0])
 
 
-SCENES = {"turbid layer": layer, "layer wider than its tile": lambda s: layer(s, wide=True),
+SCENES = {"turbid layer": layer, "layer on the ground": lambda s: layer(s, floor=0.0),
+          "layer wider than its tile": lambda s: layer(s, wide=True),
           "crowns": crowns, "thermal crowns": lambda s: crowns(s, thermal=True)}
 
 
@@ -84,9 +85,12 @@ def test_turbid_media_render_as_on_the_cpu(context, name):
     z = (a["payload"] - b["payload"]) / np.where(se > 0, se, 1)
     assert np.abs(z).max() < 5, f"a pixel {np.abs(z).max():.1f} sigma from the CPU's"
     # Same seeds, same draws, same walk: paths part only where rounding turns one, so
-    # nearly every pixel agrees to float rounding.
+    # nearly every pixel agrees to float rounding. A floor on the ground turns more: whether
+    # a query from the ground meets the floor at 1e-7 or passes it is rounding; before the
+    # two walks settled a floor-ground tie alike, over half the pixels differed.
     rel = np.abs(a["payload"] - b["payload"]) / np.maximum(np.abs(a["payload"]), 1e-6)
-    assert np.mean(rel > 1e-3) < 0.05, f"{np.mean(rel > 1e-3):.1%} of pixels differ"
+    share = 0.25 if name == "layer on the ground" else 0.05
+    assert np.mean(rel > 1e-3) < share, f"{np.mean(rel > 1e-3):.1%} of pixels differ"
     for k, v in a["event_aov"].items():
         np.testing.assert_allclose(b["event_aov"][k].sum(), v.sum(), rtol=1e-2, atol=1e-6, err_msg=k)
 
