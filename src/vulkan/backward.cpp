@@ -184,14 +184,7 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
     // sample order, as on the CPU, and progress is reported between them.
     context_.immediate_submit([&](VkCommandBuffer cb) {
       if (s == 0) {
-        context_.fn().vkCmdFillBuffer(cb, film_buf.handle(), 0, VK_WHOLE_SIZE, 0);
-        VkMemoryBarrier mb{};
-        mb.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER;
-        mb.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
-        mb.dstAccessMask = VK_ACCESS_SHADER_READ_BIT | VK_ACCESS_SHADER_WRITE_BIT;
-        context_.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_TRANSFER_BIT,
-                                           context_.program_pipeline_stage(), 0, 1, &mb, 0,
-                                           nullptr, 0, nullptr);
+        prog.clear(cb, {film_buf.handle()});
       }
       for (uint64_t base = 0; base < pixels; base += MAX_DISPATCH) {
         const Push push{uint32_t(s), uint32_t(base)};

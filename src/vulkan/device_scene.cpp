@@ -331,6 +331,17 @@ void Program::bind(uint32_t binding, VkAccelerationStructureKHR tlas) {
   context_.fn().vkUpdateDescriptorSets(context_.device(), 1, &w, 0, nullptr);
 }
 
+void Program::clear(VkCommandBuffer cb, std::initializer_list<VkBuffer> buffers) const {
+  for (VkBuffer b : buffers) context_.fn().vkCmdFillBuffer(cb, b, 0, VK_WHOLE_SIZE, 0);
+  VkMemoryBarrier mb{};
+  mb.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER;
+  mb.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
+  mb.dstAccessMask = VK_ACCESS_SHADER_READ_BIT | VK_ACCESS_SHADER_WRITE_BIT;
+  context_.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_TRANSFER_BIT,
+                                     context_.program_pipeline_stage(), 0, 1, &mb, 0, nullptr, 0,
+                                     nullptr);
+}
+
 void Program::dispatch(VkCommandBuffer cb, uint32_t invocations, const void* push) const {
   // Whole workgroups on either path: the programs return past their count.
   dispatch_grid(cb, (invocations + WORKGROUP - 1) / WORKGROUP, 1, push);

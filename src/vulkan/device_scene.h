@@ -4,6 +4,7 @@
 // instances, and the compute programs loaded from their .spv files.
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,6 +42,8 @@ class Program {
   void bind(uint32_t binding, const Buffer& buffer);
   void bind(uint32_t binding, VkAccelerationStructureKHR tlas);
   void dispatch(VkCommandBuffer cb, uint32_t invocations, const void* push) const;
+  // Zero-fills the buffers and makes the writes visible to this program's next dispatch.
+  void clear(VkCommandBuffer cb, std::initializer_list<VkBuffer> buffers) const;
   // groups_x * groups_y workgroups of WORKGROUP (compute), or a launch of the same
   // total, WORKGROUP * groups_x wide and groups_y high (pipeline); programs number their
   // invocations with GRID_INVOCATION_ID.

@@ -133,14 +133,7 @@ lidar::LidarResult VulkanSceneManager::simulate_lidar(const lidar::LidarRequest&
       const size_t count = std::min(chunk, pulses - base);
       const uint32_t push = uint32_t(base);
       context_.immediate_submit([&](VkCommandBuffer cb) {
-        context_.fn().vkCmdFillBuffer(cb, out_buf.handle(), 0, VK_WHOLE_SIZE, 0);
-        VkMemoryBarrier mb{};
-        mb.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER;
-        mb.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
-        mb.dstAccessMask = VK_ACCESS_SHADER_READ_BIT | VK_ACCESS_SHADER_WRITE_BIT;
-        context_.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_TRANSFER_BIT,
-                                           context_.program_pipeline_stage(), 0, 1, &mb, 0, nullptr,
-                                           0, nullptr);
+        prog.clear(cb, {out_buf.handle()});
         prog.dispatch(cb, uint32_t(count), &push);
       });
       if (q.direct_mode) {

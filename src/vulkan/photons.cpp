@@ -204,15 +204,7 @@ PhotonSums VulkanSceneManager::run_photons(int program, const void* params_block
     const uint64_t first = uint64_t(first_photon + done);
     const Push push{uint32_t(first), uint32_t(first >> 32), count};
     context_.immediate_submit([&](VkCommandBuffer cb) {
-      context_.fn().vkCmdFillBuffer(cb, words_buf.handle(), 0, VK_WHOLE_SIZE, 0);
-      context_.fn().vkCmdFillBuffer(cb, status_buf.handle(), 0, VK_WHOLE_SIZE, 0);
-      VkMemoryBarrier mb{};
-      mb.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER;
-      mb.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
-      mb.dstAccessMask = VK_ACCESS_SHADER_READ_BIT | VK_ACCESS_SHADER_WRITE_BIT;
-      context_.fn().vkCmdPipelineBarrier(cb, VK_PIPELINE_STAGE_TRANSFER_BIT,
-                                         context_.program_pipeline_stage(), 0, 1, &mb, 0, nullptr,
-                                         0, nullptr);
+      prog.clear(cb, {words_buf.handle(), status_buf.handle()});
       prog.dispatch(cb, count, &push);
     });
     uint32_t status = 0;
