@@ -25,9 +25,8 @@ class VulkanThermalScene final : public physiology::ThermalScene {
   void set_primitive_emissivities(const std::vector<float>& values) override {
     scene_.set_primitive_emissivities(values);
   }
-  void shortwave(int32_t n_samples, float sun, float diffuse, float3 sun_dir,
-                 const float* albedos, std::vector<float>& top,
-                 std::vector<float>& bottom) override {
+  void shortwave(int32_t n_samples, float sun, float diffuse, float3 sun_dir, const float* albedos,
+                 std::vector<float>& top, std::vector<float>& bottom) override {
     scene::EnergyBalanceRequest r;
     r.band_type = 0;
     r.n_samples = n_samples;
@@ -91,10 +90,14 @@ auto restoring_thermal_state(VulkanSceneManager& scene, const Run& run) {
     VulkanThermalScene thermal(scene);
     return run(thermal);
   } catch (...) {
-    if (temperatures.empty()) scene.clear_primitive_temperatures();
-    else scene.set_primitive_temperatures(temperatures);
-    if (emissivities.empty()) scene.clear_primitive_emissivities();
-    else scene.set_primitive_emissivities(emissivities);
+    if (temperatures.empty())
+      scene.clear_primitive_temperatures();
+    else
+      scene.set_primitive_temperatures(temperatures);
+    if (emissivities.empty())
+      scene.clear_primitive_emissivities();
+    else
+      scene.set_primitive_emissivities(emissivities);
     throw;
   }
 }

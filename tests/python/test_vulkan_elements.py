@@ -1,6 +1,8 @@
 """The element processes on the Vulkan device (leaf solver, static photosynthesis, SIF
 finalisation and assembly, the leaf-area sampler) against their CPU forms. They trace no
-rays, so one trace path covers them."""
+rays, so one trace path covers them. The coupled processes (energy balance, dynamic
+photosynthesis) do trace, through the energy-balance transport whose two trace paths the
+transport suite compares with the CPU."""
 import numpy as np
 import pytest
 
