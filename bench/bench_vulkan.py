@@ -8,7 +8,9 @@ scene's trace_closest (one thread), simulate_cpu and the photon entries (every t
 simulate_flux_cpu, simulate_forward_cpu, simulate_brf_cpu) on the same scene in
 the same run. On a smaller canopy of the same make (8k leaves), primitives/s of the
 energy-balance transports and pulses/s of the LiDAR scanner, device against CPU; then
-elements/s of the ray-free element programs. Runs are interleaved (CPU, then each path,
+elements/s of the ray-free element programs and of the two coupled processes (energy
+balance, dynamic photosynthesis: the host loop over the device transport) on a small
+canopy (--coupled-tris). Runs are interleaved (CPU, then each path,
 repeated), and each figure is the
 median of the repeats with its spread (min and max) beside it; the ratios are medians of
 the per-round ratios.
@@ -96,6 +98,9 @@ def main():
     ap.add_argument("--rays", type=int, default=200_000)
     ap.add_argument("--elements", type=int, default=100_000)
     ap.add_argument("--sampler-budget", type=int, default=16384)
+    ap.add_argument("--coupled-tris", type=int, default=500,
+                    help="leaf triangles per mesh of the coupled processes' canopy (4 meshes, "
+                         "4 instances, over an 800-triangle ground)")
     ap.add_argument("--only-elements", action="store_true",
                     help="only the element processes and the sampler")
     ap.add_argument("--photons", type=int, default=20_000)
@@ -221,9 +226,31 @@ def element_requests(rng, n):
                 sif_assembly=(assembly, n))
 
 
+def coupled_requests(rng, n):
+    """The two coupled processes over every primitive of a canopy: three damped rounds
+    (a tolerance no round reaches) and the final block, eight samples per side."""
+    u = lambda lo, hi: rng.uniform(lo, hi, n).astype(np.float32)  # noqa: E731
+    full = lambda v: np.full(n, v, np.float32)  # noqa: E731
+    loop = dict(n_samples=8, max_iterations=3, convergence_tolerance=1e-6, damping=0.7)
+    eb = dict(active=np.ones(n, np.uint8), initial_temperature=full(295), emissivity=full(0.96),
+              sidedness=full(2), sensible_derivative=full(15), latent_coefficient=full(0.02),
+              ground_heat=full(5), sw_albedo=full(0.2), air_temperature=297.0,
+              vapor_pressure=1400.0, sky_lw_radiance=105.0, sw_direct=700.0,
+              sw_diffuse_radiance=30.0, sun_dir_x=0.3, sun_dir_y=-0.2, sun_dir_z=0.93, **loop)
+    dyn = dict(active=np.ones(n, np.uint8), fluorescent=np.ones(n, np.uint8), apar=u(50, 1500),
+               absorbed_shortwave=u(30, 600), initial_temperature=full(295),
+               emissivity=full(0.97), sidedness=full(2), leaf_width=full(0.05),
+               stomata_sides=full(1), vcmax25=u(30, 90), jmax25=u(60, 180), rd25=full(1),
+               ball_berry_slope=full(9), ball_berry_intercept=full(0.01), quantum_yield=full(0.03),
+               co2=400.0, relative_humidity=0.6, air_temperature=298.0, vapor_pressure=1500.0,
+               pressure=101.3, wind=1.5, sky_lw_radiance=110.0, **loop)
+    return {"energy_balance_process": eb, "photosynthesis_process_dynamic": dyn}
+
+
 def bench_elements(vk, args, device):
     cpu = vk.EmbreeSceneManager()
-    gpu = vk.VulkanSceneManager(vk.VulkanContext(0))
+    context = vk.VulkanContext(0)
+    gpu = vk.VulkanSceneManager(context)
     entries = {"physiology": "solve_physiology", "physiology_energy_balance": "solve_physiology",
                "photosynthesis_static": "execute_photosynthesis_process_static",
                "sif_finalize": "finalize_sif_process", "sif_assembly": "assemble_sif_source"}
@@ -233,6 +260,19 @@ def bench_elements(vk, args, device):
         for form, scene in (("cpu", cpu), ("vulkan", gpu)):
             fn = getattr(vk, f"{entries[kind]}_{form}")
             runs[(kind, form)] = (lambda f=fn, s=scene, r=request: f(s, r), n, unit)
+    # The coupled processes trace: elements/s is the canopy's primitives over the seconds of
+    # one whole process call (shortwave, rounds, final block, diagnostic solve).
+    shape = dict(n_meshes=4, tris=args.coupled_tris, n_instances=4)
+    canopies = {"cpu": build_canopy(vk, np.random.default_rng(6), **shape)[0],
+                "vulkan": build_canopy(vk, np.random.default_rng(6),
+                                       scene=vk.VulkanSceneManager(context), **shape)[0]}
+    n_coupled = canopies["cpu"].n_primitives()
+    coupled = coupled_requests(np.random.default_rng(7), n_coupled)
+    for kind, request in coupled.items():
+        for form, scene in canopies.items():
+            fn = getattr(vk, f"execute_{kind}_{form}")
+            runs[(kind, form)] = (lambda f=fn, s=scene, r=request: f(s, r), n_coupled,
+                                  "elements/s")
     # The sampler: candidates/s (every candidate tested) and samples/s (accepted ones) over
     # a sphere owner; the candidate sequence is the same for both forms.
     g = vk.make_sphere(1.0, np.zeros(3, np.float32), 3)

@@ -1048,8 +1048,75 @@ def execute_energy_balance_process_cpu(scene: EmbreeSceneManager, request: dict)
     'iterations', 'converged', 'final_max_temperature_change' and '_execution'.
     """
 
+def execute_energy_balance_process_vulkan(scene: VulkanSceneManager, request: dict) -> dict:
+    """execute_energy_balance_process_cpu on the Vulkan scene: the same coupling
+    loop and Newton solve on the host, with the shortwave and longwave
+    transports of run_energy_balance_gpu; executor
+    'vulkan.slang.energy_balance_process'.
+    Steady surface temperature of every scene primitive with fixed exchange
+    coefficients, the primitives trading longwave with each other and the sky. Per
+    element, Newton on Rabs - e s sigma T^4 - Gh (T - Ta) - C (es(T) - ea) - G = 0, inside
+    a coupling loop that reruns the longwave transport at the current temperatures.
+    The scene must be built; it keeps the emissivities and the final temperatures as
+    its per-primitive values. request: 'primitive_material_ids' int32 per primitive
+    (optional 'n_elements' must equal its length),
+    and per material 'material_active' 0/1, 'material_initial_temperature' K,
+    'material_emissivity' 0..1, 'material_sidedness' 1..2 (above 1 the underside takes
+    in radiation too), 'material_sensible_derivative' W m-2 K-1 (Gh),
+    'material_latent_coefficient' W m-2 Pa-1 (C), 'material_ground_heat' W m-2 (G, a
+    sink), 'material_sw_albedo' 0..1; or, without 'primitive_material_ids', the same
+    per primitive as 'active', 'initial_temperature', 'emissivity', 'sidedness',
+    'sensible_derivative', 'latent_coefficient', 'ground_heat', 'sw_albedo' (with an
+    optional 'n_elements' that their lengths must match). Scalars 'air_temperature' K,
+    'vapor_pressure' Pa,
+    'sky_lw_radiance' W m-2 sr-1; optional 'sw_direct' W m-2 (0), 'sw_diffuse_radiance'
+    W m-2 sr-1 (0), 'sun_dir_x', 'sun_dir_y', 'sun_dir_z' toward the sun (0, 0, 1),
+    'n_samples' (64), 'max_iterations' (20), 'convergence_tolerance' K (0.01), 'damping'
+    (1.0), 'newton_max_iterations' (50), 'newton_tolerance' K (1e-3), and
+    'precomputed_shortwave' (False) with 'absorbed_shortwave_top' and '_bottom' per
+    primitive in place of the shortwave transport. Returns per-primitive float32
+    'temperature', the absorbed short- and longwave (top, bottom, sum), 'emitted_longwave',
+    'net_radiation', 'sensible_heat', 'latent_heat', 'ground_heat' W m-2, bool
+    'active_mask' and 'element_converged', 'history' (per round {'iteration', 'max_dT'}),
+    'iterations', 'converged', 'final_max_temperature_change' and '_execution'.
+    """
+
 def execute_photosynthesis_process_dynamic_cpu(scene: EmbreeSceneManager, request: dict) -> dict:
     """Leaf temperature and photosynthesis of every scene primitive, coupled through the
+    longwave they exchange: each round runs the longwave transport at the current
+    temperatures, then the leaf solver (Farquhar, Ball-Berry, energy balance by Newton)
+    per element, and moves the temperatures by 'damping' toward the solved ones until
+    they change by less than 'convergence_tolerance' K. The scene must be built; it
+    keeps the emissivities and the coupled temperatures as its per-primitive values.
+    request, one float32 value per primitive unless noted: 'active', 'fluorescent'
+    0/1 flags (inactive elements keep their temperature and report zeros);
+    optional 'n_elements' int, which must equal the length of 'active';
+    'apar' umol m-2 s-1; 'absorbed_shortwave' W m-2; 'initial_temperature' K;
+    'emissivity' 0..1; 'sidedness' 1..2; 'leaf_width' m; 'stomata_sides';
+    'vcmax25', 'jmax25', 'rd25' umol m-2 s-1; 'ball_berry_slope';
+    'ball_berry_intercept' mol m-2 s-1; 'quantum_yield' 0..1. Scalars: 'co2'
+    umol mol-1, 'relative_humidity' 0..1, 'air_temperature' K, 'vapor_pressure' Pa,
+    'pressure' kPa, 'wind' m s-1, 'sky_lw_radiance' W m-2 sr-1; optional 'n_samples'
+    (64), 'max_iterations' (20), 'convergence_tolerance' (0.01 K), 'damping' (1.0),
+    'physiology_max_iterations' (50), 'physiology_tolerance' (1e-3). With 'conditional'
+    True, also 'sunlit_fraction', 'apar_sunlit', 'apar_shaded', 'shortwave_sunlit',
+    'shortwave_shaded': the result is then the blend f * sunlit + (1 - f) * shaded of two
+    leaf solves at the coupled temperature. Returns per-element 'temperature' K, 'an'
+    umol m-2 s-1, 'gs' mol m-2 s-1, 'ci', 'phi_f', 'apar', 'active_mask',
+    'element_converged', the branch arrays (empty unless conditional),
+    'absorbed_longwave_top', '_bottom', 'absorbed_longwave', 'emitted_longwave',
+    'net_radiation', 'sensible_heat', 'latent_heat' W m-2, 'history' (per round
+    {'iteration', 'max_dT'}), 'iterations', 'converged', 'final_max_temperature_change'
+    and '_execution'. Non-convergence is reported, never raised.
+    """
+
+def execute_photosynthesis_process_dynamic_vulkan(scene: VulkanSceneManager, request: dict) -> dict:
+    """execute_photosynthesis_process_dynamic_cpu on the Vulkan scene: the same
+    coupling loop on the host, with the longwave transport of
+    run_energy_balance_gpu and the leaf solves of solve_physiology_vulkan, one
+    device workspace for all rounds; executor
+    'vulkan.slang.photosynthesis_process_dynamic'.
+    Leaf temperature and photosynthesis of every scene primitive, coupled through the
     longwave they exchange: each round runs the longwave transport at the current
     temperatures, then the leaf solver (Farquhar, Ball-Berry, energy balance by Newton)
     per element, and moves the temperatures by 'damping' toward the solved ones until

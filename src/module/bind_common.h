@@ -94,6 +94,7 @@ void bind_sif_processes(py::module_& m);
 // The Vulkan forms of the element processes and of the leaf-area sampler.
 void bind_processes_vulkan(py::module_& m);
 void bind_photosynthesis_static_vulkan(py::module_& m);
+void bind_energy_balance_processes_vulkan(py::module_& m);
 void bind_sif_processes_vulkan(py::module_& m);
 void bind_turbid_vulkan(py::module_& m);
 void bind_bench(py::module_& m);

@@ -1,6 +1,7 @@
 // Energy balance on the CPU scene: the reverse transports run_energy_balance_cpu and
 // run_energy_balance_multiband_cpu, and the coupled processes
-// execute_photosynthesis_process_dynamic_cpu and execute_energy_balance_process_cpu.
+// execute_photosynthesis_process_dynamic_cpu and execute_energy_balance_process_cpu, with
+// their twins on the Vulkan scene, which read the same request dictionaries.
 #include <optional>
 #include <stdexcept>
 
@@ -10,6 +11,7 @@
 #include "module/bind_transport_args.h"
 #include "physiology/energy_balance_process.h"
 #include "physiology/photosynthesis_dynamic.h"
+#include "vulkan/scene_manager.h"
 
 namespace vesk::module {
 
@@ -166,111 +168,227 @@ void bind_energy_balance_transport(py::module_& m) {
       "stream, so results are the same for any thread count.");
 }
 
-void bind_energy_balance_processes(py::module_& m) {
-  m.def(
-      "execute_photosynthesis_process_dynamic_cpu",
-      [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(request,
-                         {"n_elements",
-                          "active",
-                          "fluorescent",
-                          "apar",
-                          "absorbed_shortwave",
-                          "initial_temperature",
-                          "emissivity",
-                          "sidedness",
-                          "leaf_width",
-                          "stomata_sides",
-                          "vcmax25",
-                          "jmax25",
-                          "rd25",
-                          "ball_berry_slope",
-                          "ball_berry_intercept",
-                          "quantum_yield",
-                          "conditional",
-                          "sunlit_fraction",
-                          "apar_sunlit",
-                          "apar_shaded",
-                          "shortwave_sunlit",
-                          "shortwave_shaded",
-                          "co2",
-                          "relative_humidity",
-                          "air_temperature",
-                          "vapor_pressure",
-                          "pressure",
-                          "wind",
-                          "sky_lw_radiance",
-                          "n_samples",
-                          "max_iterations",
-                          "convergence_tolerance",
-                          "damping",
-                          "physiology_max_iterations",
-                          "physiology_tolerance"},
-                         "execute_photosynthesis_process_dynamic_cpu");
-        RequestArrays a;
-        backend::DynamicPhotosynthesisProcessRequestView v;
-        v.active = a.take_bytes(request, "active");
-        v.n_elements = int32_t(std::min<size_t>(v.active.size, 0x7fffffff));
-        RequestCount elements(request, "n_elements");
-        if (elements.given && elements.value != int64_t(v.active.size))
-          throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
-                                " does not match active of shape (" +
-                                std::to_string(v.active.size) + ",)");
-        v.fluorescent = a.take_bytes(request, "fluorescent");
-        v.apar = a.take(request, "apar");
-        v.absorbed_shortwave = a.take(request, "absorbed_shortwave");
-        v.initial_temperature = a.take(request, "initial_temperature");
-        v.emissivity = a.take(request, "emissivity");
-        v.sidedness = a.take(request, "sidedness");
-        v.leaf_width = a.take(request, "leaf_width");
-        v.stomata_sides = a.take(request, "stomata_sides");
-        v.vcmax25 = a.take(request, "vcmax25");
-        v.jmax25 = a.take(request, "jmax25");
-        v.rd25 = a.take(request, "rd25");
-        v.ball_berry_slope = a.take(request, "ball_berry_slope");
-        v.ball_berry_intercept = a.take(request, "ball_berry_intercept");
-        v.quantum_yield = a.take(request, "quantum_yield");
-        v.conditional = get_or<bool>(request, "conditional", false, "a bool");
-        if (v.conditional) {
-          v.sunlit_fraction = a.take(request, "sunlit_fraction");
-          v.apar_sunlit = a.take(request, "apar_sunlit");
-          v.apar_shaded = a.take(request, "apar_shaded");
-          v.shortwave_sunlit = a.take(request, "shortwave_sunlit");
-          v.shortwave_shaded = a.take(request, "shortwave_shaded");
-        }
-        v.co2 = get<float>(request, "co2", "a float");
-        v.relative_humidity = get<float>(request, "relative_humidity", "a float");
-        v.air_temperature = get<float>(request, "air_temperature", "a float");
-        v.vapor_pressure = get<float>(request, "vapor_pressure", "a float");
-        v.pressure = get<float>(request, "pressure", "a float");
-        v.wind = get<float>(request, "wind", "a float");
-        v.sky_lw_radiance = get<float>(request, "sky_lw_radiance", "a float");
-        v.n_samples = get_or<int32_t>(request, "n_samples", 64, "an int");
-        v.max_iterations = get_or<int32_t>(request, "max_iterations", 20, "an int");
-        v.convergence_tolerance = get_or<float>(request, "convergence_tolerance", 0.01f, "a float");
-        v.damping = get_or<float>(request, "damping", 1.0f, "a float");
-        v.physiology_max_iterations =
-            get_or<int32_t>(request, "physiology_max_iterations", 50, "an int");
-        v.physiology_tolerance = get_or<float>(request, "physiology_tolerance", 1e-3f, "a float");
-        backend::DynamicPhotosynthesisResult r = scene.execute_photosynthesis_process_dynamic(v);
-        py::dict d;
-        d["temperature"] = per_element(std::move(r.temperature));
-        d["an"] = per_element(std::move(r.an));
-        d["gs"] = per_element(std::move(r.gs));
-        d["ci"] = per_element(std::move(r.ci));
-        d["phi_f"] = per_element(std::move(r.phi_f));
-        d["apar"] = per_element(std::move(r.apar));
-        d["temperature_sunlit"] = per_element(std::move(r.temperature_sunlit));
-        d["temperature_shaded"] = per_element(std::move(r.temperature_shaded));
-        d["sunlit_fraction"] = per_element(std::move(r.sunlit_fraction));
-        d["apar_sunlit"] = per_element(std::move(r.apar_sunlit));
-        d["apar_shaded"] = per_element(std::move(r.apar_shaded));
-        d["an_sunlit"] = per_element(std::move(r.an_sunlit));
-        d["an_shaded"] = per_element(std::move(r.an_shaded));
-        put_coupled(d, r);
-        return d;
-      },
-      py::arg("scene"), py::arg("request"),
+namespace {
+
+template <class Scene>
+py::dict dynamic_photosynthesis_entry(Scene& scene, const py::dict& request, const char* entry) {
+  warn_unread_keys(request,
+                   {"n_elements",
+                    "active",
+                    "fluorescent",
+                    "apar",
+                    "absorbed_shortwave",
+                    "initial_temperature",
+                    "emissivity",
+                    "sidedness",
+                    "leaf_width",
+                    "stomata_sides",
+                    "vcmax25",
+                    "jmax25",
+                    "rd25",
+                    "ball_berry_slope",
+                    "ball_berry_intercept",
+                    "quantum_yield",
+                    "conditional",
+                    "sunlit_fraction",
+                    "apar_sunlit",
+                    "apar_shaded",
+                    "shortwave_sunlit",
+                    "shortwave_shaded",
+                    "co2",
+                    "relative_humidity",
+                    "air_temperature",
+                    "vapor_pressure",
+                    "pressure",
+                    "wind",
+                    "sky_lw_radiance",
+                    "n_samples",
+                    "max_iterations",
+                    "convergence_tolerance",
+                    "damping",
+                    "physiology_max_iterations",
+                    "physiology_tolerance"},
+                   entry);
+  RequestArrays a;
+  backend::DynamicPhotosynthesisProcessRequestView v;
+  v.active = a.take_bytes(request, "active");
+  v.n_elements = int32_t(std::min<size_t>(v.active.size, 0x7fffffff));
+  RequestCount elements(request, "n_elements");
+  if (elements.given && elements.value != int64_t(v.active.size))
+    throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
+                          " does not match active of shape (" +
+                          std::to_string(v.active.size) + ",)");
+  v.fluorescent = a.take_bytes(request, "fluorescent");
+  v.apar = a.take(request, "apar");
+  v.absorbed_shortwave = a.take(request, "absorbed_shortwave");
+  v.initial_temperature = a.take(request, "initial_temperature");
+  v.emissivity = a.take(request, "emissivity");
+  v.sidedness = a.take(request, "sidedness");
+  v.leaf_width = a.take(request, "leaf_width");
+  v.stomata_sides = a.take(request, "stomata_sides");
+  v.vcmax25 = a.take(request, "vcmax25");
+  v.jmax25 = a.take(request, "jmax25");
+  v.rd25 = a.take(request, "rd25");
+  v.ball_berry_slope = a.take(request, "ball_berry_slope");
+  v.ball_berry_intercept = a.take(request, "ball_berry_intercept");
+  v.quantum_yield = a.take(request, "quantum_yield");
+  v.conditional = get_or<bool>(request, "conditional", false, "a bool");
+  if (v.conditional) {
+    v.sunlit_fraction = a.take(request, "sunlit_fraction");
+    v.apar_sunlit = a.take(request, "apar_sunlit");
+    v.apar_shaded = a.take(request, "apar_shaded");
+    v.shortwave_sunlit = a.take(request, "shortwave_sunlit");
+    v.shortwave_shaded = a.take(request, "shortwave_shaded");
+  }
+  v.co2 = get<float>(request, "co2", "a float");
+  v.relative_humidity = get<float>(request, "relative_humidity", "a float");
+  v.air_temperature = get<float>(request, "air_temperature", "a float");
+  v.vapor_pressure = get<float>(request, "vapor_pressure", "a float");
+  v.pressure = get<float>(request, "pressure", "a float");
+  v.wind = get<float>(request, "wind", "a float");
+  v.sky_lw_radiance = get<float>(request, "sky_lw_radiance", "a float");
+  v.n_samples = get_or<int32_t>(request, "n_samples", 64, "an int");
+  v.max_iterations = get_or<int32_t>(request, "max_iterations", 20, "an int");
+  v.convergence_tolerance = get_or<float>(request, "convergence_tolerance", 0.01f, "a float");
+  v.damping = get_or<float>(request, "damping", 1.0f, "a float");
+  v.physiology_max_iterations =
+      get_or<int32_t>(request, "physiology_max_iterations", 50, "an int");
+  v.physiology_tolerance = get_or<float>(request, "physiology_tolerance", 1e-3f, "a float");
+  backend::DynamicPhotosynthesisResult r = scene.execute_photosynthesis_process_dynamic(v);
+  py::dict d;
+  d["temperature"] = per_element(std::move(r.temperature));
+  d["an"] = per_element(std::move(r.an));
+  d["gs"] = per_element(std::move(r.gs));
+  d["ci"] = per_element(std::move(r.ci));
+  d["phi_f"] = per_element(std::move(r.phi_f));
+  d["apar"] = per_element(std::move(r.apar));
+  d["temperature_sunlit"] = per_element(std::move(r.temperature_sunlit));
+  d["temperature_shaded"] = per_element(std::move(r.temperature_shaded));
+  d["sunlit_fraction"] = per_element(std::move(r.sunlit_fraction));
+  d["apar_sunlit"] = per_element(std::move(r.apar_sunlit));
+  d["apar_shaded"] = per_element(std::move(r.apar_shaded));
+  d["an_sunlit"] = per_element(std::move(r.an_sunlit));
+  d["an_shaded"] = per_element(std::move(r.an_shaded));
+  put_coupled(d, r);
+  return d;
+}
+
+template <class Scene>
+py::dict energy_balance_process_entry(Scene& scene, const py::dict& request, const char* entry) {
+  warn_unread_keys(request,
+                   {"n_elements",
+                    "active",
+                    "initial_temperature",
+                    "emissivity",
+                    "sidedness",
+                    "sensible_derivative",
+                    "latent_coefficient",
+                    "ground_heat",
+                    "sw_albedo",
+                    "primitive_material_ids",
+                    "material_active",
+                    "material_initial_temperature",
+                    "material_emissivity",
+                    "material_sidedness",
+                    "material_sensible_derivative",
+                    "material_latent_coefficient",
+                    "material_ground_heat",
+                    "material_sw_albedo",
+                    "precomputed_shortwave",
+                    "absorbed_shortwave_top",
+                    "absorbed_shortwave_bottom",
+                    "air_temperature",
+                    "vapor_pressure",
+                    "sky_lw_radiance",
+                    "sw_direct",
+                    "sw_diffuse_radiance",
+                    "sun_dir_x",
+                    "sun_dir_y",
+                    "sun_dir_z",
+                    "n_samples",
+                    "max_iterations",
+                    "convergence_tolerance",
+                    "damping",
+                    "newton_max_iterations",
+                    "newton_tolerance"},
+                   entry);
+  RequestArrays a;
+  backend::EnergyBalanceProcessRequestView v;
+  // Per material (primitive_material_ids and material_*), or per element under the
+  // view's own names; the vectors hold the fanned-out values of the first form.
+  std::vector<uint8_t> active;
+  std::vector<float> t0, emis, sides, gh, le, g, alb;
+  RequestCount elements(request, "n_elements");
+  if (request.contains("primitive_material_ids")) {
+    for (const char* k : PER_ELEMENT_KEYS)
+      if (request.contains(k))
+        throw py::value_error(std::string("request['") + k +
+                              "'] is per element, but the request gives per-material "
+                              "values with primitive_material_ids");
+    const backend::IntSpan ids_span = a.take_ints(request, "primitive_material_ids");
+    const std::vector<int32_t> ids(ids_span.data, ids_span.data + ids_span.size);
+    if (elements.given && elements.value != int64_t(ids.size()))
+      throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
+                            " does not match primitive_material_ids of shape (" +
+                            std::to_string(ids.size()) + ",)");
+    active = fan_out<uint8_t>(request, "material_active", ids, "an array of 0/1 flags");
+    const char* fl = "a float array";
+    t0 = fan_out<float>(request, "material_initial_temperature", ids, fl);
+    emis = fan_out<float>(request, "material_emissivity", ids, fl);
+    sides = fan_out<float>(request, "material_sidedness", ids, fl);
+    gh = fan_out<float>(request, "material_sensible_derivative", ids, fl);
+    le = fan_out<float>(request, "material_latent_coefficient", ids, fl);
+    g = fan_out<float>(request, "material_ground_heat", ids, fl);
+    alb = fan_out<float>(request, "material_sw_albedo", ids, fl);
+    v.n_elements = int32_t(std::min<size_t>(ids.size(), 0x7fffffff));
+    v.active = span_of(active);
+    v.initial_temperature = span_of(t0), v.emissivity = span_of(emis);
+    v.sidedness = span_of(sides), v.sensible_derivative = span_of(gh);
+    v.latent_coefficient = span_of(le), v.ground_heat = span_of(g);
+    v.sw_albedo = span_of(alb);
+  } else {
+    v.active = a.take_bytes(request, "active");
+    v.n_elements = elements.given ? elements.get32()
+                                  : int32_t(std::min<size_t>(v.active.size, 0x7fffffff));
+    v.initial_temperature = a.take(request, "initial_temperature");
+    v.emissivity = a.take(request, "emissivity");
+    v.sidedness = a.take(request, "sidedness");
+    v.sensible_derivative = a.take(request, "sensible_derivative");
+    v.latent_coefficient = a.take(request, "latent_coefficient");
+    v.ground_heat = a.take(request, "ground_heat");
+    v.sw_albedo = a.take(request, "sw_albedo");
+  }
+  v.precomputed_shortwave = get_or<bool>(request, "precomputed_shortwave", false, "a bool");
+  if (v.precomputed_shortwave) {
+    v.absorbed_shortwave_top = a.take(request, "absorbed_shortwave_top");
+    v.absorbed_shortwave_bottom = a.take(request, "absorbed_shortwave_bottom");
+  }
+  v.air_temperature = get<float>(request, "air_temperature", "a float");
+  v.vapor_pressure = get<float>(request, "vapor_pressure", "a float");
+  v.sky_lw_radiance = get<float>(request, "sky_lw_radiance", "a float");
+  v.sw_direct = get_or<float>(request, "sw_direct", 0.0f, "a float");
+  v.sw_diffuse_radiance = get_or<float>(request, "sw_diffuse_radiance", 0.0f, "a float");
+  v.sun_dir_x = get_or<float>(request, "sun_dir_x", 0.0f, "a float");
+  v.sun_dir_y = get_or<float>(request, "sun_dir_y", 0.0f, "a float");
+  v.sun_dir_z = get_or<float>(request, "sun_dir_z", 1.0f, "a float");
+  v.n_samples = get_or<int32_t>(request, "n_samples", 64, "an int");
+  v.max_iterations = get_or<int32_t>(request, "max_iterations", 20, "an int");
+  v.convergence_tolerance = get_or<float>(request, "convergence_tolerance", 0.01f, "a float");
+  v.damping = get_or<float>(request, "damping", 1.0f, "a float");
+  v.newton_max_iterations = get_or<int32_t>(request, "newton_max_iterations", 50, "an int");
+  v.newton_tolerance = get_or<float>(request, "newton_tolerance", 1e-3f, "a float");
+  backend::EnergyBalanceProcessResult r = scene.execute_energy_balance_process(v);
+  py::dict d;
+  d["temperature"] = per_element(std::move(r.temperature));
+  d["absorbed_shortwave_top"] = per_element(std::move(r.absorbed_shortwave_top));
+  d["absorbed_shortwave_bottom"] = per_element(std::move(r.absorbed_shortwave_bottom));
+  d["absorbed_shortwave"] = per_element(std::move(r.absorbed_shortwave));
+  d["ground_heat"] = per_element(std::move(r.ground_heat));
+  put_coupled(d, r);
+  return d;
+}
+
+constexpr const char* DYNAMIC_PHOTOSYNTHESIS_DOC =
       "Leaf temperature and photosynthesis of every scene primitive, coupled through the\n"
       "longwave they exchange: each round runs the longwave transport at the current\n"
       "temperatures, then the leaf solver (Farquhar, Ball-Berry, energy balance by Newton)\n"
@@ -296,124 +414,9 @@ void bind_energy_balance_processes(py::module_& m) {
       "'absorbed_longwave_top', '_bottom', 'absorbed_longwave', 'emitted_longwave',\n"
       "'net_radiation', 'sensible_heat', 'latent_heat' W m-2, 'history' (per round\n"
       "{'iteration', 'max_dT'}), 'iterations', 'converged', 'final_max_temperature_change'\n"
-      "and '_execution'. Non-convergence is reported, never raised.");
+      "and '_execution'. Non-convergence is reported, never raised.";
 
-  m.def(
-      "execute_energy_balance_process_cpu",
-      [](EmbreeSceneManager& scene, const py::dict& request) {
-        warn_unread_keys(request,
-                         {"n_elements",
-                          "active",
-                          "initial_temperature",
-                          "emissivity",
-                          "sidedness",
-                          "sensible_derivative",
-                          "latent_coefficient",
-                          "ground_heat",
-                          "sw_albedo",
-                          "primitive_material_ids",
-                          "material_active",
-                          "material_initial_temperature",
-                          "material_emissivity",
-                          "material_sidedness",
-                          "material_sensible_derivative",
-                          "material_latent_coefficient",
-                          "material_ground_heat",
-                          "material_sw_albedo",
-                          "precomputed_shortwave",
-                          "absorbed_shortwave_top",
-                          "absorbed_shortwave_bottom",
-                          "air_temperature",
-                          "vapor_pressure",
-                          "sky_lw_radiance",
-                          "sw_direct",
-                          "sw_diffuse_radiance",
-                          "sun_dir_x",
-                          "sun_dir_y",
-                          "sun_dir_z",
-                          "n_samples",
-                          "max_iterations",
-                          "convergence_tolerance",
-                          "damping",
-                          "newton_max_iterations",
-                          "newton_tolerance"},
-                         "execute_energy_balance_process_cpu");
-        RequestArrays a;
-        backend::EnergyBalanceProcessRequestView v;
-        // Per material (primitive_material_ids and material_*), or per element under the
-        // view's own names; the vectors hold the fanned-out values of the first form.
-        std::vector<uint8_t> active;
-        std::vector<float> t0, emis, sides, gh, le, g, alb;
-        RequestCount elements(request, "n_elements");
-        if (request.contains("primitive_material_ids")) {
-          for (const char* k : PER_ELEMENT_KEYS)
-            if (request.contains(k))
-              throw py::value_error(std::string("request['") + k +
-                                    "'] is per element, but the request gives per-material "
-                                    "values with primitive_material_ids");
-          const backend::IntSpan ids_span = a.take_ints(request, "primitive_material_ids");
-          const std::vector<int32_t> ids(ids_span.data, ids_span.data + ids_span.size);
-          if (elements.given && elements.value != int64_t(ids.size()))
-            throw py::value_error("request['n_elements'] = " + std::to_string(elements.value) +
-                                  " does not match primitive_material_ids of shape (" +
-                                  std::to_string(ids.size()) + ",)");
-          active = fan_out<uint8_t>(request, "material_active", ids, "an array of 0/1 flags");
-          const char* fl = "a float array";
-          t0 = fan_out<float>(request, "material_initial_temperature", ids, fl);
-          emis = fan_out<float>(request, "material_emissivity", ids, fl);
-          sides = fan_out<float>(request, "material_sidedness", ids, fl);
-          gh = fan_out<float>(request, "material_sensible_derivative", ids, fl);
-          le = fan_out<float>(request, "material_latent_coefficient", ids, fl);
-          g = fan_out<float>(request, "material_ground_heat", ids, fl);
-          alb = fan_out<float>(request, "material_sw_albedo", ids, fl);
-          v.n_elements = int32_t(std::min<size_t>(ids.size(), 0x7fffffff));
-          v.active = span_of(active);
-          v.initial_temperature = span_of(t0), v.emissivity = span_of(emis);
-          v.sidedness = span_of(sides), v.sensible_derivative = span_of(gh);
-          v.latent_coefficient = span_of(le), v.ground_heat = span_of(g);
-          v.sw_albedo = span_of(alb);
-        } else {
-          v.active = a.take_bytes(request, "active");
-          v.n_elements = elements.given ? elements.get32()
-                                        : int32_t(std::min<size_t>(v.active.size, 0x7fffffff));
-          v.initial_temperature = a.take(request, "initial_temperature");
-          v.emissivity = a.take(request, "emissivity");
-          v.sidedness = a.take(request, "sidedness");
-          v.sensible_derivative = a.take(request, "sensible_derivative");
-          v.latent_coefficient = a.take(request, "latent_coefficient");
-          v.ground_heat = a.take(request, "ground_heat");
-          v.sw_albedo = a.take(request, "sw_albedo");
-        }
-        v.precomputed_shortwave = get_or<bool>(request, "precomputed_shortwave", false, "a bool");
-        if (v.precomputed_shortwave) {
-          v.absorbed_shortwave_top = a.take(request, "absorbed_shortwave_top");
-          v.absorbed_shortwave_bottom = a.take(request, "absorbed_shortwave_bottom");
-        }
-        v.air_temperature = get<float>(request, "air_temperature", "a float");
-        v.vapor_pressure = get<float>(request, "vapor_pressure", "a float");
-        v.sky_lw_radiance = get<float>(request, "sky_lw_radiance", "a float");
-        v.sw_direct = get_or<float>(request, "sw_direct", 0.0f, "a float");
-        v.sw_diffuse_radiance = get_or<float>(request, "sw_diffuse_radiance", 0.0f, "a float");
-        v.sun_dir_x = get_or<float>(request, "sun_dir_x", 0.0f, "a float");
-        v.sun_dir_y = get_or<float>(request, "sun_dir_y", 0.0f, "a float");
-        v.sun_dir_z = get_or<float>(request, "sun_dir_z", 1.0f, "a float");
-        v.n_samples = get_or<int32_t>(request, "n_samples", 64, "an int");
-        v.max_iterations = get_or<int32_t>(request, "max_iterations", 20, "an int");
-        v.convergence_tolerance = get_or<float>(request, "convergence_tolerance", 0.01f, "a float");
-        v.damping = get_or<float>(request, "damping", 1.0f, "a float");
-        v.newton_max_iterations = get_or<int32_t>(request, "newton_max_iterations", 50, "an int");
-        v.newton_tolerance = get_or<float>(request, "newton_tolerance", 1e-3f, "a float");
-        backend::EnergyBalanceProcessResult r = scene.execute_energy_balance_process(v);
-        py::dict d;
-        d["temperature"] = per_element(std::move(r.temperature));
-        d["absorbed_shortwave_top"] = per_element(std::move(r.absorbed_shortwave_top));
-        d["absorbed_shortwave_bottom"] = per_element(std::move(r.absorbed_shortwave_bottom));
-        d["absorbed_shortwave"] = per_element(std::move(r.absorbed_shortwave));
-        d["ground_heat"] = per_element(std::move(r.ground_heat));
-        put_coupled(d, r);
-        return d;
-      },
-      py::arg("scene"), py::arg("request"),
+constexpr const char* ENERGY_BALANCE_PROCESS_DOC =
       "Steady surface temperature of every scene primitive with fixed exchange\n"
       "coefficients, the primitives trading longwave with each other and the sky. Per\n"
       "element, Newton on Rabs - e s sigma T^4 - Gh (T - Ta) - C (es(T) - ea) - G = 0, inside\n"
@@ -439,7 +442,54 @@ void bind_energy_balance_processes(py::module_& m) {
       "'temperature', the absorbed short- and longwave (top, bottom, sum), 'emitted_longwave',\n"
       "'net_radiation', 'sensible_heat', 'latent_heat', 'ground_heat' W m-2, bool\n"
       "'active_mask' and 'element_converged', 'history' (per round {'iteration', 'max_dT'}),\n"
-      "'iterations', 'converged', 'final_max_temperature_change' and '_execution'.");
+      "'iterations', 'converged', 'final_max_temperature_change' and '_execution'.";
+
+}  // namespace
+
+void bind_energy_balance_processes(py::module_& m) {
+  m.def(
+      "execute_photosynthesis_process_dynamic_cpu",
+      [](EmbreeSceneManager& scene, const py::dict& request) {
+        return dynamic_photosynthesis_entry(scene, request,
+                                            "execute_photosynthesis_process_dynamic_cpu");
+      },
+      py::arg("scene"), py::arg("request"), DYNAMIC_PHOTOSYNTHESIS_DOC);
+  m.def(
+      "execute_energy_balance_process_cpu",
+      [](EmbreeSceneManager& scene, const py::dict& request) {
+        return energy_balance_process_entry(scene, request, "execute_energy_balance_process_cpu");
+      },
+      py::arg("scene"), py::arg("request"), ENERGY_BALANCE_PROCESS_DOC);
+}
+
+void bind_energy_balance_processes_vulkan(py::module_& m) {
+  m.def(
+      "execute_photosynthesis_process_dynamic_vulkan",
+      [](vulkan::VulkanSceneManager& scene, const py::dict& request) {
+        return dynamic_photosynthesis_entry(scene, request,
+                                            "execute_photosynthesis_process_dynamic_vulkan");
+      },
+      py::arg("scene"), py::arg("request"),
+      (std::string("execute_photosynthesis_process_dynamic_cpu on the Vulkan scene: the same\n"
+                   "coupling loop on the host, with the longwave transport of\n"
+                   "run_energy_balance_gpu and the leaf solves of solve_physiology_vulkan, one\n"
+                   "device workspace for all rounds; executor\n"
+                   "'vulkan.slang.photosynthesis_process_dynamic'.\n") +
+       DYNAMIC_PHOTOSYNTHESIS_DOC)
+          .c_str());
+  m.def(
+      "execute_energy_balance_process_vulkan",
+      [](vulkan::VulkanSceneManager& scene, const py::dict& request) {
+        return energy_balance_process_entry(scene, request,
+                                            "execute_energy_balance_process_vulkan");
+      },
+      py::arg("scene"), py::arg("request"),
+      (std::string("execute_energy_balance_process_cpu on the Vulkan scene: the same coupling\n"
+                   "loop and Newton solve on the host, with the shortwave and longwave\n"
+                   "transports of run_energy_balance_gpu; executor\n"
+                   "'vulkan.slang.energy_balance_process'.\n") +
+       ENERGY_BALANCE_PROCESS_DOC)
+          .c_str());
 }
 
 }  // namespace vesk::module

@@ -162,6 +162,7 @@ void bind_processes_vulkan(py::module_& m) {
        PHYSIOLOGY_DOC)
           .c_str());
   bind_photosynthesis_static_vulkan(m);
+  bind_energy_balance_processes_vulkan(m);
   bind_sif_processes_vulkan(m);
 }
 

@@ -88,7 +88,8 @@ struct LeafBatch {
 // coupling, and its inputs (an emissivity of 0, say) need not suit the solver.
 class LeafSolves {
  public:
-  LeafSolves(const backend::DynamicPhotosynthesisProcessRequestView& v) : v_(v) {
+  LeafSolves(const backend::DynamicPhotosynthesisProcessRequestView& v, LeafBatchSolver* solver)
+      : v_(v), solver_(solver) {
     const size_t n = size_t(v.n_elements);
     for (size_t i = 0; i < n; ++i)
       if (v.active[i]) index_.push_back(i);
@@ -149,16 +150,22 @@ class LeafSolves {
     q.leaf_width = span(width_), q.stomata_sides = span(stomata_);
     q.max_iterations = v_.physiology_max_iterations;
     q.tolerance = v_.physiology_tolerance;
-    backend::solve_physiology(q, result_);
+    if (solver_) solver_->solve(q, result_);
+    else backend::solve_physiology(q, result_);
     for (size_t k = 0; k < m; ++k) {
       const size_t i = index_[k];
       out.temperature[i] = result_.temperature[k];
+      out.converged[i] = result_.converged[k];
+    }
+    // A device solver reads back only temperature and convergence from the loop's rounds.
+    if (!q.read_back_outputs) return;
+    for (size_t k = 0; k < m; ++k) {
+      const size_t i = index_[k];
       out.an[i] = result_.an[k], out.gs[i] = result_.gs[k], out.ci[i] = result_.ci[k];
       out.phi_f[i] = result_.phi_f[k];
       out.net_radiation[i] = result_.net_radiation[k];
       out.sensible_heat[i] = result_.sensible_heat[k];
       out.latent_heat[i] = result_.latent_heat[k];
-      out.converged[i] = result_.converged[k];
     }
   }
 
@@ -174,6 +181,7 @@ class LeafSolves {
   static backend::FloatSpan span(const std::vector<float>& v) { return {v.data(), v.size()}; }
 
   const backend::DynamicPhotosynthesisProcessRequestView& v_;
+  LeafBatchSolver* solver_;
   std::vector<size_t> index_;
   std::vector<float> co2_, rh_, vpd_, pressure_, wind_, air_, vapor_, apar_, sw_;
   std::vector<float> emissivity_, sidedness_, width_, stomata_, vcmax_, jmax_, rd_;
@@ -186,7 +194,8 @@ class LeafSolves {
 }  // namespace
 
 backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
-    ThermalScene& scene, const backend::DynamicPhotosynthesisProcessRequestView& v) {
+    ThermalScene& scene, const backend::DynamicPhotosynthesisProcessRequestView& v,
+    LeafBatchSolver* solver) {
   backend::validate_dynamic_photosynthesis_request(v);
   const size_t n = size_t(v.n_elements);
   if (scene.n_primitives() != n)
@@ -196,7 +205,7 @@ backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
                    "embree.cpu.photosynthesis_process_dynamic", true};
   scene.set_primitive_emissivities(std::vector<float>(v.emissivity.data, v.emissivity.data + n));
 
-  LeafSolves solves(v);
+  LeafSolves solves(v, solver);
   const CouplingSettings cs = coupling_settings(v);
   RadiativeTemperatureCouplingResult<LeafBatch> c = couple_radiative_temperatures<LeafBatch>(
       scene, std::vector<float>(v.initial_temperature.data, v.initial_temperature.data + n), cs,

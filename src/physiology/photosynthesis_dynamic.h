@@ -10,6 +10,7 @@
 #include "core/execution.h"
 #include "core/span.h"
 #include "physiology/coupling.h"
+#include "physiology/leaf_solver.h"
 
 namespace vesk::backend {
 
@@ -54,10 +55,20 @@ void validate_dynamic_photosynthesis_request(const DynamicPhotosynthesisProcessR
 
 namespace vesk::physiology {
 
+// Where the loop's leaf solves run: the host solver unless a caller brings another (the
+// device's). Every call of one process has the same element count and the same leaf
+// parameters; only apar, temperatures and the absorbed radiation change between calls.
+class LeafBatchSolver {
+ public:
+  virtual ~LeafBatchSolver() = default;
+  virtual void solve(const backend::PhysiologyRequestView& view, backend::PhysiologyResult& out) = 0;
+};
+
 // Validates, checks the element count against the scene, sets the scene's emissivities
 // and runs the coupling with the leaf solver. The scene's primitive temperatures end at
 // the returned temperatures.
 backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
-    ThermalScene& scene, const backend::DynamicPhotosynthesisProcessRequestView& view);
+    ThermalScene& scene, const backend::DynamicPhotosynthesisProcessRequestView& view,
+    LeafBatchSolver* solver = nullptr);
 
 }  // namespace vesk::physiology

@@ -12,7 +12,9 @@
 #include "core/optical_products.h"
 #include "core/progress.h"
 #include "core/types.h"
+#include "physiology/energy_balance_process.h"
 #include "physiology/leaf_solver.h"
+#include "physiology/photosynthesis_dynamic.h"
 #include "physiology/photosynthesis_static.h"
 #include "physiology/sif_assembly.h"
 #include "physiology/sif_finalization.h"
@@ -115,6 +117,14 @@ class VulkanSceneManager : public scene::SceneModel {
   backend::SifProcessResult finalize_sif_process(const backend::SifProcessRequestView& v) const;
   backend::SifSourceAssemblyResult assemble_sif_source(
       const backend::SifSourceAssemblyRequestView& v) const;
+  // The coupled processes of the CPU scene (scene_physiology.cpp): the same host loop, with
+  // the device energy-balance transport and, for the dynamic photosynthesis, the device
+  // leaf solver. The scene keeps the emissivities and the final temperatures; a failure
+  // puts both back as they were.
+  backend::EnergyBalanceProcessResult execute_energy_balance_process(
+      const backend::EnergyBalanceProcessRequestView& v);
+  backend::DynamicPhotosynthesisResult execute_photosynthesis_process_dynamic(
+      const backend::DynamicPhotosynthesisProcessRequestView& v);
   // The leaf-area sampler's driver with the device as candidate filler.
   turbid::TurbidSamplingDebugResult debug_turbid_samples(
       const turbid::TurbidSamplingDebugRequest& request) const;

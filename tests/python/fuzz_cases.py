@@ -270,6 +270,7 @@ vk.execute_energy_balance_process_cpu s:s e:ebreq() | vk.execute_photosynthesis_
 vk.finalize_sif_process_cpu s:s g:sifreq() | vk.assemble_sif_source_cpu s:s a:asmreq()
 vk.solve_physiology_vulkan s:s r:req() | vk.execute_photosynthesis_process_static_vulkan s:s q:preq()
 vk.finalize_sif_process_vulkan s:s g:sifreq() | vk.assemble_sif_source_vulkan s:s a:asmreq()
+vk.execute_energy_balance_process_vulkan s:s e:ebreq() | vk.execute_photosynthesis_process_dynamic_vulkan s:s d:dynreq()
 vk._debug_turbid_samples_vulkan s:s t:treq() x:'preview' i:7 !i:64 !i:0
 vk.simulate_lidar_cpu s:s fa:np.array([1.0,1.0,5.0],F) fa:np.array([0.0,0.0,-1.0],F) i:1 \
 f:0.0005 !i:4 f:1.0 f:0.1 !f:0.15 f:0.0 !f:10.0 !i:1 f:4.0 f:1e-8 i:5 b:False
