@@ -72,6 +72,13 @@ backend::OpticalProductResult VulkanSceneManager::simulate_backward(
     throw std::invalid_argument(
         "simulate_backward: the Vulkan tracer does not read instance SIF source fields of "
         "leaves in optical turbid media; render such scenes with simulate_cpu");
+  // The CPU tracer gives leaves in media the sunlit and shaded temperatures of their
+  // instance's thermal state; the device one would silently use the material's instead.
+  if (has_optical_media() && emission_mode_ == scene::EMISSION_THERMAL &&
+      instance_turbid_thermal_state().temperature_sunlit.size() == size_t(num_instances()))
+    throw std::invalid_argument(
+        "simulate_backward: the Vulkan tracer does not read instance turbid thermal states of "
+        "leaves in optical turbid media; render such scenes with simulate_cpu");
   if (!context_.has_shader_int64_float64())
     throw std::runtime_error(
         "Vulkan: the backward tracer needs 64-bit integers and floats in shaders (shaderInt64 "

@@ -164,3 +164,12 @@ def test_media_set_after_the_build_and_unknown_leaf_materials(context):
     gpu.set_optical_turbid_media([1.0], [0], [1], [0.3], [-1, 0, 0])
     with pytest.raises(ValueError, match="^Vulkan: material 2 has type 7"):
         gpu.simulate_backward(spp=1)
+    # Conditional temperatures of the leaves in media are the host tracer's alone: the
+    # device refuses them rather than render the material's temperature in their place.
+    thermal = vk.VulkanSceneManager(context, "trace_closest.spv")
+    crowns(thermal, thermal=True)
+    thermal.build()
+    n = thermal.num_instances()
+    thermal.set_instance_turbid_thermal_state(*(np.full(n, v, F) for v in (300, 290, 0.5, 0.97)))
+    with pytest.raises(ValueError, match="does not read instance turbid thermal states"):
+        thermal.simulate_backward(spp=1)
