@@ -58,8 +58,7 @@ for path in query pipeline; do
   if [ "$has" != 1 ]; then echo "no $path path on this device" >"$results/tests-$path.log"; continue; fi
   {
     VESK_VULKAN_TRACE=$path "$build/vesk_tests" --gtest_brief=1 --gtest_filter='Vulkan*'
-    VESK_VULKAN_TRACE=$path "$py" -m pytest -q -p no:cacheprovider tests/python/test_vulkan.py \
-      tests/python/test_vulkan_microwave.py
+    VESK_VULKAN_TRACE=$path "$py" -m pytest -q -p no:cacheprovider tests/python/test_vulkan*.py
   } >"$results/tests-$path.log" 2>&1 || status=1
   tail -1 "$results/tests-$path.log"
 done
